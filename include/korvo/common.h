@@ -37,6 +37,8 @@ struct Vec3 {
     bool operator>=(const Vec3& o) const { return x >= o.x && y >= o.y && z >= o.z; }
     bool operator<(const Vec3& o) const { return x < o.x || y < o.y || z < o.z; }
     bool operator<=(const Vec3& o) const { return x <= o.x || y <= o.y || z <= o.z; }
+    // Every component above the scalar.
+    bool operator>(T scalar) const { return x > scalar && y > scalar && z > scalar; }
     bool operator==(const Vec3& o) const { return x == o.x && y == o.y && z == o.z; }
     bool operator!=(const Vec3& o) const { return !(*this == o); }
 };
