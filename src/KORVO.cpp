@@ -1,0 +1,389 @@
+#include "KORVO.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "BlockCollection.h"
+#include "korvo/Threading.h"
+#include "noise/psd.h"
+#include "noise/variances.h"
+#include "process_reference_location.h"
+#include "transforms/tables.h"
+
+const char* MissingTransformException::what() const noexcept {
+    return "No transform was passed, and no internal transform could be found to replace it!";
+}
+
+namespace korvo_detail {
+namespace {
+std::atomic<StageMonitor*> activeMonitor{nullptr};
+}
+void setStageMonitor(StageMonitor* monitor) { activeMonitor.store(monitor); }
+StageMonitor* stageMonitor() { return activeMonitor.load(); }
+}  // namespace korvo_detail
+
+namespace {
+void report(const char* message) {
+    std::fprintf(stderr, "%s\n", message);
+    std::fflush(stderr);
+}
+
+int component(const Vec3<int>& v, int axis) { return axis == 0 ? v.x : (axis == 1 ? v.y : v.z); }
+
+template <typename T>
+struct ThreadMemory {
+    Memory<T> memory;
+    TempMemory<T> tempMemory;
+    std::shared_ptr<BlockCollection<T>> noisyCollection;
+    std::shared_ptr<BlockCollection<T>> pilotCollection;
+
+    explicit ThreadMemory(const Parameters& params, const Vec3<int>& varianceExtents)
+        : memory(allocateMemory<T>(params)), tempMemory(createTempMemory<T>(params)) {
+        memory.varianceExtents = varianceExtents;
+    }
+    ~ThreadMemory() {
+        noisyCollection.reset();
+        pilotCollection.reset();
+    }
+};
+
+// Everything the stage loop allocates for one call, released on every way out.
+template <typename T>
+struct StageResources {
+    const TransformsMeta<T>& meta;
+    float* distanceCorrection = nullptr;
+    float* kernel = nullptr;
+    float* localVariance = nullptr;
+
+    explicit StageResources(const TransformsMeta<T>& m) : meta(m) {}
+    ~StageResources() {
+        std::free(distanceCorrection);
+        std::free(kernel);
+        std::free(localVariance);
+        std::free(meta.groupForwardKinds);
+        std::free(meta.groupInverseKinds);
+        ThreadPool::THREAD_POOL.clearPool();
+    }
+};
+
+// Reference grid of one stage: positions per axis and the enumeration that
+// numbers them (the row of the match storage).
+struct ReferenceGrid {
+    Vec3<int> last;
+    Vec3<int> counts;  // positions per axis, ceil((extent + step) / step)
+    int sliceAxis;
+
+    ReferenceGrid(const Parameters& p) {
+        last = {std::max(p.imageSize.x - p.blockSize.x, 0), std::max(p.imageSize.y - p.blockSize.y, 0),
+                std::max(p.imageSize.z - p.blockSize.z, 0)};
+        auto ceilCount = [](int extent, int step) { return (extent + step + step - 1) / step; };
+        counts = {ceilCount(p.imageSize.x, p.step.x), ceilCount(p.imageSize.y, p.step.y),
+                  ceilCount(p.imageSize.z, p.step.z)};
+        sliceAxis = p.imageSize.z >= 2 ? 2 : 1;
+    }
+    int slices() const { return component(counts, sliceAxis); }
+    int perSlice() const { return sliceAxis == 2 ? counts.x * counts.y : counts.x; }
+};
+
+// Offsets from the per-axis arrays, each indexed by the step index of another
+// axis; then the skip test and the clamp that makes the last position visited.
+bool referencePosition(const Parameters& p, const ReferenceGrid& grid, const Vec3<int>& raw,
+                       Vec3<int>& position) {
+    const Vec3<int>& s = p.step;
+    const Vec3<int>& n = p.axisArrayLength;
+    const Vec3<const float*>& a = p.axisArrays;
+    int x = raw.x - static_cast<int>(a.x[(raw.z / s.z) % n.x]);
+    int y = raw.y - static_cast<int>(a.y[(raw.x / s.x) % n.y]);
+    int z = raw.z - static_cast<int>(a.z[(raw.y / s.y) % n.z]);
+    x = std::max(x, 0);
+    y = std::max(y, 0);
+    z = std::max(z, 0);
+    if (x >= grid.last.x + s.x || y >= grid.last.y + s.y || z >= grid.last.z + s.z) return false;
+    position = {std::min(x, grid.last.x), std::min(y, grid.last.y), std::min(z, grid.last.z)};
+    return true;
+}
+bool backwardsOnNarrowAxis(const Vec3<int>& position, const Vec3<int>& previous,
+                           const Vec3<int>& band, const Vec3<int>& imageSize) {
+    for (int a = 0; a < 3; ++a) {
+        const bool narrow = 2 * component(band, a) + 1 < component(imageSize, a);
+        if (narrow && component(position, a) < component(previous, a)) return true;
+    }
+    return false;
+}
+}  // namespace
+
+template <StageName stage, typename T>
+bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
+               const TransformsMeta<T>& meta, ImageDataMutable<T>& output,
+               BlockMatchStorage* storage, ImageData<T>* pilot) {
+    KORVO_ASSERT(params.step > 0);
+    ThreadPool& pool = ThreadPool::THREAD_POOL;
+    pool.launchPool(params.numThreads);
+    StageResources<T> resources(meta);
+
+    Memory<T> mainMemory = allocateMemory<T>(params);
+    TempMemory<T> mainTemp = createTempMemory<T>(params);
+    if (!mainMemory.allocated || !mainTemp.allocated) {
+        report("Error: could not allocate working memory");
+        return false;
+    }
+
+    const Vec3<int>& imageSize = params.imageSize;
+    auto* weightData = static_cast<float*>(
+        std::calloc(static_cast<size_t>(imageSize.x) * imageSize.y * imageSize.z, sizeof(float)));
+    if (weightData == nullptr) {
+        report("Failed to allocate memory for buffer.");
+        return false;
+    }
+    ImageDataMutable<float> weights(weightData, imageSize, true);
+
+    // Noise model, prepared once for the whole stage.
+    Vec3<int> kept = params.psdWorkSize;
+    kept.x = halfSpectrumExtent(params.psdWorkSize, params.useRealFft);
+    const Vec3<int>& sw = params.searchWindow;
+    const Vec3<int> windowExtent{2 * sw.x + 1, 2 * sw.y + 1, 2 * sw.z + 1};
+    resources.distanceCorrection = static_cast<float*>(
+        std::malloc(static_cast<size_t>(windowExtent.volume()) * sizeof(float)));
+    computeK3fT3<T>(psd, params.psdSize, params.psdWorkSize, kept, params.blockSize, meta.forward,
+                    resources.kernel);
+    if (resources.kernel != nullptr && resources.distanceCorrection != nullptr) {
+        computeLocalVar(resources.kernel, kept, params.blockSize.volume(), resources.localVariance);
+    }
+    if (resources.localVariance == nullptr) {
+        report("Could not allocate memory for variances");
+        return false;
+    }
+    if (params.matchVarianceWeight > 0) {
+        calculateVariancePairs<T>(sw, windowExtent, params.blockSize, params.psdWorkSize, kept,
+                                  resources.kernel, SIZE_2_TRANSFORM, params.matchVarianceWeight,
+                                  resources.distanceCorrection, mainTemp);
+    } else {
+        std::fill(resources.distanceCorrection, resources.distanceCorrection + windowExtent.volume(),
+                  0.0f);
+    }
+
+    // Bands: a split axis keeps the search window plus a margin, a whole axis
+    // keeps the image. A band that is whole everywhere is filled once and shared.
+    const ReferenceGrid grid(params);
+    const Vec3<int> band{params.splitBlockExtraction[0] ? sw.x : imageSize.x,
+                         params.splitBlockExtraction[1] ? sw.y : imageSize.y,
+                         params.splitBlockExtraction[2] ? sw.z : imageSize.z};
+    const bool wholeBand = 2 * band.x + 1 >= imageSize.x && 2 * band.y + 1 >= imageSize.y &&
+                           2 * band.z + 1 >= imageSize.z;
+    if (storage != nullptr) storage->rows = 0;
+
+    auto sharedNoisy = std::make_shared<BlockCollection<T>>();
+    auto sharedPilot = std::make_shared<BlockCollection<T>>();
+    if (wholeBand) {
+        const Vec3<int> origin{0, 0, 0};
+        bool ok = sharedNoisy->extractInitial(noisy, origin, params.blockSize, meta.forward,
+                                              meta.forwardKinds, true, mainTemp, band);
+        if (ok && stage == Wiener) {
+            ok = sharedPilot->extractInitial(*pilot, origin, params.blockSize, meta.forward,
+                                             meta.forwardKinds, true, mainTemp, band);
+        }
+        if (!ok) {
+            report("Failed to allocate block memory");
+            return false;
+        }
+    }
+
+    korvo_detail::StageMonitor* monitor = korvo_detail::stageMonitor();
+    if (monitor != nullptr) {
+        monitor->slicesDone.store(0);
+        monitor->slicesTotal.store(grid.slices());
+    }
+    std::atomic<bool> failed{false};
+    const Vec3<T*> moveTransforms{const_cast<T*>(meta.forward.x), const_cast<T*>(meta.forward.y),
+                                  const_cast<T*>(meta.forward.z)};
+
+    pool.newLoopJob([&](int t) {
+        ThreadMemory<T> tm(params, kept);
+        if (!tm.memory.allocated || !tm.tempMemory.allocated) {
+            report("Error: could not allocate working memory");
+            failed.store(true);
+            return;
+        }
+        if (wholeBand) {
+            tm.noisyCollection = sharedNoisy;
+            tm.pilotCollection = sharedPilot;
+        } else {
+            tm.noisyCollection = std::make_shared<BlockCollection<T>>();
+            tm.pilotCollection = std::make_shared<BlockCollection<T>>();
+            bool ok = tm.noisyCollection->allocate(imageSize, params.blockSize, band) != nullptr;
+            if (ok && stage == Wiener) {
+                ok = tm.pilotCollection->allocate(imageSize, params.blockSize, band) != nullptr;
+            }
+            if (!ok) {
+                report("Failed to allocate block memory");
+                failed.store(true);
+                return;
+            }
+        }
+        BlockCollection<T>* noisyColl = tm.noisyCollection.get();
+        BlockCollection<T>* pilotColl = stage == Wiener ? tm.pilotCollection.get() : nullptr;
+
+        const int slices = grid.slices();
+        const int perWorker =
+            static_cast<int>(std::ceil(static_cast<float>(slices) / static_cast<float>(pool.getNumThreads())));
+        const int first = t * perWorker;
+        const int end = std::min(first + perWorker, slices);
+        const int axis = grid.sliceAxis;
+        const int rowCount = axis == 2 ? grid.counts.y : 1;
+        bool havePrevious = false;
+        Vec3<int> previous{0, 0, 0};
+        for (int k = first; k < end; ++k) {
+            for (int j = 0; j < rowCount; ++j) {
+                if (monitor != nullptr && monitor->cancel.load(std::memory_order_relaxed)) {
+                    failed.store(true);
+                    return;
+                }
+                for (int i = 0; i < grid.counts.x; ++i) {
+                    Vec3<int> raw{i * params.step.x, 0, 0};
+                    if (axis == 2) {
+                        raw.y = j * params.step.y;
+                        raw.z = k * params.step.z;
+                    } else {
+                        raw.y = k * params.step.y;
+                    }
+                    Vec3<int> position;
+                    if (!referencePosition(params, grid, raw, position)) continue;
+                    if (!havePrevious) previous = position;
+                    // Collections only slide forwards; going back along a narrow axis
+                    // (a new row or slice) means filling the band afresh.
+                    if (backwardsOnNarrowAxis(position, previous, band, imageSize)) {
+                        noisyColl->extractInitial(noisy, position, params.blockSize, meta.forward,
+                                                  meta.forwardKinds, false, tm.tempMemory, band);
+                        if (stage == Wiener) {
+                            pilotColl->extractInitial(*pilot, position, params.blockSize, meta.forward,
+                                                      meta.forwardKinds, false, tm.tempMemory, band);
+                        }
+                    } else {
+                        const Vec3<int> moved{std::max(position.x - previous.x, 0),
+                                              std::max(position.y - previous.y, 0),
+                                              std::max(position.z - previous.z, 0)};
+                        moveCollections<stage, T>(position, moved, band, params.blockSize,
+                                                  moveTransforms, tm.tempMemory, noisy, pilot,
+                                                  meta.forwardKinds, noisyColl, pilotColl);
+                    }
+                    previous = position;
+                    havePrevious = true;
+                    const int referenceIndex = (k * rowCount + j) * grid.counts.x + i;
+                    processReferenceLocation<stage, T>(
+                        position, params, meta, resources.distanceCorrection, resources.kernel,
+                        resources.localVariance, referenceIndex, *noisyColl, output, weights,
+                        tm.memory, tm.tempMemory, pilotColl, storage);
+                }
+            }
+            if (monitor != nullptr) monitor->slicesDone.fetch_add(1);
+        }
+    });
+
+    if (storage != nullptr) {
+        const int sliceExtent = component(imageSize, grid.sliceAxis);
+        const int sliceStep = component(params.step, grid.sliceAxis);
+        storage->rows = (sliceExtent / sliceStep + 1) * grid.perSlice();
+    }
+    if (failed.load()) return false;
+
+    T* out = output.data();
+    const float* w = weights.data();
+    const long voxels = static_cast<long>(imageSize.x) * imageSize.y * imageSize.z;
+    for (long v = 0; v < voxels; ++v) out[v] = out[v] / w[v];
+    return true;
+}
+
+namespace {
+// Per-axis arrays shorter than two values count as absent.
+void normaliseAxisArrays(Parameters& params) {
+    int* lengths[3] = {&params.axisArrayLength.x, &params.axisArrayLength.y, &params.axisArrayLength.z};
+    const float** arrays[3] = {&params.axisArrays.x, &params.axisArrays.y, &params.axisArrays.z};
+    for (int a = 0; a < 3; ++a) {
+        if (*lengths[a] < 2) {
+            *lengths[a] = 1;
+            *arrays[a] = ZERO;
+        }
+    }
+}
+
+template <StageName stage>
+TransformsMeta<float> stageTransforms(Parameters& params, Transforms<float>* transforms) {
+    normaliseAxisArrays(params);
+    if (transforms == nullptr || transforms->forward.x == nullptr) {
+        const Vec3<int>& b = params.blockSize;
+        if (b == Vec3<int>{4, 4, 4}) {
+            // The volume set is applied as plain matrices, without recognition.
+            const Transforms<float>& set = DEFAULT_TRANSFORMS_3D;
+            const auto arbitrary = TransformsMetas::Arbitrary;
+            const auto inverseArbitrary = TransformsMetas::InverseArbitrary;
+            return TransformsMeta<float>{set.forward,
+                                         set.inverse,
+                                         set.groupForward,
+                                         set.groupInverse,
+                                         set.window,
+                                         {arbitrary, arbitrary, arbitrary},
+                                         nullptr,
+                                         {inverseArbitrary, inverseArbitrary, inverseArbitrary},
+                                         nullptr};
+        }
+        if (b == Vec3<int>{8, 8, 1}) {
+            return getTransformMeta(stage == HardThresholding ? DEFAULT_TRANSFORMS_2D
+                                                              : DEFAULT_TRANSFORMS_2D_WIE,
+                                    params);
+        }
+        throw MissingTransformException();
+    }
+    if (transforms->groupForward == nullptr) {
+        transforms->groupForward = DEFAULT_GROUP_TRANSFORMS_FWD;
+        transforms->groupInverse = DEFAULT_GROUP_TRANSFORMS_INV;
+    }
+    return getTransformMeta(*transforms, params);
+}
+}  // namespace
+
+namespace korvo_detail {
+bool runStageHT(const float* noisy, const float* psd, Parameters* params,
+                Transforms<float>* transforms, float* output, BlockMatchStorage* storage) {
+    ImageData<float> noisyView(noisy, params->imageSize);
+    ImageDataMutable<float> outputView(output, params->imageSize, false);
+    const TransformsMeta<float> meta = stageTransforms<HardThresholding>(*params, transforms);
+    return korvoLoop<HardThresholding, float>(noisyView, psd, *params, meta, outputView, storage,
+                                              nullptr);
+}
+
+bool runStageWie(const float* noisy, const float* psd, Parameters* params,
+                 Transforms<float>* transforms, const float* pilot, float* output,
+                 BlockMatchStorage* storage) {
+    ImageData<float> noisyView(noisy, params->imageSize);
+    ImageData<float> pilotView(pilot, params->imageSize);
+    ImageDataMutable<float> outputView(output, params->imageSize, false);
+    const TransformsMeta<float> meta = stageTransforms<Wiener>(*params, transforms);
+    return korvoLoop<Wiener, float>(noisyView, psd, *params, meta, outputView, storage, &pilotView);
+}
+}  // namespace korvo_detail
+
+extern "C" {
+void korvoInterfaceHT(const float* noisy, const float* psd, Parameters* params,
+                      Transforms<float>* transforms, float* output, BlockMatchStorage* storage) {
+    korvo_detail::runStageHT(noisy, psd, params, transforms, output, storage);
+}
+
+void korvoInterfaceWie(const float* noisy, const float* psd, Parameters* params,
+                       Transforms<float>* transforms, const float* pilot, float* output,
+                       BlockMatchStorage* storage) {
+    korvo_detail::runStageWie(noisy, psd, params, transforms, pilot, output, storage);
+}
+}
+
+template bool korvoLoop<HardThresholding, float>(ImageData<float>&, const float*, const Parameters&,
+                                                 const TransformsMeta<float>&,
+                                                 ImageDataMutable<float>&, BlockMatchStorage*,
+                                                 ImageData<float>*);
+template bool korvoLoop<Wiener, float>(ImageData<float>&, const float*, const Parameters&,
+                                       const TransformsMeta<float>&, ImageDataMutable<float>&,
+                                       BlockMatchStorage*, ImageData<float>*);

@@ -1,0 +1,33 @@
+// What each stage does at one reference position: gather the group, filter it in
+// the 4-D transform domain, bring it back and aggregate it.
+#pragma once
+
+#include "ImageData.h"
+#include "KORVO.h"
+#include "common.h"
+#include "transforms/TransformsMeta.h"
+
+template <typename T>
+class BlockCollection;
+
+template <StageName stage, typename T>
+void processReferenceLocation(const Vec3<int>& referencePosition, const Parameters& params,
+                              const TransformsMeta<T>& meta, const float* distanceCorrection,
+                              const float* noiseKernel, const float* localVariance,
+                              int referenceIndex, const BlockCollection<T>& collection,
+                              ImageDataMutable<T>& numerator, ImageDataMutable<float>& weights,
+                              Memory<T>& memory, TempMemory<T>& tempMemory,
+                              BlockCollection<T>* pilotCollection, BlockMatchStorage* storage);
+
+// Sharpens the surviving coefficients relative to the group DC; the DC itself
+// and its variance are never changed.
+template <typename T>
+void alphaRooting(float exponent, float exponentFlat, bool updateVariances,
+                  Cube4D<T>& coefficients, Cube4D<T>& variances);
+
+// Adds every filtered block, windowed and weighted by its inverse variance, into
+// the accumulators. The caller holds the stage's aggregation lock.
+template <typename T>
+void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int groupSize,
+               const Cube4D<T>& group, const float* blockVariances, const float* window,
+               float meanVariance, ImageDataMutable<T>& numerator, ImageDataMutable<float>& weights);

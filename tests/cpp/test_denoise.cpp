@@ -1,0 +1,283 @@
+// The denoiser end to end, and the filter steps it is built from.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "../../examples/phantom.h"
+#include "ImageData.h"
+#include "korvo/korvo.h"
+#include "process_reference_location.h"
+
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+
+namespace {
+using korvo_phantom::psnr;
+
+Parameters baseParameters(const Vec3<int>& imageSize, const Vec3<int>& blockSize) {
+    Parameters p{};
+    p.blockSize = blockSize;
+    p.psdWorkSize = blockSize.z == 1 ? Vec3<int>{16, 16, 1} : Vec3<int>{8, 8, 8};
+    p.useRealFft = true;
+    p.maxGroupSize = 16;
+    p.varianceGroupLimit = 4;
+    p.thresholdFactor = 2.7f * 2.7f;
+    p.wienerFactor = 1.0f;
+    p.matchVarianceWeight = 0.0f;
+    p.searchWindow = blockSize.z == 1 ? Vec3<int>{5, 5, 0} : Vec3<int>{3, 3, 3};
+    p.imageSize = imageSize;
+    p.step = blockSize.z == 1 ? Vec3<int>{3, 3, 1} : Vec3<int>{2, 2, 2};
+    p.minReduceCount = 1;
+    p.matchThreshold = std::numeric_limits<float>::max();
+    p.numThreads = 2;
+    return p;
+}
+
+struct StageResults {
+    std::vector<float> basic, final;
+};
+
+// Both stages, the way a wrapper drives them; `psd` has extents p.psdSize.
+StageResults denoise(const std::vector<float>& noisy, const std::vector<float>& psd, Parameters p,
+            BlockMatchStorage* storage = nullptr) {
+    StageResults r;
+    r.basic.assign(noisy.size(), 0.0f);
+    r.final.assign(noisy.size(), 0.0f);
+    Parameters first = p;
+    korvoInterfaceHT(noisy.data(), psd.data(), &first, nullptr, r.basic.data(), storage);
+    Parameters second = p;
+    korvoInterfaceWie(noisy.data(), psd.data(), &second, nullptr, r.basic.data(), r.final.data(), storage);
+    return r;
+}
+
+std::vector<float> wienerWithPilot(const std::vector<float>& noisy, float sigma, Parameters p,
+                                   const std::vector<float>& pilot) {
+    std::vector<float> out(noisy.size(), 0.0f);
+    const float psd = sigma * sigma;
+    korvoInterfaceWie(noisy.data(), &psd, &p, nullptr, pilot.data(), out.data(), nullptr);
+    return out;
+}
+
+std::vector<float> addNoise(const std::vector<float>& clean, const std::vector<float>& noise) {
+    std::vector<float> v(clean.size());
+    for (size_t i = 0; i < v.size(); ++i) v[i] = clean[i] + noise[i];
+    return v;
+}
+
+struct MatchTable {
+    std::vector<int> counts;
+    std::vector<Vec3<int>> positions, relative;
+    BlockMatchStorage storage{};
+    MatchTable(int rows, int perRow) : counts(static_cast<size_t>(rows)),
+        positions(static_cast<size_t>(rows) * perRow), relative(positions.size()) {
+        storage = {perRow, counts.data(), positions.data(), relative.data(), 0, 0};
+    }
+};
+
+double maxAbsDifference(const std::vector<float>& a, const std::vector<float>& b) {
+    double m = 0.0;
+    for (size_t i = 0; i < a.size(); ++i) m = std::max(m, std::fabs(static_cast<double>(a[i]) - b[i]));
+    return m;
+}
+}  // namespace
+
+TEST(Denoise, WhiteNoiseVolumeAndPlaneGainClearly) {
+    const float sigma = 0.1f;
+    {
+        const Vec3<int> size{32, 32, 24};
+        const std::vector<float> clean = korvo_phantom::volume(size.x, size.y, size.z);
+        const std::vector<float> noisy = addNoise(clean, korvo_phantom::whiteNoise(clean.size(), sigma, 1));
+        Parameters p = baseParameters(size, {4, 4, 4});
+        p.psdSize = {1, 1, 1};
+        const StageResults r = denoise(noisy, {sigma * sigma}, p);
+        const double before = psnr(noisy, clean);
+        EXPECT_GT(psnr(r.basic, clean), before + 8.0);
+        EXPECT_GT(psnr(r.final, clean), before + 8.0);
+        // With the clean volume as pilot the Wiener gain is near ideal.
+        EXPECT_GT(psnr(wienerWithPilot(noisy, sigma, p, clean), clean), psnr(r.basic, clean) + 2.0);
+    }
+    {
+        const Vec3<int> size{96, 80, 1};
+        const std::vector<float> clean = korvo_phantom::volume(size.x, size.y, size.z);
+        const std::vector<float> noisy = addNoise(clean, korvo_phantom::whiteNoise(clean.size(), sigma, 2));
+        Parameters p = baseParameters(size, {8, 8, 1});
+        p.psdSize = {1, 1, 1};
+        const StageResults r = denoise(noisy, {sigma * sigma}, p);
+        const double before = psnr(noisy, clean);
+        EXPECT_GT(psnr(r.basic, clean), before + 9.0);
+        EXPECT_GT(psnr(r.final, clean), before + 9.0);
+        EXPECT_GT(psnr(wienerWithPilot(noisy, sigma, p, clean), clean), psnr(r.basic, clean) + 2.0);
+    }
+}
+
+TEST(Denoise, ColouredNoiseDescribedByItsPsdBeatsWhiteAssumption) {
+    const Vec3<int> size{32, 32, 32};
+    const float sigma = 0.1f;
+    const std::vector<float> clean = korvo_phantom::volume(size.x, size.y, size.z);
+    std::vector<float> psd;
+    const std::vector<float> noise = korvo_phantom::colouredNoise(size.x, size.y, size.z, sigma, 3, psd);
+    const std::vector<float> noisy = addNoise(clean, noise);
+    Parameters p = baseParameters(size, {4, 4, 4});
+    p.psdSize = size;
+    p.matchVarianceWeight = 1.0f;
+    const StageResults coloured = denoise(noisy, psd, p);
+    p.psdSize = {1, 1, 1};
+    const StageResults white = denoise(noisy, {sigma * sigma}, p);
+    EXPECT_GT(psnr(coloured.final, clean), psnr(white.final, clean) + 1.0);
+    EXPECT_GT(psnr(coloured.final, clean), psnr(noisy, clean) + 5.0);
+}
+
+TEST(Denoise, ReplayedMatchesReproduceTheRecordingRun) {
+    const Vec3<int> size{24, 20, 16};
+    const std::vector<float> clean = korvo_phantom::volume(size.x, size.y, size.z);
+    const std::vector<float> noisy = addNoise(clean, korvo_phantom::whiteNoise(clean.size(), 0.1f, 4));
+    Parameters p = baseParameters(size, {4, 4, 4});
+    p.psdSize = {1, 1, 1};
+    p.numThreads = 1;
+    const int rows = (size.x / 2 + 2) * (size.y / 2 + 2) * (size.z / 2 + 2);
+    MatchTable table(rows, p.maxGroupSize);
+    std::vector<float> recorded(noisy.size(), 0.0f), replayed(noisy.size(), 0.0f);
+    Parameters a = p, b = p;
+    korvoInterfaceHT(noisy.data(), std::vector<float>{0.01f}.data(), &a, nullptr, recorded.data(), &table.storage);
+    EXPECT_GT(table.storage.rows, 0);
+    table.storage.filled = 1;
+    korvoInterfaceHT(noisy.data(), std::vector<float>{0.01f}.data(), &b, nullptr, replayed.data(), &table.storage);
+    EXPECT_EQ(maxAbsDifference(recorded, replayed), 0.0);
+}
+
+TEST(Denoise, SplitBandsAndThreadCountsAgree) {
+    const Vec3<int> size{28, 26, 22};
+    const std::vector<float> clean = korvo_phantom::volume(size.x, size.y, size.z);
+    const std::vector<float> noisy = addNoise(clean, korvo_phantom::whiteNoise(clean.size(), 0.1f, 5));
+    Parameters p = baseParameters(size, {4, 4, 4});
+    p.psdSize = {1, 1, 1};
+    p.searchWindow = {2, 2, 2};
+    p.step = {3, 3, 3};
+    const std::vector<float> psd{0.01f};
+    const StageResults whole = denoise(noisy, psd, p);
+    ASSERT_GT(psnr(whole.final, clean), psnr(noisy, clean) + 5.0);
+
+    Parameters splitZ = p;
+    splitZ.splitBlockExtraction[2] = true;
+    EXPECT_LT(maxAbsDifference(denoise(noisy, psd, splitZ).final, whole.final), 1e-5);
+    Parameters splitYZ = splitZ;
+    splitYZ.splitBlockExtraction[1] = true;
+    EXPECT_LT(maxAbsDifference(denoise(noisy, psd, splitYZ).final, whole.final), 1e-5);
+    Parameters splitAll = splitYZ;
+    splitAll.splitBlockExtraction[0] = true;
+    EXPECT_LT(maxAbsDifference(denoise(noisy, psd, splitAll).final, whole.final), 1e-5);
+
+    Parameters single = p;
+    single.numThreads = 1;
+    EXPECT_LT(maxAbsDifference(denoise(noisy, psd, single).final, whole.final), 1e-5);
+}
+
+TEST(Denoise, PlaneWithStepLargerThanImageVisitsBothEnds) {
+    const Vec3<int> size{13, 11, 1};
+    std::vector<float> flat(static_cast<size_t>(size.volume()), 0.25f);
+    Parameters p = baseParameters(size, {8, 8, 1});
+    p.psdSize = {1, 1, 1};
+    p.step = {20, 20, 1};
+    std::vector<float> out(flat.size(), 0.0f);
+    korvoInterfaceHT(flat.data(), std::vector<float>{1e-4f}.data(), &p, nullptr, out.data(), nullptr);
+    // Every voxel covered (no 0/0) and a constant image stays constant.
+    for (float v : out) EXPECT_NEAR(v, 0.25f, 1e-5f);
+}
+
+TEST(Denoise, EntryPointsNormaliseAxisArraysAndRejectMissingTransforms) {
+    const Vec3<int> size{16, 16, 8};
+    std::vector<float> noisy(static_cast<size_t>(size.volume()), 0.5f), out(noisy.size(), 0.0f);
+    Parameters p = baseParameters(size, {4, 4, 4});
+    p.psdSize = {1, 1, 1};
+    const float two[2] = {0.0f, 0.0f};
+    p.axisArrayLength = {0, 1, 2};
+    p.axisArrays = {nullptr, two, two};
+    korvoInterfaceHT(noisy.data(), std::vector<float>{1e-4f}.data(), &p, nullptr, out.data(), nullptr);
+    EXPECT_EQ(p.axisArrayLength, (Vec3<int>{1, 1, 2}));
+    EXPECT_EQ(p.axisArrays.x[0], 0.0f);
+    EXPECT_NE(p.axisArrays.y, two);
+    EXPECT_EQ(p.axisArrays.z, two);
+
+    Parameters bad = baseParameters(size, {8, 8, 2});
+    bad.psdSize = {1, 1, 1};
+    try {
+        korvoInterfaceHT(noisy.data(), std::vector<float>{1e-4f}.data(), &bad, nullptr, out.data(), nullptr);
+        FAIL() << "expected MissingTransformException";
+    } catch (const MissingTransformException& e) {
+        EXPECT_STREQ(e.what(), "No transform was passed, and no internal transform could be found to replace it!");
+    }
+}
+
+TEST(Denoise, FailedAllocationReportsAndReturns) {
+    // A band of a gigavoxel volume needs far more memory than exists; nothing is read
+    // before the allocation fails, so small buffers stand in for the volume.
+    std::vector<float> tiny(16, 0.0f), out(16, 0.0f);
+    Parameters p = baseParameters({1024, 1024, 1024}, {4, 4, 4});
+    p.psdSize = {1, 1, 1};
+    testing::internal::CaptureStderr();
+    korvoInterfaceHT(tiny.data(), std::vector<float>{1e-4f}.data(), &p, nullptr, out.data(), nullptr);
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("Failed to allocate"), std::string::npos) << err;
+    EXPECT_EQ(out, std::vector<float>(16, 0.0f));
+}
+
+TEST(Aggregate, FloorsAndWindowFollowTheirRules) {
+    const Vec3<int> size{6, 5, 4};
+    const Vec3<int> block{2, 2, 2};
+    std::vector<float> num(static_cast<size_t>(size.volume()), 0.0f), den(num.size(), 0.0f);
+    ImageDataMutable<float> numerator(num.data(), size, false), weights(den.data(), size, false);
+    std::vector<float> group(16);
+    for (size_t i = 0; i < group.size(); ++i) group[i] = 1.0f + static_cast<float>(i);
+    const float window[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    BlockDistance<float> matches[2] = {{nullptr, 0.0f, {1, 1, 1}, {0, 0, 0}},
+                                       {nullptr, 0.0f, {2, 1, 1}, {1, 0, 0}}};
+    const Cube4D<float> cube{{2, 2, 2, 2}, group.data()};
+    const float variances[2] = {1e-6f, 0.0f};
+    aggregate<float>(matches, block, 2, cube, variances, window, 1.0f, numerator, weights);
+    // Voxel (2,1,1) is element (1,0,0) of block 0 and (0,0,0) of block 1.
+    const float expectedNum = (2.0f * 2.0f) / 1e-6f + (9.0f * 1.0f) / 1e-8f;
+    const float expectedDen = 2.0f / 1e-4f + 1.0f / 1e-4f;
+    EXPECT_FLOAT_EQ(numerator.at({2, 1, 1}), expectedNum);
+    EXPECT_FLOAT_EQ(weights.at({2, 1, 1}), expectedDen);
+    EXPECT_EQ(weights.at({0, 0, 0}), 0.0f);
+
+    std::fill(den.begin(), den.end(), 0.0f);
+    const float nanVariance[2] = {std::nanf(""), 1.0f};
+    aggregate<float>(matches, block, 2, cube, nanVariance, window, std::nanf(""), numerator, weights);
+    EXPECT_TRUE(std::isnan(weights.at({1, 1, 1})));
+    EXPECT_FLOAT_EQ(weights.at({3, 2, 2}), 8.0f);  // own variance used when the floor is NaN
+    aggregate<float>(matches, block, 0, cube, variances, window, 1.0f, numerator, weights);
+}
+
+TEST(AlphaRooting, MatchesDirectFormula) {
+    std::vector<float> c(32), v(32);
+    for (size_t i = 0; i < c.size(); ++i) {
+        c[i] = (i % 3 == 0 ? -1.0f : 1.0f) * (0.1f + 0.37f * static_cast<float>(i));
+        v[i] = 0.01f * static_cast<float>(i + 1);
+    }
+    c[5] = 0.0f;
+    c[0] = 4.0f;
+    std::vector<float> c2 = c, v2 = v;
+    Cube4D<float> coeffs{{2, 2, 4, 2}, c2.data()}, vars{{2, 2, 4, 2}, v2.data()};
+    const float e = 1.3f, ef = 1.1f;
+    alphaRooting(e, ef, true, coeffs, vars);
+    const double a = 4.0;
+    for (size_t i = 1; i < c.size(); ++i) {
+        const double ex = ((i / 4) % 4 == 0) ? ef : e;
+        if (c[i] == 0.0f) {
+            EXPECT_EQ(c2[i], 0.0f);
+            EXPECT_EQ(v2[i], v[i]);
+            continue;
+        }
+        const double p = std::pow(std::fabs(c[i]), ex);
+        const double rooted = (c[i] > 0 ? 1 : -1) * std::pow(a, 1 - ex) * p;
+        EXPECT_NEAR(c2[i], rooted, 1e-5 * std::fabs(rooted));
+        const double var = p * p * (v[0] * (1 - ex) * (1 - ex) * std::pow(a, -2 * ex) +
+                                    ex * ex * std::pow(a, 2 - 2 * ex) * v[i] / (rooted * rooted));
+        EXPECT_NEAR(v2[i], var, 1e-4 * var);
+    }
+    EXPECT_EQ(c2[0], 4.0f);
+    EXPECT_EQ(v2[0], v[0]);
+}
