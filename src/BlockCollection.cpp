@@ -1,0 +1,246 @@
+#include "BlockCollection.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <iostream>
+
+#include "KORVO.h"
+#include "korvo/Threading.h"
+#include "transforms/tables.h"
+#include "transforms/transf3D.h"
+
+namespace {
+// Every component at least s.
+bool operator>=(const Vec3<int>& v, int s) { return v.x >= s && v.y >= s && v.z >= s; }
+
+// One axis of the band around pos: one position beyond the search window on
+// each side, computed from the clamped start.
+void bandAxis(int pos, int radius, int imageExtent, int blockExtent, int& start, int& end) {
+    start = std::min(std::max(pos - radius - 1, 0), imageExtent - 1);
+    end = std::min(start + 2 * radius + 2, imageExtent - blockExtent);
+}
+
+// Raw voxels of the block at p into dst, x fastest; rows go through the checked accessor.
+void copyBlock(const ImageData<float>& image, const Vec3<int>& p, const Vec3<int>& blockSize,
+               float* KORVO_RESTRICT dst) {
+    const size_t rowBytes = static_cast<size_t>(blockSize.x) * sizeof(float);
+    for (int k = 0; k < blockSize.z; ++k) {
+        for (int j = 0; j < blockSize.y; ++j) {
+            std::memcpy(dst + static_cast<long>(blockSize.x) * (j + static_cast<long>(blockSize.y) * k),
+                        &image.at({p.x, p.y + j, p.z + k}), rowBytes);
+        }
+    }
+}
+}  // namespace
+
+template <typename T>
+T* BlockCollection<T>::allocate(long blockCount, long blockElements, long& totalElements) {
+    _blockCount = blockCount;
+    _blockElements = blockElements;
+    totalElements = blockCount * blockElements;
+    const size_t bytes = static_cast<size_t>(totalElements) * sizeof(T);
+    _buffer = static_cast<T*>(_buffer != nullptr ? std::realloc(_buffer, bytes) : std::malloc(bytes));
+    if (_buffer == nullptr) {
+        std::cerr << "Failed to allocate block memory! \n"
+                     "If profile.split_block_extraction is set to [False, False, False], this is "
+                     "likely fixed by \n"
+                     "setting the value to [False, False, True] or, if still failing, [False, True, "
+                     "True]. \n"
+                     "pro = KORVOProfile(); pro.split_block_extraction = [False, False, True]; y_est "
+                     "= korvo(z, psd, pro);"
+                  << std::endl;
+    }
+    return _buffer;
+}
+
+template <typename T>
+T* BlockCollection<T>::allocate(const Vec3<int>& imageSize, const Vec3<int>& blockSize,
+                                const Vec3<int>& searchWindow) {
+    KORVO_ASSERT(blockSize.x <= imageSize.x && blockSize.y <= imageSize.y &&
+                 blockSize.z <= imageSize.z);
+    auto positions = [](int window, int image, int block) {
+        return std::min(2 * window + 2, image - block) + 1;
+    };
+    const int blockCount = positions(searchWindow.x, imageSize.x, blockSize.x) *
+                           positions(searchWindow.y, imageSize.y, blockSize.y) *
+                           positions(searchWindow.z, imageSize.z, blockSize.z);
+    KORVO_ASSERT(blockCount > 0);
+    long total = 0;
+    return allocate(blockCount, static_cast<long>(blockSize.x) * blockSize.y * blockSize.z, total);
+}
+
+template <typename T>
+bool BlockCollection<T>::extractInitial(const ImageData<float>& image, const Vec3<int>& pos,
+                                            const Vec3<int>& blockSize,
+                                            const Vec3<const float*>& transforms,
+                                            const Vec3<TransformsMetas::StandardTransform>& kinds,
+                                            bool allocate, TempMemory<float>& /*memory*/,
+                                            const Vec3<int>& searchWindow) {
+    const long blockVolume = static_cast<long>(blockSize.x) * blockSize.y * blockSize.z;
+    const Vec3<int>& size = image.size();
+    KORVO_ASSERT(pos.x >= 0 && pos.y >= 0 && pos.z >= 0);
+    KORVO_ASSERT(blockSize.x <= size.x && blockSize.y <= size.y && blockSize.z <= size.z);
+
+    Vec3<int> start{};
+    Vec3<int> end{};
+    bandAxis(pos.x, searchWindow.x, size.x, blockSize.x, start.x, end.x);
+    bandAxis(pos.y, searchWindow.y, size.y, blockSize.y, start.y, end.y);
+    bandAxis(pos.z, searchWindow.z, size.z, blockSize.z, start.z, end.z);
+    KORVO_ASSERT(start >= 0);
+    KORVO_ASSERT(end + blockSize <= size);
+
+    const Vec3<int> range = end - start + Vec3<int>{1, 1, 1};
+    const long blockCount = static_cast<long>(range.x) * range.y * range.z;
+    KORVO_ASSERT(blockCount > 0);
+    _bufferStart = start;
+    _bufferRange = range;
+
+    if (allocate) {
+        long total = 0;
+        if (this->allocate(blockCount, blockVolume, total) == nullptr) {
+            return false;
+        }
+    } else if (_buffer == nullptr) {
+        return false;
+    }
+
+    for (int z = start.z; z <= end.z; ++z) {
+        for (int y = start.y; y <= end.y; ++y) {
+            for (int x = start.x; x <= end.x; ++x) {
+                copyBlock(image, {x, y, z}, blockSize, _buffer + slot({x, y, z}) * _blockElements);
+            }
+        }
+    }
+
+    T* const buffer = _buffer;
+    const long elements = _blockElements;
+    ThreadPool& pool = ThreadPool::THREAD_POOL;
+    const std::function<void(int)> job = [&](int t) {
+        const int n = pool.getNumThreads();
+        const int chunk = static_cast<int>(std::ceil(static_cast<float>(blockCount) / static_cast<float>(n)));
+        const long first = static_cast<long>(t) * chunk;
+        const long last = std::min(first + chunk, blockCount);
+        std::vector<float> scratchA(static_cast<size_t>(blockVolume), 0.0f);
+        std::vector<float> scratchB(static_cast<size_t>(blockVolume), 0.0f);
+        for (long s = first; s < last; ++s) {
+            T* block = buffer + s * elements;
+            transf3D<float>(block, transforms, kinds, scratchA.data(), scratchB.data(), block,
+                            blockSize);
+        }
+    };
+    pool.newLoopJob(job);
+
+    _hasData = true;
+    return true;
+}
+
+template <typename T>
+void BlockCollection<T>::moveInImage(const ImageData<float>& image, const Vec3<int>& step,
+                                         const Vec3<int>& blockSize,
+                                         const Vec3<const float*>& transforms,
+                                         TempMemory<float>& memory) {
+    const Vec3<int>& size = image.size();
+    // Per axis: the slab entering the band on a moving axis, the whole band otherwise.
+    auto span = [](int d, int start, int range, int imageExtent, int blockExtent, int& lo, int& hi) {
+        if (d != 0) {
+            lo = start + range;
+            hi = std::min(lo + d, imageExtent - blockExtent + 1);
+        } else {
+            lo = start;
+            hi = start + range;
+        }
+    };
+    Vec3<int> lo{};
+    Vec3<int> hi{};
+    span(step.x, _bufferStart.x, _bufferRange.x, size.x, blockSize.x, lo.x, hi.x);
+    span(step.y, _bufferStart.y, _bufferRange.y, size.y, blockSize.y, lo.y, hi.y);
+    span(step.z, _bufferStart.z, _bufferRange.z, size.z, blockSize.z, lo.z, hi.z);
+
+    if (hi.x > lo.x && hi.y > lo.y && hi.z > lo.z) {
+        for (int z = lo.z; z < hi.z; ++z) {
+            for (int y = lo.y; y < hi.y; ++y) {
+                for (int x = lo.x; x < hi.x; ++x) {
+                    T* block = _buffer + slot({x, y, z}) * _blockElements;
+                    copyBlock(image, {x, y, z}, blockSize, block);
+                    // Entering blocks always take the general product.
+                    transf3D<float>(block, transforms, ARB_TRANSFORMS, memory.blockA, memory.blockB,
+                                    block, blockSize);
+                }
+            }
+        }
+    }
+    _bufferStart = _bufferStart + step;
+}
+
+template class BlockCollection<float>;
+template Complex* BlockCollection<Complex>::allocate(long, long, long&);
+
+template <StageName stage, typename T>
+void moveCollections(const Vec3<int>& refPos, const Vec3<int>& step, const Vec3<int>& searchWindow,
+                     const Vec3<int>& blockSize, const Vec3<T*>& transforms,
+                     TempMemory<T>& memory, const ImageData<T>& image, const ImageData<T>* image2,
+                     const Vec3<TransformsMetas::StandardTransform>& kinds,
+                     BlockCollection<T>* collHTWie, BlockCollection<T>* coll2) {
+    const Vec3<int>& size = image.size();
+    const Vec3<int>& w = searchWindow;
+    const bool narrowX = 2 * w.x + 1 < size.x;
+    const bool narrowY = 2 * w.y + 1 < size.y;
+    const bool narrowZ = 2 * w.z + 1 < size.z;
+    const Vec3<const T*> forward{transforms.x, transforms.y, transforms.z};
+
+    auto extract = [&] {
+        collHTWie->extractInitial(image, refPos, blockSize, forward, kinds, false, memory,
+                                  searchWindow);
+        if (stage == Wiener) {
+            coll2->extractInitial(*image2, refPos, blockSize, forward, kinds, false, memory,
+                                  searchWindow);
+        }
+    };
+    auto slide = [&](bool yCounts) {
+        const bool moveY = yCounts && step.y != 0;
+        if (!((step.x != 0 && narrowX) || moveY || step.z != 0)) {
+            return;
+        }
+        // Near either border of a moving axis the band stays where it is.
+        auto outside = [](int r, int radius, int extent) { return r <= radius + 1 || r > extent - radius; };
+        if ((step.x != 0 && outside(refPos.x, w.x, size.x)) ||
+            (moveY && outside(refPos.y, w.y, size.y)) ||
+            (step.z != 0 && outside(refPos.z, w.z, size.z))) {
+            return;
+        }
+        collHTWie->moveInImage(image, step, blockSize, forward, memory);
+        if (stage == Wiener) {
+            coll2->moveInImage(*image2, step, blockSize, forward, memory);
+        }
+    };
+
+    if (narrowX) {
+        if (step.y == 0 && collHTWie->getHasData()) {
+            slide(false);
+        } else {
+            extract();
+        }
+    } else if (!narrowY && !narrowZ) {
+        KORVO_ASSERT(collHTWie->getHasData());
+    } else if (!narrowY) {
+        if (collHTWie->getHasData()) {
+            slide(false);
+        } else {
+            extract();
+        }
+    } else if (step.z == 0 && collHTWie->getHasData()) {
+        slide(true);
+    } else {
+        extract();
+    }
+}
+
+template void moveCollections<HardThresholding, float>(
+    const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<float*>&,
+    TempMemory<float>&, const ImageData<float>&, const ImageData<float>*,
+    const Vec3<TransformsMetas::StandardTransform>&, BlockCollection<float>*, BlockCollection<float>*);
+template void moveCollections<Wiener, float>(
+    const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<float*>&,
+    TempMemory<float>&, const ImageData<float>&, const ImageData<float>*,
+    const Vec3<TransformsMetas::StandardTransform>&, BlockCollection<float>*, BlockCollection<float>*);

@@ -1,0 +1,94 @@
+// Pre-transformed blocks of a band of the volume, kept in a ring buffer so the
+// band can slide with the reference position, and the block matching over them.
+#pragma once
+
+#include <cstdlib>
+#include <functional>
+#include <queue>
+#include <vector>
+
+#include "ImageData.h"
+#include "common.h"
+#include "korvo/matching.h"
+
+template <typename T>
+class BlockCollection {
+public:
+    BlockCollection() = default;
+    BlockCollection(const BlockCollection&) = delete;
+    BlockCollection& operator=(const BlockCollection&) = delete;
+    ~BlockCollection() { std::free(_buffer); }
+
+    // Ring addressing on every axis: a position keeps its slot while it stays in
+    // the band, so sliding never moves stored blocks.
+    long slot(const Vec3<int>& p) const {
+        const Vec3<int>& r = _bufferRange;
+        return static_cast<long>(p.x % r.x) + static_cast<long>(p.y % r.y) * r.x +
+               static_cast<long>(p.z % r.z) * r.x * r.y;
+    }
+
+    const T* getBlock(const Vec3<int>& coords) const {
+        KORVO_ASSERT(coords >= _bufferStart);
+        KORVO_ASSERT(coords < _bufferStart + _bufferRange);
+        return _buffer + slot(coords) * _blockElements;
+    }
+
+    bool getHasData() const { return _hasData; }
+    const Vec3<int>& bufferStart() const { return _bufferStart; }
+    const Vec3<int>& bufferRange() const { return _bufferRange; }
+    long blockCount() const { return _blockCount; }
+    long blockElements() const { return _blockElements; }
+
+    // For callers that fill the slots themselves (after allocate): declares the
+    // band the buffer holds.
+    void setBand(const Vec3<int>& start, const Vec3<int>& range) {
+        _bufferStart = start;
+        _bufferRange = range;
+    }
+
+    // Sizes the buffer for blockCount slots (reusing the old one); null and a
+    // message on the error stream on failure.
+    T* allocate(long blockCount, long blockElements, long& totalElements);
+    // Sizes the buffer for the largest band a worker can need.
+    T* allocate(const Vec3<int>& imageSize, const Vec3<int>& blockSize,
+                const Vec3<int>& searchWindow);
+
+    // Fills the band around pos from scratch and transforms it (spread over the
+    // pool when called outside a loop job). False when there is no buffer.
+    bool extractInitial(const ImageData<float>& image, const Vec3<int>& pos,
+                        const Vec3<int>& blockSize, const Vec3<const float*>& transforms,
+                        const Vec3<TransformsMetas::StandardTransform>& kinds, bool allocate,
+                        TempMemory<float>& memory, const Vec3<int>& searchWindow);
+
+    // Slides the band forward by step, loading and transforming only the blocks
+    // that enter it.
+    void moveInImage(const ImageData<float>& image, const Vec3<int>& step,
+                     const Vec3<int>& blockSize, const Vec3<const float*>& transforms,
+                     TempMemory<float>& memory);
+
+private:
+    bool _hasData = false;
+    T* _buffer = nullptr;
+    long _blockCount = 0;
+    long _blockElements = 0;
+    Vec3<int> _bufferRange{};
+    Vec3<int> _bufferStart{};
+};
+
+// Candidates of one search, worst kept candidate on top.
+template <typename T>
+using BlockQueue =
+    std::priority_queue<BlockDistance<T>, std::vector<BlockDistance<T>>, std::less<BlockDistance<T>>>;
+
+// The best maxGroupSize - 1 candidates of the window around refPos.
+template <typename T>
+BlockQueue<T> blockMatching(const BlockCollection<T>& coll, const float* distanceCorrection,
+                            const Vec3<int>& refPos, const Vec3<int>& blockSize,
+                            const Vec3<int>& searchWindow, const Vec3<int>& windowStart,
+                            const Vec3<int>& windowEnd, int maxGroupSize);
+
+// Trims the candidates to a power-of-two group within the threshold and writes
+// them to out[1 ..] by ascending distance.
+template <typename T>
+void unloadBlockQueue(int minReduceCount, float matchThreshold, Vec3<int>& minCorner,
+                      BlockQueue<T>& queue, BlockDistance<T>* out, int& count);

@@ -1,0 +1,480 @@
+// Block collections (extraction, slides, ring addressing) and block matching,
+// checked against direct transforms and a brute-force search.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "BlockCollection.h"
+#include "KORVO.h"
+#include "korvo/Threading.h"
+
+using V3 = Vec3<int>;
+using Kinds = Vec3<TransformsMetas::StandardTransform>;
+
+namespace {
+const float kInf = std::numeric_limits<float>::infinity();
+const Kinds kArbitrary{TransformsMetas::Arbitrary, TransformsMetas::Arbitrary, TransformsMetas::Arbitrary};
+
+std::vector<float> randomValues(int n, unsigned seed, float lo = 0.0f, float hi = 1.0f) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> u(lo, hi);
+    std::vector<float> v(n);
+    for (auto& x : v) x = u(rng);
+    return v;
+}
+
+struct Transform3 {
+    std::vector<float> x, y, z;
+    Vec3<const float*> fwd() const { return {x.data(), y.data(), z.data()}; }
+    Vec3<float*> mutableFwd() { return {x.data(), y.data(), z.data()}; }
+};
+
+Transform3 randomTransforms(const V3& b, unsigned seed) {
+    return {randomValues(b.x * b.x, seed, -1, 1), randomValues(b.y * b.y, seed + 1, -1, 1),
+            randomValues(b.z * b.z, seed + 2, -1, 1)};
+}
+
+struct Volume {
+    std::vector<float> data;
+    ImageData<float> image;
+    Volume(const V3& size, unsigned seed) : data(randomValues(size.volume(), seed)), image(data.data(), size) {}
+};
+
+struct Scratch {
+    TempMemory<float> memory{};
+    explicit Scratch(const V3& b) {
+        memory.blockA = static_cast<float*>(std::malloc(sizeof(float) * b.volume()));
+        memory.blockB = static_cast<float*>(std::malloc(sizeof(float) * b.volume()));
+    }
+};
+
+// Plain separable product in double; a single plane is not transformed along z.
+double directCoefficient(const ImageData<float>& img, const V3& p, const V3& b, const Transform3& t, int u,
+                         int v, int w) {
+    double s = 0;
+    for (int k = 0; k < b.z; ++k)
+        for (int j = 0; j < b.y; ++j)
+            for (int i = 0; i < b.x; ++i)
+                s += double(t.x[u * b.x + i]) * t.y[v * b.y + j] * (b.z == 1 ? 1.0f : t.z[w * b.z + k]) *
+                     img.at({p.x + i, p.y + j, p.z + k});
+    return s;
+}
+
+// Every position of the band that is a valid block position holds its block's coefficients.
+void expectBandCurrent(const BlockCollection<float>& c, const ImageData<float>& img, const V3& b,
+                       const Transform3& t, const std::string& where) {
+    const V3 s = c.bufferStart(), end = s + c.bufferRange(), last = img.size() - b;
+    int checked = 0;
+    for (int z = s.z; z < end.z && z <= last.z; ++z)
+        for (int y = s.y; y < end.y && y <= last.y; ++y)
+            for (int x = s.x; x < end.x && x <= last.x; ++x, ++checked) {
+                const float* got = c.getBlock({x, y, z});
+                for (int w = 0; w < b.z; ++w)
+                    for (int v = 0; v < b.y; ++v)
+                        for (int u = 0; u < b.x; ++u) {
+                            const double ref = directCoefficient(img, {x, y, z}, b, t, u, v, w);
+                            ASSERT_NEAR(got[u + b.x * (v + b.y * w)], ref, 2e-5 * (8 + std::fabs(ref)))
+                                << where << " block " << x << "," << y << "," << z;
+                        }
+            }
+    EXPECT_GT(checked, 0) << where;
+}
+}  // namespace
+
+TEST(BlockCollection, ExtractInitialHoldsTransformedBand) {
+    struct Case {
+        V3 size, block, window, pos, start, range;  // start and range worked out by hand
+    };
+    const Case cases[] = {
+        // Low border: the band reaches further up; z exactly one block deep.
+        {{20, 9, 4}, {3, 2, 4}, {2, 1, 3}, {10, 0, 0}, {7, 0, 0}, {7, 5, 1}},
+        {{12, 10, 7}, {2, 2, 2}, {1, 2, 1}, {10, 8, 5}, {8, 5, 3}, {3, 4, 3}},  // upper border
+        {{6, 5, 4}, {4, 4, 4}, {5, 5, 5}, {1, 1, 0}, {0, 0, 0}, {3, 2, 1}},     // whole volume
+        {{4, 3, 2}, {4, 3, 2}, {2, 2, 2}, {0, 0, 0}, {0, 0, 0}, {1, 1, 1}},     // one block
+    };
+    unsigned seed = 1;
+    for (const Case& c : cases)
+        for (int threads : {1, 3, 8}) {  // uneven and empty chunks
+            Volume vol(c.size, seed++);
+            const Transform3 t = randomTransforms(c.block, seed++);
+            Scratch scratch(c.block);
+            BlockCollection<float> coll;
+            ThreadPool::THREAD_POOL.launchPool(threads);
+            ASSERT_TRUE(coll.extractInitial(vol.image, c.pos, c.block, t.fwd(), kArbitrary, true, scratch.memory,
+                                            c.window));
+            ThreadPool::THREAD_POOL.clearPool();
+            EXPECT_TRUE(coll.getHasData());
+            EXPECT_EQ(coll.bufferStart(), c.start);
+            EXPECT_EQ(coll.bufferRange(), c.range);
+            EXPECT_EQ(coll.blockCount(), c.range.volume());
+            expectBandCurrent(coll, vol.image, c.block, t, "extract");
+        }
+}
+
+TEST(BlockCollection, RecognisedKindsInsideLoopJobThenGeneralSlide) {
+    const V3 size{19, 17, 1}, block{8, 8, 1}, window{2, 2, 0};
+    Volume vol(size, 11);
+    std::vector<float> dct(64);  // orthonormal DCT-II
+    for (int k = 0; k < 8; ++k)
+        for (int j = 0; j < 8; ++j)
+            dct[k * 8 + j] = float((k == 0 ? std::sqrt(0.125) : 0.5) * std::cos(std::acos(-1.0) * (2 * j + 1) * k / 16));
+    const Transform3 t{dct, dct, {1.0f}};
+    const Kinds kinds{TransformsMetas::Dct8, TransformsMetas::Dct8, TransformsMetas::Arbitrary};
+    Scratch scratch(block);
+    BlockCollection<float> coll;
+    ASSERT_NE(coll.allocate(size, block, window), nullptr);
+    bool ok = false;
+    ThreadPool::THREAD_POOL.launchPool(2);
+    ThreadPool::THREAD_POOL.newLoopJob([&](int index) {  // nested: runs sequentially on one thread
+        if (index == 1) ok = coll.extractInitial(vol.image, {5, 4, 0}, block, t.fwd(), kinds, false, scratch.memory, window);
+    });
+    ThreadPool::THREAD_POOL.clearPool();
+    ASSERT_TRUE(ok);
+    expectBandCurrent(coll, vol.image, block, t, "fast path");
+    coll.moveInImage(vol.image, {1, 0, 0}, block, t.fwd(), scratch.memory);
+    expectBandCurrent(coll, vol.image, block, t, "general product");
+}
+
+TEST(BlockCollection, AllocationFailureAndMissingBuffer) {
+    BlockCollection<float> coll;
+    long total = 0;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(coll.allocate(1L << 60, 1, total), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Failed to allocate block memory! \n"
+              "If profile.split_block_extraction is set to [False, False, False], this is likely fixed by \n"
+              "setting the value to [False, False, True] or, if still failing, [False, True, True]. \n"
+              "pro = KORVOProfile(); pro.split_block_extraction = [False, False, True]; y_est = korvo(z, psd, pro);\n");
+    EXPECT_EQ(total, 1L << 60);
+    EXPECT_EQ(coll.blockCount(), 1L << 60);
+
+    Volume vol({8, 8, 8}, 3);
+    const Transform3 t = randomTransforms({2, 2, 2}, 4);
+    Scratch scratch({2, 2, 2});
+    EXPECT_FALSE(coll.extractInitial(vol.image, {3, 3, 3}, {2, 2, 2}, t.fwd(), kArbitrary, false, scratch.memory,
+                                     {1, 1, 1}));
+    EXPECT_FALSE(coll.getHasData());
+    // Largest band: min(2w + 2, size - block) + 1 positions per axis.
+    ASSERT_NE(coll.allocate({30, 6, 9}, {4, 2, 3}, {3, 5, 1}), nullptr);
+    EXPECT_EQ(coll.blockCount(), 9L * 5 * 5);
+    EXPECT_EQ(coll.blockElements(), 24);
+}
+
+TEST(BlockCollection, RingSlotsAreReusedBySlides) {
+    const V3 size{20, 7, 9}, block{4, 3, 2}, window{2, 1, 1};
+    Volume vol(size, 5);
+    const Transform3 t = randomTransforms(block, 6);
+    Scratch scratch(block);
+    BlockCollection<float> coll;
+    ASSERT_TRUE(coll.extractInitial(vol.image, {11, 2, 3}, block, t.fwd(), kArbitrary, true, scratch.memory, window));
+    const V3 s = coll.bufferStart(), r = coll.bufferRange();
+    ASSERT_EQ(s, (V3{8, 0, 1}));
+    ASSERT_EQ(r, (V3{7, 5, 5}));  // x positions 8 .. 14; the last valid one is 16
+    EXPECT_EQ(coll.slot({9, 4, 2}), 9 % 7 + 4 * 7 + 2 * 35);
+    std::vector<const float*> leaving;
+    for (int z = s.z; z < s.z + r.z; ++z)
+        for (int y = s.y; y < s.y + r.y; ++y) leaving.push_back(coll.getBlock({s.x, y, z}));
+    coll.moveInImage(vol.image, {1, 0, 0}, block, t.fwd(), scratch.memory);
+    size_t i = 0;  // the entering position takes the slot of the one that left
+    for (int z = s.z; z < s.z + r.z; ++z)
+        for (int y = s.y; y < s.y + r.y; ++y) EXPECT_EQ(coll.getBlock({s.x + r.x, y, z}), leaving[i++]);
+    // Near the upper border fewer positions enter (16 only), yet the start moves by the full step.
+    coll.moveInImage(vol.image, {3, 0, 0}, block, t.fwd(), scratch.memory);
+    EXPECT_EQ(coll.bufferStart(), (V3{12, 0, 1}));
+    expectBandCurrent(coll, vol.image, block, t, "border slide");
+    coll.moveInImage(vol.image, {2, 0, 0}, block, t.fwd(), scratch.memory);  // nothing left to load
+    EXPECT_EQ(coll.bufferStart(), (V3{14, 0, 1}));
+    expectBandCurrent(coll, vol.image, block, t, "empty slide");
+}
+
+TEST(BlockCollection, NoSlideNearBordersOfANarrowAxis) {
+    const V3 size{24, 4, 3}, block{2, 2, 2}, window{3, 1, 1};
+    Volume vol(size, 9);
+    Transform3 t = randomTransforms(block, 10);
+    Scratch scratch(block);
+    BlockCollection<float> coll;
+    ASSERT_NE(coll.allocate(size, block, window), nullptr);
+    auto move = [&](int x, int dx) {
+        moveCollections<HardThresholding, float>({x, 0, 0}, {dx, 0, 0}, window, block, t.mutableFwd(), scratch.memory,
+                                                 vol.image, nullptr, kArbitrary, &coll, nullptr);
+        return coll.bufferStart().x;
+    };
+    EXPECT_EQ(move(0, 0), 0);     // no data yet: extract
+    EXPECT_EQ(move(4, 4), 0);     // refPos <= W + 1
+    EXPECT_EQ(move(5, 1), 1);     // first slide
+    EXPECT_EQ(move(21, 16), 17);  // refPos = S - W still slides
+    EXPECT_EQ(move(22, 1), 17);   // beyond S - W
+    expectBandCurrent(coll, vol.image, block, t, "upper border");
+}
+
+namespace {
+// Visits reference positions in the stage loop's order (z slices, y rows, x innermost, the last
+// position clamped), refilling the bands when going back along a narrow axis and moving them by
+// the forward part of the displacement otherwise.
+template <StageName stage>
+void walkVolume(const V3& size, const V3& block, const V3& window, const V3& step, unsigned seed,
+                bool checkWindow = true) {
+    Volume vol(size, seed), vol2(size, seed + 100);
+    Transform3 t = randomTransforms(block, seed + 200);
+    Scratch scratch(block);
+    BlockCollection<float> coll, coll2;
+    ASSERT_NE(coll.allocate(size, block, window), nullptr);
+    ASSERT_NE(coll2.allocate(size, block, window), nullptr);
+    auto axis = [](int extent, int b, int s) {
+        std::vector<int> p;
+        for (int v = 0; v < std::max(extent - b, 0) + s; v += s) p.push_back(std::min(v, extent - b));
+        return p;
+    };
+    const V3 narrowBy = size - window - window - V3{1, 1, 1};  // > 0 on a narrow axis
+    V3 prev{-1, -1, -1};
+    for (int z : axis(size.z, block.z, step.z))
+        for (int y : axis(size.y, block.y, step.y))
+            for (int x : axis(size.x, block.x, step.x)) {
+                const V3 ref{x, y, z};
+                if (prev.x < 0) prev = ref;
+                if ((narrowBy.x > 0 && x < prev.x) || (narrowBy.y > 0 && y < prev.y) || (narrowBy.z > 0 && z < prev.z)) {
+                    coll.extractInitial(vol.image, ref, block, t.fwd(), kArbitrary, false, scratch.memory, window);
+                    coll2.extractInitial(vol2.image, ref, block, t.fwd(), kArbitrary, false, scratch.memory, window);
+                } else {
+                    const V3 d{std::max(x - prev.x, 0), std::max(y - prev.y, 0), std::max(z - prev.z, 0)};
+                    moveCollections<stage, float>(ref, d, window, block, t.mutableFwd(), scratch.memory, vol.image,
+                                                  &vol2.image, kArbitrary, &coll, &coll2);
+                }
+                prev = ref;
+                const std::string where = "ref " + std::to_string(x) + "," + std::to_string(y) + "," + std::to_string(z);
+                expectBandCurrent(coll, vol.image, block, t, where);
+                if (stage == Wiener) expectBandCurrent(coll2, vol2.image, block, t, where + " pilot");
+                if (!checkWindow) continue;
+                V3 lo{}, hi{};  // matching around ref reads only inside the band
+                setSearchWindow(ref, window, block, size, lo, hi);
+                const V3 end = coll.bufferStart() + coll.bufferRange();
+                EXPECT_TRUE(lo >= coll.bufferStart() && hi.x < end.x && hi.y < end.y && hi.z < end.z) << where;
+            }
+}
+}  // namespace
+
+TEST(BlockCollection, SlidesKeepEveryCoveredBlockCurrent) {
+    walkVolume<HardThresholding>({26, 9, 12}, {3, 2, 2}, {3, 1, 2}, {2, 3, 3}, 20);  // x narrow
+    walkVolume<HardThresholding>({7, 6, 30}, {2, 2, 3}, {4, 4, 3}, {3, 2, 2}, 21);   // only z narrow
+    walkVolume<Wiener>({6, 28, 8}, {2, 3, 2}, {3, 3, 1}, {2, 2, 3}, 22);             // x wide, y narrow
+    walkVolume<Wiener>({30, 20, 1}, {4, 4, 1}, {4, 3, 0}, {2, 3, 1}, 23);            // single plane
+    // A step above 2 can slide the band past the low end of the window on the first slide after
+    // an extraction at the border; the stored blocks stay current all the same.
+    walkVolume<HardThresholding>({30, 8, 1}, {4, 4, 1}, {4, 3, 0}, {3, 3, 1}, 24, false);
+}
+
+TEST(BlockCollectionDeathTest, AssertionsGuardTheBand) {
+    const V3 size{10, 10, 10}, block{2, 2, 2};
+    Volume vol(size, 30);
+    Transform3 t = randomTransforms(block, 31);
+    Scratch scratch(block);
+    BlockCollection<float> coll, empty;
+    ASSERT_TRUE(coll.extractInitial(vol.image, {5, 5, 5}, block, t.fwd(), kArbitrary, true, scratch.memory, {1, 1, 1}));
+    // Band: positions 3 .. 7 on every axis; "<" needs only one component inside.
+    EXPECT_NE(coll.getBlock({8, 3, 7}), nullptr);
+    EXPECT_DEATH(coll.getBlock({3, 2, 7}), "coords >= _bufferStart");
+    EXPECT_DEATH(coll.getBlock({8, 8, 8}), "coords < _bufferStart \\+ _bufferRange");
+    // A window covering every axis: nothing to move, but the collection must hold data.
+    auto move = [&](BlockCollection<float>* c) {
+        moveCollections<HardThresholding, float>({2, 0, 0}, {2, 0, 0}, {5, 5, 5}, block, t.mutableFwd(),
+                                                 scratch.memory, vol.image, nullptr, kArbitrary, c, nullptr);
+    };
+    EXPECT_DEATH(move(&empty), "collHTWie->getHasData\\(\\)");
+    move(&coll);
+    EXPECT_EQ(coll.bufferStart(), (V3{3, 3, 3}));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Matching
+
+namespace {
+float term(float a, float b) { return (a - b) * (a - b); }
+float term(const Complex& a, const Complex& b) {
+    const float re = a.real - b.real, im = a.imag - b.imag;
+    return re * re + im * im;
+}
+
+// A collection whose band is the whole grid of `positions`, filled by fill(element index).
+template <typename T, typename Fill>
+void fillCollection(BlockCollection<T>& coll, const V3& positions, long elements, Fill fill) {
+    long total = 0;
+    T* buffer = coll.allocate(positions.volume(), elements, total);
+    ASSERT_NE(buffer, nullptr);
+    coll.setBand({0, 0, 0}, positions);
+    for (long i = 0; i < total; ++i) buffer[i] = fill(i);
+}
+
+struct Candidate {
+    float distance;
+    V3 position;
+};
+
+// Every distance of the window in visiting order, stable-sorted, the best maxGroupSize - 1 kept,
+// then reduced worst first.
+template <typename T>
+std::vector<Candidate> bruteForce(const BlockCollection<T>& coll, const float* corr, const V3& ref, const V3& block,
+                                  const V3& w, const V3& lo, const V3& hi, int maxGroupSize, int minReduceCount,
+                                  float threshold) {
+    std::vector<Candidate> all;
+    for (int z = lo.z; z <= hi.z; ++z)
+        for (int y = lo.y; y <= hi.y; ++y)
+            for (int x = lo.x; x <= hi.x; ++x) {
+                if (V3{x, y, z} == ref) continue;
+                float d = -corr[((z - ref.z + w.z) * (2 * w.y + 1) + (y - ref.y + w.y)) * (2 * w.x + 1) + x - ref.x + w.x];
+                for (int e = 0; e < block.volume(); ++e) d += term(coll.getBlock({x, y, z})[e], coll.getBlock(ref)[e]);
+                all.push_back({d, {x, y, z}});
+            }
+    std::stable_sort(all.begin(), all.end(), [](const Candidate& a, const Candidate& b) { return a.distance < b.distance; });
+    all.resize(std::min<size_t>(all.size(), std::max(maxGroupSize - 1, 0)));
+    while (minReduceCount > 0 && int(all.size()) > minReduceCount - 1) {
+        const size_t group = all.size() + 1;
+        if (all.back().distance <= threshold && (group & (group - 1)) == 0) break;
+        all.pop_back();
+    }
+    return all;
+}
+
+// With ties (unique false) only the distances by rank and each record's consistency are fixed.
+template <typename T>
+void checkMatches(const BlockCollection<T>& coll, const V3& volume, const float* corr, const V3& ref, const V3& block,
+                  const V3& w, int maxGroupSize, int minReduceCount, float threshold, bool unique,
+                  const std::string& where) {
+    V3 lo{}, hi{};
+    setSearchWindow(ref, w, block, volume, lo, hi);
+    std::vector<BlockDistance<T>> out(maxGroupSize);
+    int count = -1;
+    getBlockMatches<T>(coll, corr, ref, block, w, lo, hi, maxGroupSize, minReduceCount, threshold, out.data(), count);
+    const auto expected = bruteForce(coll, corr, ref, block, w, lo, hi, maxGroupSize, minReduceCount, threshold);
+    const auto all = bruteForce(coll, corr, ref, block, w, lo, hi, 1 << 30, 0, 0.0f);
+    ASSERT_EQ(count, int(expected.size()) + 1) << where;
+    EXPECT_TRUE(out[0].block == coll.getBlock(ref) && out[0].distance == 0.0f && out[0].position == ref) << where;
+    V3 corner = ref;
+    for (int k = 1; k < count; ++k) {
+        const BlockDistance<T>& m = out[k];
+        EXPECT_EQ(m.distance, expected[k - 1].distance) << where << " rank " << k;
+        if (unique) {
+            EXPECT_EQ(m.position, expected[k - 1].position) << where << " rank " << k;
+        }
+        EXPECT_EQ(m.block, coll.getBlock(m.position)) << where;
+        const auto same = std::find_if(all.begin(), all.end(), [&](const Candidate& c) { return c.position == m.position; });
+        EXPECT_TRUE(same != all.end() && same->distance == m.distance) << where << " rank " << k;
+        for (int j = 1; j < k; ++j) EXPECT_NE(m.position, out[j].position) << where;
+        corner = {std::min(corner.x, m.position.x), std::min(corner.y, m.position.y), std::min(corner.z, m.position.z)};
+    }
+    for (int k = 0; k < count; ++k) EXPECT_EQ(out[k].relativePosition, out[k].position - corner) << where;
+}
+}  // namespace
+
+TEST(BlockMatching, SetSearchWindowClamps) {
+    V3 lo{}, hi{};
+    setSearchWindow({1, 7, 3}, {2, 2, 4}, {2, 2, 2}, {10, 10, 6}, lo, hi);
+    EXPECT_EQ(lo, (V3{0, 5, 0}));
+    EXPECT_EQ(hi, (V3{3, 8, 4}));
+}
+
+TEST(BlockMatching, MatchesBruteForce) {
+    const V3 setups[][2] = {{{2, 2, 2}, {3, 2, 2}}, {{3, 2, 1}, {4, 4, 0}}, {{1, 1, 1}, {2, 2, 2}}};  // block, window
+    unsigned seed = 100;
+    for (const auto& s : setups) {
+        const V3 block = s[0], w = s[1];
+        const V3 volume = block + V3{8, 7, w.z > 0 ? 5 : 0}, positions = volume - block + V3{1, 1, 1};
+        const int v = block.volume(), spans = (2 * w.x + 1) * (2 * w.y + 1) * (2 * w.z + 1);
+        for (bool duplicates : {false, true}) {
+            // With duplicates every block is one of three patterns: many equal distances.
+            const auto values = randomValues(positions.volume() * v, seed++, -2, 2);
+            BlockCollection<float> coll;
+            fillCollection(coll, positions, v, [&](long i) { return values[duplicates ? i / v % 3 * v + i % v : i]; });
+            for (float corrScale : {0.0f, 0.5f, 200.0f}) {  // the last gives negative distances
+                const auto corr = randomValues(spans, seed++, 0.0f, corrScale);
+                for (const V3 ref : {V3{4, 3, positions.z / 2}, V3{0, 0, 0}, positions - V3{1, 1, 1}})
+                    for (int maxGroupSize : {1, 2, 16, 32})
+                        for (int minReduceCount : {0, 1, 5})
+                            for (float threshold : {kInf, 6.0f, -150.0f})
+                                checkMatches(coll, volume, corr.data(), ref, block, w, maxGroupSize, minReduceCount,
+                                             threshold, !duplicates,
+                                             "V " + std::to_string(v) + " dup " + std::to_string(duplicates) + " corr " +
+                                                 std::to_string(corrScale) + " N " + std::to_string(maxGroupSize) +
+                                                 " minReduce " + std::to_string(minReduceCount) + " thr " +
+                                                 std::to_string(threshold));
+            }
+        }
+    }
+    // Complex coefficients.
+    const V3 block{2, 2, 1}, w{2, 2, 0}, volume{7, 6, 1}, positions = volume - block + V3{1, 1, 1};
+    const auto values = randomValues(positions.volume() * 8, 300, -1, 1);
+    const auto corr = randomValues(25, 301, 0.0f, 0.3f);
+    BlockCollection<Complex> coll;
+    fillCollection(coll, positions, block.volume(), [&](long i) { return Complex{values[2 * i], values[2 * i + 1]}; });
+    for (int maxGroupSize : {1, 4, 8, 32})
+        for (int minReduceCount : {0, 1, 3})
+            checkMatches(coll, volume, corr.data(), {3, 2, 0}, block, w, maxGroupSize, minReduceCount, 2.5f, true,
+                         "complex N " + std::to_string(maxGroupSize));
+}
+
+namespace {
+// A row of single-voxel blocks: the distance of x from the reference r is (v[x] - v[r])^2.
+struct Row {
+    BlockCollection<float> coll;
+    V3 volume;
+    std::vector<BlockDistance<float>> out;
+    explicit Row(const std::vector<float>& v) : volume{int(v.size()), 1, 1} {
+        fillCollection(coll, volume, 1, [&](long i) { return v[i]; });
+    }
+    int match(int ref, int w, int maxGroupSize, int minReduceCount, float threshold, std::vector<float> corr = {}) {
+        corr.resize(2 * w + 1, 0.0f);
+        V3 lo{}, hi{};
+        setSearchWindow({ref, 0, 0}, {w, 0, 0}, {1, 1, 1}, volume, lo, hi);
+        out.assign(maxGroupSize, BlockDistance<float>{});
+        int count = 0;
+        getBlockMatches<float>(coll, corr.data(), {ref, 0, 0}, {1, 1, 1}, {w, 0, 0}, lo, hi, maxGroupSize,
+                               minReduceCount, threshold, out.data(), count);
+        return count;
+    }
+};
+}  // namespace
+
+TEST(BlockMatching, GroupSizeRules) {
+    Row row({0, 1, 2, 3, 4, 5, 6});
+    // Six candidates within the threshold: the worst three go, leaving a group of four.
+    EXPECT_EQ(row.match(0, 6, 8, 1, kInf), 4);
+    EXPECT_EQ(row.out[3].position.x, 3);
+    EXPECT_EQ(row.out[3].distance, 9.0f);
+    EXPECT_EQ(row.match(0, 6, 8, 0, kInf), 7);  // no reduction
+    for (int k = 1; k < 7; ++k) EXPECT_EQ(row.out[k].position.x, k);
+    EXPECT_EQ(row.match(0, 6, 8, 7, 0.5f), 7);  // at most minReduceCount blocks: left alone
+    EXPECT_EQ(row.match(0, 6, 8, 3, 0.5f), 3);  // reduction stops at minReduceCount blocks
+    EXPECT_EQ(row.match(0, 6, 8, 1, 0.5f), 1);  // all above the threshold
+    EXPECT_EQ(row.match(3, 6, 1, 1, kInf), 1);  // maxGroupSize 1
+    EXPECT_EQ(row.match(3, 0, 8, 1, kInf), 1);  // window of the reference alone
+    EXPECT_TRUE(row.out[0].position == (V3{3, 0, 0}) && row.out[0].block == row.coll.getBlock({3, 0, 0}));
+    // Kept: 2 and 4 (distance 1; 4 displaces 0), then 1 (5 loses its tie); corner at 1.
+    EXPECT_EQ(row.match(3, 3, 4, 1, kInf), 4);
+    EXPECT_EQ(row.out[0].relativePosition, (V3{2, 0, 0}));
+    EXPECT_EQ(row.out[3].position.x, 1);
+    // A large correction makes the far candidate the closest, with a negative distance.
+    std::vector<float> corr(13, 0.0f);
+    corr[12] = 100.0f;  // displacement +6
+    EXPECT_EQ(row.match(0, 6, 2, 1, kInf, corr), 2);
+    EXPECT_EQ(row.out[1].position.x, 6);
+    EXPECT_EQ(row.out[1].distance, 36.0f - 100.0f);
+}
+
+TEST(BlockMatching, TiesAndNotANumber) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    Row ties({0, 1, 2, 2, 2});  // 2, 3 and 4 tie for the last place: the earliest visit stays
+    EXPECT_EQ(ties.match(0, 4, 3, 0, kInf), 3);
+    EXPECT_TRUE(ties.out[1].position.x == 1 && ties.out[2].position.x == 2);
+    Row late({0, 1, 2, nan, 3});  // a NaN met by a full queue never enters it
+    EXPECT_EQ(late.match(0, 4, 3, 0, kInf), 3);
+    EXPECT_EQ(late.out[2].position.x, 2);
+    Row early({0, nan, 5, 6});  // a NaN in the queue blocks later ones and is always reduced away
+    EXPECT_EQ(early.match(0, 3, 2, 1, kInf), 1);
+    EXPECT_EQ(early.match(0, 3, 2, 0, kInf), 2);
+    EXPECT_TRUE(std::isnan(early.out[1].distance));
+}
