@@ -10,6 +10,7 @@
 
 #include "BlockCollection.h"
 #include "korvo/Threading.h"
+#include "korvo/matching.h"
 #include "noise/psd.h"
 #include "noise/variances.h"
 #include "process_reference_location.h"
@@ -114,6 +115,46 @@ bool backwardsOnNarrowAxis(const Vec3<int>& position, const Vec3<int>& previous,
         if (narrow && component(position, a) < component(previous, a)) return true;
     }
     return false;
+}
+
+template <typename T>
+bool bandHoldsSearchWindow(const BlockCollection<T>& collection, const Vec3<int>& position,
+                           const Parameters& params) {
+    Vec3<int> first{}, last{};
+    setSearchWindow(position, params.searchWindow, params.blockSize, params.imageSize, first, last);
+    const Vec3<int> start = collection.bufferStart();
+    const Vec3<int> end = start + collection.bufferRange();
+    for (int a = 0; a < 3; ++a) {
+        if (component(first, a) > component(last, a)) continue;  // empty window on this axis
+        if (component(first, a) < component(start, a) || component(last, a) >= component(end, a)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Keeps a worker's own collections covering the search window around `position`.
+// Collections only slide forwards, and a slide by a step of three or more can
+// leave the window's low edge behind; either way the band is filled afresh.
+template <StageName stage, typename T>
+void keepBandAround(const Vec3<int>& position, const Vec3<int>& previous, const Vec3<int>& band,
+                    const Parameters& params, const TransformsMeta<T>& meta,
+                    const ImageData<T>& noisy, const ImageData<T>* pilot,
+                    const Vec3<T*>& moveTransforms, TempMemory<T>& temp,
+                    BlockCollection<T>* noisyColl, BlockCollection<T>* pilotColl) {
+    if (!backwardsOnNarrowAxis(position, previous, band, params.imageSize)) {
+        const Vec3<int> moved{std::max(position.x - previous.x, 0), std::max(position.y - previous.y, 0),
+                              std::max(position.z - previous.z, 0)};
+        moveCollections<stage, T>(position, moved, band, params.blockSize, moveTransforms, temp, noisy,
+                                  pilot, meta.forwardKinds, noisyColl, pilotColl);
+        if (bandHoldsSearchWindow(*noisyColl, position, params)) return;
+    }
+    noisyColl->extractInitial(noisy, position, params.blockSize, meta.forward, meta.forwardKinds,
+                              false, temp, band);
+    if (stage == Wiener) {
+        pilotColl->extractInitial(*pilot, position, params.blockSize, meta.forward, meta.forwardKinds,
+                                  false, temp, band);
+    }
 }
 }  // namespace
 
@@ -253,24 +294,9 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
                     }
                     Vec3<int> position;
                     if (!referencePosition(params, grid, raw, position)) continue;
-                    if (!havePrevious) previous = position;
-                    // Collections only slide forwards; going back along a narrow axis
-                    // (a new row or slice) means filling the band afresh.
-                    if (backwardsOnNarrowAxis(position, previous, band, imageSize)) {
-                        noisyColl->extractInitial(noisy, position, params.blockSize, meta.forward,
-                                                  meta.forwardKinds, false, tm.tempMemory, band);
-                        if (stage == Wiener) {
-                            pilotColl->extractInitial(*pilot, position, params.blockSize, meta.forward,
-                                                      meta.forwardKinds, false, tm.tempMemory, band);
-                        }
-                    } else {
-                        const Vec3<int> moved{std::max(position.x - previous.x, 0),
-                                              std::max(position.y - previous.y, 0),
-                                              std::max(position.z - previous.z, 0)};
-                        moveCollections<stage, T>(position, moved, band, params.blockSize,
-                                                  moveTransforms, tm.tempMemory, noisy, pilot,
-                                                  meta.forwardKinds, noisyColl, pilotColl);
-                    }
+                    keepBandAround<stage, T>(position, havePrevious ? previous : position, band, params,
+                                   meta, noisy, pilot, moveTransforms, tm.tempMemory, noisyColl,
+                                   pilotColl);
                     previous = position;
                     havePrevious = true;
                     const int referenceIndex = (k * rowCount + j) * grid.counts.x + i;
