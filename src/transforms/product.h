@@ -1,0 +1,73 @@
+// The general matrix product of the transforms, applied to n rows of `count`
+// contiguous values at once. Internal to the transform units.
+#pragma once
+
+#include <cmath>
+#include <cstddef>
+
+#include "common.h"
+
+namespace korvo_transforms {
+
+// dst[i] = src[i] * f
+inline void scaleRow(const float* KORVO_RESTRICT src, float f, float* KORVO_RESTRICT dst,
+                     std::ptrdiff_t count) {
+    for (std::ptrdiff_t i = 0; i < count; ++i) dst[i] = src[i] * f;
+}
+
+// dst[i] = fma(src[i], f, dst[i])
+inline void fmaRow(const float* KORVO_RESTRICT src, float f, float* KORVO_RESTRICT dst,
+                   std::ptrdiff_t count) {
+    for (std::ptrdiff_t i = 0; i < count; ++i) dst[i] = std::fma(src[i], f, dst[i]);
+}
+
+// Output row k = row(0)*M[k*n] followed by fused multiply-adds with row(j)*M[k*n + j]
+// for j = 1..n-1 in ascending order, element by element; output rows lie
+// `outStride` apart and must not overlap the input rows. `row(j)` returns the
+// start of input row j. With N > 0 the size is fixed at compile time: the
+// row loops unroll and every element is accumulated in a register; otherwise
+// the values are accumulated in the output rows.
+template <int N, class Rows>
+void productOverRows(Rows row, const float* KORVO_RESTRICT m, int n, float* KORVO_RESTRICT out,
+                     std::ptrdiff_t outStride, std::ptrdiff_t count) {
+    if constexpr (N > 0) {
+        const float* KORVO_RESTRICT in[N];
+        for (int j = 0; j < N; ++j) in[j] = row(j);
+        for (std::ptrdiff_t i = 0; i < count; ++i) {
+            for (int k = 0; k < N; ++k) {
+                float acc = in[0][i] * m[k * N];
+                for (int j = 1; j < N; ++j) acc = std::fma(in[j][i], m[k * N + j], acc);
+                out[k * outStride + i] = acc;
+            }
+        }
+    } else {
+        for (int k = 0; k < n; ++k) {
+            const float* mk = m + static_cast<std::ptrdiff_t>(k) * n;
+            float* dst = out + k * outStride;
+            scaleRow(row(0), mk[0], dst, count);
+            for (int j = 1; j < n; ++j) fmaRow(row(j), mk[j], dst, count);
+        }
+    }
+}
+
+// productOverRows with the common sizes fixed at compile time.
+template <class Rows>
+void productOverRowsAnySize(Rows row, const float* m, int n, float* out, std::ptrdiff_t outStride,
+                            std::ptrdiff_t count) {
+    switch (n) {
+        case 2:
+            productOverRows<2>(row, m, n, out, outStride, count);
+            return;
+        case 4:
+            productOverRows<4>(row, m, n, out, outStride, count);
+            return;
+        case 8:
+            productOverRows<8>(row, m, n, out, outStride, count);
+            return;
+        default:
+            productOverRows<0>(row, m, n, out, outStride, count);
+            return;
+    }
+}
+
+}  // namespace korvo_transforms

@@ -1,0 +1,276 @@
+#include "transforms/transf3D.h"
+
+#include <cmath>
+#include <cstddef>
+
+#include "common.h"
+#include "transforms/product.h"
+
+namespace {
+
+using TransformsMetas::StandardTransform;
+
+using korvo_transforms::productOverRowsAnySize;
+
+// Product along an axis whose points lie `stride` apart, for `count` neighbouring
+// lines side by side (y and z passes, and every pass with n = 1).
+void productAcrossLines(const float* in, float* out, const float* m, int n, std::ptrdiff_t count,
+                        std::ptrdiff_t stride) {
+    productOverRowsAnySize([in, stride](int j) { return in + j * stride; }, m, n, out, stride,
+                           count);
+}
+
+// Largest x extent whose transposed matrix is kept on the stack.
+constexpr int kMaxTransposed = 32;
+
+// Contiguous lines of n points (x pass): the vector loop runs over the output
+// coefficients k, reading the matrix transposed (mt[j*js + k*ks] = M[k*n + j]).
+// Per element: input[0]*M[k*n], then fused multiply-adds for j = 1..n-1 ascending.
+template <int N>
+void productAlongLines(const float* KORVO_RESTRICT in, float* KORVO_RESTRICT out,
+                       const float* KORVO_RESTRICT mt, int n, std::ptrdiff_t js,
+                       std::ptrdiff_t ks, std::ptrdiff_t lines) {
+    const int np = N > 0 ? N : n;
+    for (std::ptrdiff_t l = 0; l < lines; ++l) {
+        const float* KORVO_RESTRICT src = in + l * np;
+        float* KORVO_RESTRICT dst = out + l * np;
+        const float x0 = src[0];
+        for (int k = 0; k < np; ++k) dst[k] = x0 * mt[k * ks];
+        for (int j = 1; j < np; ++j) {
+            const float xj = src[j];
+            for (int k = 0; k < np; ++k) dst[k] = std::fma(xj, mt[j * js + k * ks], dst[k]);
+        }
+    }
+}
+
+template <int N>
+void productAlongLinesTransposed(const float* in, float* out, const float* m, int n,
+                                 std::ptrdiff_t lines) {
+    const int np = N > 0 ? N : n;
+    float mt[N > 0 ? N * N : kMaxTransposed * kMaxTransposed];
+    for (int k = 0; k < np; ++k)
+        for (int j = 0; j < np; ++j) mt[j * np + k] = m[k * np + j];
+    productAlongLines<N>(in, out, mt, np, np, 1, lines);
+}
+
+void productX(const float* in, float* out, const float* m, int n, std::ptrdiff_t lines) {
+    switch (n) {
+        case 1:
+            productAcrossLines(in, out, m, 1, lines, 0);
+            return;
+        case 4:
+            productAlongLinesTransposed<4>(in, out, m, n, lines);
+            return;
+        case 8:
+            productAlongLinesTransposed<8>(in, out, m, n, lines);
+            return;
+        default:
+            if (n <= kMaxTransposed) {
+                productAlongLinesTransposed<0>(in, out, m, n, lines);
+            } else {
+                productAlongLines<0>(in, out, m, n, 1, n, lines);
+            }
+            return;
+    }
+}
+
+// 8-point butterflies. Each maps eight samples v[p] to eight results o[p] and
+// equals, up to rounding, the product with the corresponding standard table.
+constexpr float kC1 = 0.98078525f;   // cos(pi/16)
+constexpr float kS1 = 0.19509032f;   // sin(pi/16)
+constexpr float kC3 = 0.8314696f;    // cos(3pi/16)
+constexpr float kS3 = 0.55557024f;   // sin(3pi/16)
+constexpr float kC8 = 0.9238795f;    // cos(pi/8)
+constexpr float kS8 = 0.38268343f;   // sin(pi/8)
+constexpr float kRootHalf = 0.70710677f;
+
+struct Dct8Forward {
+    static inline void apply(const float* v, float* o) {
+        const float s0 = v[0] + v[7], s1 = v[1] + v[6], s2 = v[2] + v[5], s3 = v[3] + v[4];
+        const float d0 = v[0] - v[7], d1 = v[1] - v[6], d2 = v[2] - v[5], d3 = v[3] - v[4];
+        const float a = s0 - s3, b = s1 - s2;
+        o[0] = kRootHalf * ((s0 + s3) + (s1 + s2)) * 0.5f;
+        o[4] = kRootHalf * ((s0 + s3) - (s1 + s2)) * 0.5f;
+        o[2] = (kC8 * a + kS8 * b) * 0.5f;
+        o[6] = (kS8 * a - kC8 * b) * 0.5f;
+        o[1] = (kC1 * d0 + kC3 * d1 + kS3 * d2 + kS1 * d3) * 0.5f;
+        o[3] = (kC3 * d0 - kS1 * d1 - kC1 * d2 - kS3 * d3) * 0.5f;
+        o[5] = (kS3 * d0 - kC1 * d1 + kS1 * d2 + kC3 * d3) * 0.5f;
+        o[7] = (kS1 * d0 - kS3 * d1 + kC3 * d2 - kC1 * d3) * 0.5f;
+    }
+};
+
+struct Dct8Inverse {
+    static inline void apply(const float* c, float* o) {
+        const float p = kRootHalf * (c[0] + c[4]), q = kRootHalf * (c[0] - c[4]);
+        const float u = kC8 * c[2] + kS8 * c[6], w = kS8 * c[2] - kC8 * c[6];
+        const float e0 = p + u, e3 = p - u, e1 = q + w, e2 = q - w;
+        const float o0 = kC1 * c[1] + kC3 * c[3] + kS3 * c[5] + kS1 * c[7];
+        const float o1 = kC3 * c[1] - kS1 * c[3] - kC1 * c[5] - kS3 * c[7];
+        const float o2 = kS3 * c[1] - kC1 * c[3] + kS1 * c[5] + kC3 * c[7];
+        const float o3 = kS1 * c[1] - kS3 * c[3] + kC3 * c[5] - kC1 * c[7];
+        o[0] = (e0 + o0) * 0.5f;
+        o[7] = (e0 - o0) * 0.5f;
+        o[1] = (e1 + o1) * 0.5f;
+        o[6] = (e1 - o1) * 0.5f;
+        o[2] = (e2 + o2) * 0.5f;
+        o[5] = (e2 - o2) * 0.5f;
+        o[3] = (e3 + o3) * 0.5f;
+        o[4] = (e3 - o3) * 0.5f;
+    }
+};
+
+// Biorthogonal pair: a Haar step on sample pairs, then the coarse half is
+// filtered with the two long taps plus a correction from the pair differences.
+constexpr float kBiorTap = 0.48585334f;
+constexpr float kBiorCorrection = 0.08350605f;
+constexpr float kBiorSynthesis = 0.7276957f;
+constexpr float kBiorSynthesisCorrection = 0.121533975f;
+
+struct Bior8Forward {
+    static inline void apply(const float* v, float* o) {
+        const float s0 = v[0] + v[1], s1 = v[2] + v[3], s2 = v[4] + v[5], s3 = v[6] + v[7];
+        const float d0 = v[0] - v[1], d1 = v[2] - v[3], d2 = v[4] - v[5], d3 = v[6] - v[7];
+        const float lo = s0 + s1, hi = s2 + s3;
+        const float e = kBiorCorrection * ((d0 + d1) - (d2 + d3));
+        o[0] = kRootHalf * (kBiorTap * (lo + hi));
+        o[1] = kRootHalf * (kBiorTap * (hi - lo) + 2.0f * kBiorCorrection * ((d0 - d1) - (d2 - d3)));
+        o[2] = kBiorTap * (s0 - s1) + e;
+        o[3] = kBiorTap * (s2 - s3) - e;
+        o[4] = kRootHalf * d0;
+        o[5] = kRootHalf * d1;
+        o[6] = kRootHalf * d2;
+        o[7] = kRootHalf * d3;
+    }
+};
+
+struct Bior8Inverse {
+    static inline void apply(const float* c, float* o) {
+        const float lo = kRootHalf * (c[0] - c[1]), hi = kRootHalf * (c[0] + c[1]);
+        const float m0 = kRootHalf * (kBiorSynthesis * (lo + c[2])) +
+                         kBiorSynthesisCorrection * (c[7] - c[5]);
+        const float m1 = kRootHalf * (kBiorSynthesis * (lo - c[2])) +
+                         kBiorSynthesisCorrection * (c[4] - c[6]);
+        const float m2 = kRootHalf * (kBiorSynthesis * (hi + c[3])) +
+                         kBiorSynthesisCorrection * (c[5] - c[7]);
+        const float m3 = kRootHalf * (kBiorSynthesis * (hi - c[3])) +
+                         kBiorSynthesisCorrection * (c[6] - c[4]);
+        const float r4 = kRootHalf * c[4], r5 = kRootHalf * c[5];
+        const float r6 = kRootHalf * c[6], r7 = kRootHalf * c[7];
+        o[0] = m0 + r4;
+        o[1] = m0 - r4;
+        o[2] = m1 + r5;
+        o[3] = m1 - r5;
+        o[4] = m2 + r6;
+        o[5] = m2 - r6;
+        o[6] = m3 + r7;
+        o[7] = m3 - r7;
+    }
+};
+
+// Applies a butterfly to `count` lines whose points lie `stride` apart and whose
+// starts lie `step` apart. With step 1 the loop runs over contiguous lines.
+template <class Butterfly>
+void butterflyLines(const float* KORVO_RESTRICT in, float* KORVO_RESTRICT out,
+                    std::ptrdiff_t count, std::ptrdiff_t stride, std::ptrdiff_t step) {
+    for (std::ptrdiff_t l = 0; l < count; ++l) {
+        float v[8];
+        float o[8];
+        for (int p = 0; p < 8; ++p) v[p] = in[l * step + p * stride];
+        Butterfly::apply(v, o);
+        for (int p = 0; p < 8; ++p) out[l * step + p * stride] = o[p];
+    }
+}
+
+// An 8x8 tile, the butterfly down its columns. With every extent known at
+// compile time the whole tile becomes straight vector code.
+template <class Butterfly>
+void butterflyTile(const float* KORVO_RESTRICT in, float* KORVO_RESTRICT out) {
+    for (int l = 0; l < 8; ++l) {
+        float v[8];
+        float o[8];
+        for (int p = 0; p < 8; ++p) v[p] = in[l + p * 8];
+        Butterfly::apply(v, o);
+        for (int p = 0; p < 8; ++p) out[l + p * 8] = o[p];
+    }
+}
+
+template <class Butterfly>
+void butterflyPass(const float* in, float* out, bool alongX, int sx, int sy, int sz) {
+    const std::ptrdiff_t plane = static_cast<std::ptrdiff_t>(sx) * sy;
+    if (alongX) {
+        // Eight lines at a time are turned into columns so that the butterfly
+        // runs across lines as in the y pass; leftover lines go one by one.
+        const std::ptrdiff_t lines = static_cast<std::ptrdiff_t>(sy) * sz;
+        std::ptrdiff_t l = 0;
+        for (; l + 8 <= lines; l += 8) {
+            float tile[64];
+            float result[64];
+            for (int a = 0; a < 8; ++a)
+                for (int p = 0; p < 8; ++p) tile[p * 8 + a] = in[(l + a) * 8 + p];
+            butterflyTile<Butterfly>(tile, result);
+            for (int a = 0; a < 8; ++a)
+                for (int p = 0; p < 8; ++p) out[(l + a) * 8 + p] = result[p * 8 + a];
+        }
+        butterflyLines<Butterfly>(in + l * 8, out + l * 8, lines - l, 1, 8);
+    } else {
+        for (int z = 0; z < sz; ++z) {
+            const float* src = in + z * plane;
+            float* dst = out + z * plane;
+            if (sx == 8) {  // the flat 8x8 blocks of the built-in sets
+                butterflyTile<Butterfly>(src, dst);
+            } else {
+                butterflyLines<Butterfly>(src, dst, sx, sx, 1);
+            }
+        }
+    }
+}
+
+// One x or y pass: the butterfly of a recognised 8-point kind, else the product.
+void axisPass(const float* in, float* out, const float* m, StandardTransform kind, bool alongX,
+              int sx, int sy, int sz) {
+    switch (kind) {
+        case TransformsMetas::Dct8:
+            butterflyPass<Dct8Forward>(in, out, alongX, sx, sy, sz);
+            return;
+        case TransformsMetas::InverseDct8:
+            butterflyPass<Dct8Inverse>(in, out, alongX, sx, sy, sz);
+            return;
+        case TransformsMetas::Bior8:
+            butterflyPass<Bior8Forward>(in, out, alongX, sx, sy, sz);
+            return;
+        case TransformsMetas::InverseBior8:
+            butterflyPass<Bior8Inverse>(in, out, alongX, sx, sy, sz);
+            return;
+        default:
+            break;
+    }
+    const std::ptrdiff_t plane = static_cast<std::ptrdiff_t>(sx) * sy;
+    if (alongX) {
+        productX(in, out, m, sx, static_cast<std::ptrdiff_t>(sy) * sz);
+    } else {
+        for (int z = 0; z < sz; ++z)
+            productAcrossLines(in + z * plane, out + z * plane, m, sy, sx, sx);
+    }
+}
+
+}  // namespace
+
+template <typename T>
+void transf3D(const T* input, const Vec3<const T*>& transforms,
+              const Vec3<TransformsMetas::StandardTransform>& kinds, T* bufferA, T* bufferB,
+              T* output, const Vec3<int>& size) {
+    const int sx = size.x, sy = size.y, sz = size.z;
+    if (sx >= 1 && sy >= 1 && sz >= 1) {
+        axisPass(input, bufferA, transforms.x, kinds.x, true, sx, sy, sz);
+        axisPass(bufferA, sz == 1 ? output : bufferB, transforms.y, kinds.y, false, sx, sy, sz);
+        if (sz >= 2) {
+            const std::ptrdiff_t plane = static_cast<std::ptrdiff_t>(sx) * sy;
+            productAcrossLines(bufferB, output, transforms.z, sz, plane, plane);
+        }
+    }
+}
+
+template void transf3D<float>(const float*, const Vec3<const float*>&,
+                              const Vec3<TransformsMetas::StandardTransform>&, float*, float*,
+                              float*, const Vec3<int>&);
