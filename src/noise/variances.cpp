@@ -1,0 +1,226 @@
+// Noise variance of every coefficient of a group's 4-D spectrum under coloured noise,
+// from the power spectrum of the pattern of block positions of each group basis vector.
+#include "noise/variances.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "noise/fft.h"
+
+namespace {
+// Rows j < m: out[j*B + e] = sum over f of k3fT3[f*B + e] * power_j[f], each accumulated
+// by fma from 0 in increasing f. One sequential sweep over K3fT3 (the large array) serves
+// all m rows, which stay in cache; the inner loop runs across coefficients and is
+// vectorised (the compiler falls back to scalar code if the rows overlap the inputs).
+void exactVariances(const float* k3fT3, const float* power, long planeStride, long frequencies,
+                    int m, int b, float* out) {
+    const long rows = static_cast<long>(m) * b;
+    for (long i = 0; i < rows; ++i) {
+        out[i] = 0.0f;
+    }
+    for (long f = 0; f < frequencies; ++f) {
+        const float* record = k3fT3 + f * b;
+        for (int j = 0; j < m; ++j) {
+            const float p = power[j * planeStride + f];
+            float* row = out + static_cast<long>(j) * b;
+            for (int e = 0; e < b; ++e) {
+                row[e] = std::fma(record[e], p, row[e]);
+            }
+        }
+    }
+}
+}  // namespace
+
+template <typename T>
+void transformVariancePlane(const Vec3<int>& workSize, const Vec3<int>& keptSize, int m,
+                            Cube4D<Complex>& grid, Cube4D<float>& power, const bool* rowMask,
+                            TempMemory<T>& tmp) {
+    const int nx = workSize.x;
+    const int ny = workSize.y;
+    const int nz = workSize.z;
+    const int kx = keptSize.x;
+    const long stride = tmp.maxDimension;
+
+    // Along x: real input, and only rows that hold a block (the others are all zero).
+    if (nx >= 2 && m >= 1) {
+        for (int j = 0; j < m; ++j) {
+            Complex* in = tmp.lineA + j * stride;
+            Complex* out = tmp.lineB + j * stride;
+            for (int z = 0; z < nz; ++z) {
+                for (int y = 0; y < ny; ++y) {
+                    if (!rowMask[y + ny * z]) {
+                        continue;
+                    }
+                    const Complex* row = &grid.at(Vec4i{0, y, z, j});
+                    std::memcpy(in, row, static_cast<size_t>(nx) * sizeof(Complex));
+                    fftReal(nx, in, out);
+                    for (int x = 0; x < nx; ++x) {
+                        grid.setCoeff(Vec4i{x, y, z, j}, out[x]);
+                    }
+                }
+            }
+        }
+    }
+    // Along z, over every column.
+    if (nz >= 2 && m >= 1) {
+        for (int j = 0; j < m; ++j) {
+            Complex* in = tmp.lineA + j * stride;
+            Complex* out = tmp.lineB + j * stride;
+            for (int y = 0; y < ny; ++y) {
+                for (int x = 0; x < nx; ++x) {
+                    for (int z = 0; z < nz; ++z) {
+                        in[z] = grid.at(Vec4i{x, y, z, j});
+                    }
+                    fftComplex(nz, in, out);
+                    for (int z = 0; z < nz; ++z) {
+                        grid.setCoeff(Vec4i{x, y, z, j}, out[z]);
+                    }
+                }
+            }
+        }
+    }
+    if (m < 1 || nz < 1) {
+        return;
+    }
+    // Along y, only over the kept x frequencies, straight to squared magnitudes.
+    if (ny >= 2) {
+        for (int j = 0; j < m; ++j) {
+            Complex* in = tmp.lineA + j * stride;
+            Complex* out = tmp.lineB + j * stride;
+            for (int z = 0; z < nz; ++z) {
+                for (int x = 0; x < kx; ++x) {
+                    for (int y = 0; y < ny; ++y) {
+                        in[y] = grid.at(Vec4i{x, y, z, j});
+                    }
+                    fftComplex(ny, in, out);
+                    for (int y = 0; y < ny; ++y) {
+                        power.setCoeff(Vec4i{z, y, x, j},
+                                       std::fma(out[y].real, out[y].real, out[y].imag * out[y].imag));
+                    }
+                }
+            }
+        }
+    } else if (ny == 1) {
+        for (int j = 0; j < m; ++j) {
+            for (int z = 0; z < nz; ++z) {
+                for (int x = 0; x < kx; ++x) {
+                    const Complex v = grid.at(Vec4i{x, 0, z, j});
+                    power.setCoeff(Vec4i{z, 0, x, j}, std::fma(v.real, v.real, v.imag * v.imag));
+                }
+            }
+        }
+    }
+}
+
+template <typename T>
+void calculateVariances(int n, const Vec3<int>& blockSize, const Vec3<int>& workSize,
+                        const Vec3<int>& keptSize, int m, const float* groupTransform,
+                        const float* k3fT3, const float* localVariances, Cube4D<float>& variances,
+                        BlockDistance<float>* matches, TempMemory<T>& tmp) {
+    Cube4D<Complex>& grid = tmp.spectrum;
+    Cube4D<float>& power = tmp.halfSpectrum;
+    const Vec3<int>& w = workSize;
+
+    // Only the first n planes are ever written or read; the rest need no clearing.
+    const int planes = std::min(std::max(n, 0), grid.size.w);
+    std::memset(grid.data, 0, static_cast<size_t>(grid.slot() * planes) * sizeof(Complex));
+    std::memset(tmp.planeMask, 0, static_cast<size_t>(w.y) * static_cast<size_t>(w.z));
+
+    // Block positions on the periodic working grid, and the rows that contain one.
+    for (int k = 0; k < n; ++k) {
+        Vec3<int>& r = matches[k].relativePosition;
+        r = Vec3<int>{r.x % w.x, r.y % w.y, r.z % w.z};
+        tmp.planeMask[r.y + w.y * r.z] = 1;
+    }
+    // Plane j: the pattern of group basis vector j, weighted impulses at the blocks.
+    for (int k = 0; k < n; ++k) {
+        const Vec3<int>& r = matches[k].relativePosition;
+        for (int j = 0; j < n; ++j) {
+            const Vec4i at{r.x, r.y, r.z, j};
+            // Outside the cube the read is skipped, so that the setter's assertion, not
+            // an out-of-bounds read, reports a cube too small for the group.
+            const bool inside = r.x < grid.size.x && r.y < grid.size.y && r.z < grid.size.z &&
+                                j < grid.size.w;
+            Complex value = inside ? grid.at(at) : Complex{0.0f, 0.0f};
+            value.real += groupTransform[j * n + k];
+            grid.setCoeff(at, value);
+        }
+    }
+    transformVariancePlane(workSize, keptSize, m, grid, power,
+                           reinterpret_cast<const bool*>(tmp.planeMask), tmp);
+
+    const int b = blockSize.x * blockSize.y * blockSize.z;
+    if (b < 1) {
+        return;
+    }
+    float* out = variances.data;
+    // The block-collection scratch is idle while variances are computed: it holds the
+    // per-coefficient sum of the exactly computed variances.
+    float* sum = tmp.blockC;
+    for (int e = 0; e < b; ++e) {
+        sum[e] = 0.0f;
+    }
+    if (m >= 1) {
+        const long frequencies = static_cast<long>(keptSize.x) * keptSize.y * keptSize.z;
+        exactVariances(k3fT3, power.data, power.slot(), std::max(frequencies, 0L), m, b, out);
+        for (int j = 0; j < m; ++j) {
+            const float* row = out + static_cast<long>(j) * b;
+            for (int e = 0; e < b; ++e) {
+                sum[e] += row[e];
+            }
+        }
+    }
+    // The group transform is orthonormal: the variances of a coefficient over the group
+    // add up to n times its single-block variance, and the rest is shared evenly.
+    if (n > m) {
+        const float count = static_cast<float>(n);
+        const float share = static_cast<float>(n - m);
+        for (int j = m; j < n; ++j) {
+            float* row = out + static_cast<long>(j) * b;
+            for (int e = 0; e < b; ++e) {
+                row[e] = std::fma(count, localVariances[e], -sum[e]) / share;
+            }
+        }
+    }
+}
+
+template <typename T>
+void calculateVariancePairs(const Vec3<int>& centre, const Vec3<int>& extent,
+                            const Vec3<int>& blockSize, const Vec3<int>& workSize,
+                            const Vec3<int>& keptSize, const float* k3fT3,
+                            const float* pairTransform, float weight, float* table,
+                            TempMemory<T>& tmp) {
+    const int b = blockSize.x * blockSize.y * blockSize.z;
+    Cube4D<float> cube{{blockSize.x, blockSize.y, blockSize.z, 2},
+                       static_cast<float*>(std::malloc(static_cast<size_t>(b) * 2 * sizeof(float)))};
+    BlockDistance<float> records[2] = {};
+    records[0].relativePosition = centre;
+    for (int dz = 0; dz < extent.z; ++dz) {
+        for (int dy = 0; dy < extent.y; ++dy) {
+            for (int dx = 0; dx < extent.x; ++dx) {
+                records[1].relativePosition = Vec3<int>{dx, dy, dz};
+                calculateVariances(2, blockSize, workSize, keptSize, 2, pairTransform, k3fT3,
+                                   nullptr, cube, records, tmp);
+                // The second group coefficient is the scaled difference of the two blocks.
+                float s = 0.0f;
+                for (int e = 0; e < b; ++e) {
+                    s += cube.data[b + e];
+                }
+                table[dx + extent.x * (dy + extent.y * dz)] = (s + s) * weight;
+            }
+        }
+    }
+    std::free(cube.data);
+}
+
+template void transformVariancePlane<float>(const Vec3<int>&, const Vec3<int>&, int,
+                                            Cube4D<Complex>&, Cube4D<float>&, const bool*,
+                                            TempMemory<float>&);
+template void calculateVariances<float>(int, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
+                                        int, const float*, const float*, const float*,
+                                        Cube4D<float>&, BlockDistance<float>*, TempMemory<float>&);
+template void calculateVariancePairs<float>(const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
+                                            const Vec3<int>&, const Vec3<int>&, const float*,
+                                            const float*, float, float*, TempMemory<float>&);
