@@ -24,6 +24,27 @@ inline float addDistance(float d, const T* KORVO_RESTRICT cand, const T* KORVO_R
     return d;
 }
 
+// The first pieces of up to four candidates' sums at once: four independent
+// chains keep the adder busy while each chain still adds in coefficient order.
+template <typename T>
+inline void addDistances4(float* d, const T* const* cand, const T* KORVO_RESTRICT ref, int to) {
+    float d0 = d[0], d1 = d[1], d2 = d[2], d3 = d[3];
+    const T* KORVO_RESTRICT c0 = cand[0];
+    const T* KORVO_RESTRICT c1 = cand[1];
+    const T* KORVO_RESTRICT c2 = cand[2];
+    const T* KORVO_RESTRICT c3 = cand[3];
+    for (int e = 0; e < to; ++e) {
+        d0 += contribution(c0[e], ref[e]);
+        d1 += contribution(c1[e], ref[e]);
+        d2 += contribution(c2[e], ref[e]);
+        d3 += contribution(c3[e], ref[e]);
+    }
+    d[0] = d0;
+    d[1] = d1;
+    d[2] = d2;
+    d[3] = d3;
+}
+
 inline bool isPowerOfTwo(long n) { return n > 0 && (n & (n - 1)) == 0; }
 }  // namespace
 
@@ -56,41 +77,66 @@ BlockQueue<T> blockMatching(const BlockCollection<T>& coll, const float* distanc
     const int spanY = 2 * searchWindow.y + 1;
     bool full = false;  // holds maxGroupSize - 1 candidates
 
+    // Once the queue is full it stays full, so from then on candidates are taken
+    // four at a time for the first quarter of their sums; the decisions still run
+    // one candidate after another in visiting order, against the current worst.
+    constexpr int kBatch = 4;
+    const T* batchBlock[kBatch];
+    float batchDistance[kBatch];
+    Vec3<int> batchPosition[kBatch];
     for (int z = windowStart.z; z <= windowEnd.z; ++z) {
         for (int y = windowStart.y; y <= windowEnd.y; ++y) {
             const long rowBase =
                 (static_cast<long>(z - refPos.z + searchWindow.z) * spanY + (y - refPos.y + searchWindow.y)) *
                 spanX;
-            for (int x = windowStart.x; x <= windowEnd.x; ++x) {
-                const Vec3<int> p{x, y, z};
-                if (p == refPos) {
-                    continue;
+            int x = windowStart.x;
+            while (x <= windowEnd.x) {
+                int count = 0;
+                const int batch = full ? kBatch : 1;
+                for (; count < batch && x <= windowEnd.x; ++x) {
+                    const Vec3<int> p{x, y, z};
+                    if (p == refPos) {
+                        continue;
+                    }
+                    batchBlock[count] = coll.getBlock(p);
+                    batchDistance[count] = -distanceCorrection[rowBase + (x - refPos.x + searchWindow.x)];
+                    batchPosition[count] = p;
+                    ++count;
                 }
-                const T* cand = coll.getBlock(p);
-                float d = -distanceCorrection[rowBase + (x - refPos.x + searchWindow.x)];
                 if (!full) {
-                    d = addDistance(d, cand, ref, 0, volume);
-                    queue.push({cand, d, p, p});
-                    full = static_cast<long>(queue.size()) == static_cast<long>(maxGroupSize) - 1;
+                    if (count == 1) {
+                        const float d = addDistance(batchDistance[0], batchBlock[0], ref, 0, volume);
+                        queue.push({batchBlock[0], d, batchPosition[0], batchPosition[0]});
+                        full = static_cast<long>(queue.size()) == static_cast<long>(maxGroupSize) - 1;
+                    }
                     continue;
                 }
-                // Reject poor candidates after a quarter and a half of the sum:
-                // contributions are non-negative, so the full sum would fail too.
-                const float worst = queue.top().distance;
-                d = addDistance(d, cand, ref, 0, quarter);
-                if (d > worst) {
-                    continue;
+                if (count == kBatch) {
+                    addDistances4(batchDistance, batchBlock, ref, quarter);
+                } else {
+                    for (int i = 0; i < count; ++i) {
+                        batchDistance[i] = addDistance(batchDistance[i], batchBlock[i], ref, 0, quarter);
+                    }
                 }
-                d = addDistance(d, cand, ref, quarter, half);
-                if (d > worst) {
-                    continue;
+                for (int i = 0; i < count; ++i) {
+                    // Reject poor candidates after a quarter and a half of the sum:
+                    // contributions are non-negative, so the full sum would fail too.
+                    const float worst = queue.top().distance;
+                    float d = batchDistance[i];
+                    if (d > worst) {
+                        continue;
+                    }
+                    d = addDistance(d, batchBlock[i], ref, quarter, half);
+                    if (d > worst) {
+                        continue;
+                    }
+                    d = addDistance(d, batchBlock[i], ref, half, volume);
+                    if (!(d < worst)) {
+                        continue;
+                    }
+                    queue.pop();
+                    queue.push({batchBlock[i], d, batchPosition[i], batchPosition[i]});
                 }
-                d = addDistance(d, cand, ref, half, volume);
-                if (!(d < worst)) {
-                    continue;
-                }
-                queue.pop();
-                queue.push({cand, d, p, p});
             }
         }
     }

@@ -123,8 +123,10 @@ void calculateVariances(int n, const Vec3<int>& blockSize, const Vec3<int>& work
     Cube4D<float>& power = tmp.halfSpectrum;
     const Vec3<int>& w = workSize;
 
-    // Only the first n planes are ever written or read; the rest need no clearing.
-    const int planes = std::min(std::max(n, 0), grid.size.w);
+    // Only the m planes that are transformed are ever read: later group basis
+    // vectors get the even share, so their patterns are neither built nor cleared.
+    const int exact = std::min(m, n);
+    const int planes = std::min(std::max(exact, 0), grid.size.w);
     std::memset(grid.data, 0, static_cast<size_t>(grid.slot() * planes) * sizeof(Complex));
     std::memset(tmp.planeMask, 0, static_cast<size_t>(w.y) * static_cast<size_t>(w.z));
 
@@ -137,7 +139,7 @@ void calculateVariances(int n, const Vec3<int>& blockSize, const Vec3<int>& work
     // Plane j: the pattern of group basis vector j, weighted impulses at the blocks.
     for (int k = 0; k < n; ++k) {
         const Vec3<int>& r = matches[k].relativePosition;
-        for (int j = 0; j < n; ++j) {
+        for (int j = 0; j < exact; ++j) {
             const Vec4i at{r.x, r.y, r.z, j};
             // Outside the cube the read is skipped, so that the setter's assertion, not
             // an out-of-bounds read, reports a cube too small for the group.

@@ -11,8 +11,6 @@
 #include "korvo/korvo.h"
 #include "process_reference_location.h"
 
-extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
-
 namespace {
 using korvo_phantom::psnr;
 
