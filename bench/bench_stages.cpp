@@ -64,6 +64,7 @@ void breakdown(const Case& c, const Vec3<int>& size) {
     const TransformsMeta<float> meta{set.forward, set.inverse, set.groupForward, set.groupInverse, set.window,
                                      {arb, arb, arb}, nullptr, {inv, inv, inv}, nullptr};
     ThreadPool::THREAD_POOL.launchPool(1);
+    const FlushSubnormals flush;  // as the stage's workers do
     Memory<float> memory = allocateMemory<float>(p);
     TempMemory<float> temp = createTempMemory<float>(p);
     Vec3<int> kept = p.psdWorkSize;

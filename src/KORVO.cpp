@@ -244,6 +244,7 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
                                   const_cast<T*>(meta.forward.z)};
 
     pool.newLoopJob([&](int t) {
+        const FlushSubnormals flush;
         ThreadMemory<T> tm(params, kept);
         if (!tm.memory.allocated || !tm.tempMemory.allocated) {
             report("Error: could not allocate working memory");

@@ -10,26 +10,55 @@
 #include "noise/fft.h"
 
 namespace {
+constexpr int kRows = 4;     // group coefficients accumulated together
+constexpr int kLanes = 16;   // block coefficients accumulated together
+
 // Rows j < m: out[j*B + e] = sum over f of k3fT3[f*B + e] * power_j[f], each accumulated
-// by fma from 0 in increasing f. One sequential sweep over K3fT3 (the large array) serves
-// all m rows, which stay in cache; the inner loop runs across coefficients and is
-// vectorised (the compiler falls back to scalar code if the rows overlap the inputs).
+// by fma from 0 in increasing f. Tiles of four rows by sixteen coefficients keep their
+// sums in registers for the whole sweep over f; the ragged edges take the plain loop,
+// which accumulates in the same order, so every element gets the same value either way.
 void exactVariances(const float* k3fT3, const float* power, long planeStride, long frequencies,
                     int m, int b, float* out) {
-    const long rows = static_cast<long>(m) * b;
-    for (long i = 0; i < rows; ++i) {
-        out[i] = 0.0f;
-    }
-    for (long f = 0; f < frequencies; ++f) {
-        const float* record = k3fT3 + f * b;
-        for (int j = 0; j < m; ++j) {
-            const float p = power[j * planeStride + f];
-            float* row = out + static_cast<long>(j) * b;
-            for (int e = 0; e < b; ++e) {
-                row[e] = std::fma(record[e], p, row[e]);
+    const int fullRows = m - m % kRows;
+    const int fullLanes = b - b % kLanes;
+    for (int j0 = 0; j0 < fullRows; j0 += kRows) {
+        const float* p0 = power + static_cast<long>(j0) * planeStride;
+        const float* p1 = p0 + planeStride;
+        const float* p2 = p1 + planeStride;
+        const float* p3 = p2 + planeStride;
+        for (int e0 = 0; e0 < fullLanes; e0 += kLanes) {
+            float a0[kLanes] = {}, a1[kLanes] = {}, a2[kLanes] = {}, a3[kLanes] = {};
+            for (long f = 0; f < frequencies; ++f) {
+                const float* KORVO_RESTRICT record = k3fT3 + f * b + e0;
+                const float q0 = p0[f], q1 = p1[f], q2 = p2[f], q3 = p3[f];
+                for (int e = 0; e < kLanes; ++e) a0[e] = std::fma(record[e], q0, a0[e]);
+                for (int e = 0; e < kLanes; ++e) a1[e] = std::fma(record[e], q1, a1[e]);
+                for (int e = 0; e < kLanes; ++e) a2[e] = std::fma(record[e], q2, a2[e]);
+                for (int e = 0; e < kLanes; ++e) a3[e] = std::fma(record[e], q3, a3[e]);
+            }
+            float* o = out + static_cast<long>(j0) * b + e0;
+            for (int e = 0; e < kLanes; ++e) {
+                o[e] = a0[e];
+                o[b + e] = a1[e];
+                o[2 * b + e] = a2[e];
+                o[3 * b + e] = a3[e];
             }
         }
     }
+    // What the tiles leave: the last rows (all coefficients) and the last coefficients.
+    auto plain = [&](int j, int eFrom) {
+        float* row = out + static_cast<long>(j) * b;
+        for (int e = eFrom; e < b; ++e) row[e] = 0.0f;
+        const float* p = power + static_cast<long>(j) * planeStride;
+        for (long f = 0; f < frequencies; ++f) {
+            const float* record = k3fT3 + f * b;
+            for (int e = eFrom; e < b; ++e) row[e] = std::fma(record[e], p[f], row[e]);
+        }
+    };
+    for (int j = 0; j < fullRows; ++j) {
+        if (fullLanes < b) plain(j, fullLanes);
+    }
+    for (int j = fullRows; j < m; ++j) plain(j, 0);
 }
 }  // namespace
 
