@@ -1,0 +1,33 @@
+"""korvo: denoising of 3-D volumes and 2-D images by collaborative filtering of
+groups of similar blocks, with white or coloured noise.
+
+    >>> import korvo
+    >>> y = korvo.korvo(z, sigma)                 # white noise of std sigma
+    >>> y = korvo.korvo(z, psd)                   # coloured noise with this PSD
+    >>> y = korvo.korvo(z, korvo.estimate_sigma(z))
+
+Arrays are (rows, columns) or (slices, rows, columns); every per-axis setting
+of :class:`KORVOProfile` is an (x, y, z) tuple with x the array's last axis.
+"""
+
+from ._core import MatchStorage, StageMatches, available_memory, korvo
+from .noise import coloured_noise, estimate_sigma, psd_from_kernel, psd_sigma, white_psd
+from .phantom import phantom
+from .profile import KORVOProfile, StageProfile
+
+__version__ = "0.1.0"
+
+__all__ = [
+    "korvo",
+    "KORVOProfile",
+    "StageProfile",
+    "MatchStorage",
+    "StageMatches",
+    "estimate_sigma",
+    "white_psd",
+    "psd_from_kernel",
+    "psd_sigma",
+    "coloured_noise",
+    "phantom",
+    "available_memory",
+]
