@@ -29,68 +29,54 @@ std::vector<float> randomValues(int n, unsigned seed, float lo = 0.0f, float hi 
     return v;
 }
 
-struct Transform3 {
-    std::vector<float> x, y, z;
-    Vec3<const float*> fwd() const { return {x.data(), y.data(), z.data()}; }
-    Vec3<float*> mutableFwd() { return {x.data(), y.data(), z.data()}; }
-};
-
-Transform3 randomTransforms(const V3& b, unsigned seed) {
-    return {randomValues(b.x * b.x, seed, -1, 1), randomValues(b.y * b.y, seed + 1, -1, 1),
-            randomValues(b.z * b.z, seed + 2, -1, 1)};
-}
-
-struct Volume {
-    std::vector<float> data;
+// A random volume, random block transforms and the scratch of one block size.
+struct Rig {
+    V3 block;
+    std::vector<float> data, t[3];
     ImageData<float> image;
-    Volume(const V3& size, unsigned seed) : data(randomValues(size.volume(), seed)), image(data.data(), size) {}
-};
-
-struct Scratch {
     TempMemory<float> memory{};
-    explicit Scratch(const V3& b) {
+    BlockCollection<float> coll;
+    Rig(const V3& size, const V3& b, unsigned seed)
+        : block(b), data(randomValues(size.volume(), seed)), t{randomValues(b.x * b.x, seed + 1, -1, 1),
+          randomValues(b.y * b.y, seed + 2, -1, 1), randomValues(b.z * b.z, seed + 3, -1, 1)}, image(data.data(), size) {
         memory.blockA = static_cast<float*>(std::malloc(sizeof(float) * b.volume()));
         memory.blockB = static_cast<float*>(std::malloc(sizeof(float) * b.volume()));
     }
+    Vec3<const float*> fwd() const { return {t[0].data(), t[1].data(), t[2].data()}; }
+    Vec3<float*> mutableFwd() { return {t[0].data(), t[1].data(), t[2].data()}; }
+    bool extract(BlockCollection<float>& c, const ImageData<float>& img, const V3& pos, bool allocate, const V3& window,
+                 const Kinds& kinds = kArbitrary) {
+        return c.extractInitial(img, pos, block, fwd(), kinds, allocate, memory, window);
+    }
+    void slide(const V3& step) { coll.moveInImage(image, step, block, fwd(), memory); }
 };
 
-// Plain separable product in double; a single plane is not transformed along z.
-double directCoefficient(const ImageData<float>& img, const V3& p, const V3& b, const Transform3& t, int u,
-                         int v, int w) {
-    double s = 0;
-    for (int k = 0; k < b.z; ++k)
-        for (int j = 0; j < b.y; ++j)
-            for (int i = 0; i < b.x; ++i)
-                s += double(t.x[u * b.x + i]) * t.y[v * b.y + j] * (b.z == 1 ? 1.0f : t.z[w * b.z + k]) *
-                     img.at({p.x + i, p.y + j, p.z + k});
-    return s;
-}
-
-// Every position of the band that is a valid block position holds its block's coefficients.
-void expectBandCurrent(const BlockCollection<float>& c, const ImageData<float>& img, const V3& b,
-                       const Transform3& t, const std::string& where) {
-    const V3 s = c.bufferStart(), end = s + c.bufferRange(), last = img.size() - b;
+// Every position of the band that is a valid block position holds its block's coefficients,
+// checked against the plain separable product in double (a single plane is not transformed along z).
+void expectBandCurrent(const BlockCollection<float>& c, const ImageData<float>& img, const Rig& s,
+                       const std::string& where) {
+    const V3 b = s.block, start = c.bufferStart(), end = start + c.bufferRange(), last = img.size() - b;
     int checked = 0;
-    for (int z = s.z; z < end.z && z <= last.z; ++z)
-        for (int y = s.y; y < end.y && y <= last.y; ++y)
-            for (int x = s.x; x < end.x && x <= last.x; ++x, ++checked) {
-                const float* got = c.getBlock({x, y, z});
-                for (int w = 0; w < b.z; ++w)
-                    for (int v = 0; v < b.y; ++v)
-                        for (int u = 0; u < b.x; ++u) {
-                            const double ref = directCoefficient(img, {x, y, z}, b, t, u, v, w);
-                            ASSERT_NEAR(got[u + b.x * (v + b.y * w)], ref, 2e-5 * (8 + std::fabs(ref)))
-                                << where << " block " << x << "," << y << "," << z;
-                        }
-            }
+    for (int z = start.z; z < end.z && z <= last.z; ++z)
+        for (int y = start.y; y < end.y && y <= last.y; ++y)
+            for (int x = start.x; x < end.x && x <= last.x; ++x, ++checked)
+                for (int e = 0; e < b.volume(); ++e) {
+                    const int u = e % b.x, v = e / b.x % b.y, w = e / (b.x * b.y);
+                    double ref = 0;
+                    for (int k = 0; k < b.z; ++k)
+                        for (int j = 0; j < b.y; ++j)
+                            for (int i = 0; i < b.x; ++i)
+                                ref += double(s.t[0][u * b.x + i]) * s.t[1][v * b.y + j] *
+                                       (b.z == 1 ? 1.0f : s.t[2][w * b.z + k]) * img.at({x + i, y + j, z + k});
+                    ASSERT_NEAR(c.getBlock({x, y, z})[e], ref, 2e-5 * (8 + std::fabs(ref)))
+                        << where << " block " << x << "," << y << "," << z;
+                }
     EXPECT_GT(checked, 0) << where;
 }
 }  // namespace
 
 TEST(BlockCollection, ExtractInitialHoldsTransformedBand) {
-    struct Case {
-        V3 size, block, window, pos, start, range;  // start and range worked out by hand
-    };
+    struct Case { V3 size, block, window, pos, start, range; };  // start and range worked out by hand
     const Case cases[] = {
         // Low border: the band reaches further up; z exactly one block deep.
         {{20, 9, 4}, {3, 2, 4}, {2, 1, 3}, {10, 0, 0}, {7, 0, 0}, {7, 5, 1}},
@@ -101,51 +87,44 @@ TEST(BlockCollection, ExtractInitialHoldsTransformedBand) {
     unsigned seed = 1;
     for (const Case& c : cases)
         for (int threads : {1, 3, 8}) {  // uneven and empty chunks
-            Volume vol(c.size, seed++);
-            const Transform3 t = randomTransforms(c.block, seed++);
-            Scratch scratch(c.block);
-            BlockCollection<float> coll;
+            Rig s(c.size, c.block, seed += 4);
             ThreadPool::THREAD_POOL.launchPool(threads);
-            ASSERT_TRUE(coll.extractInitial(vol.image, c.pos, c.block, t.fwd(), kArbitrary, true, scratch.memory,
-                                            c.window));
+            ASSERT_TRUE(s.extract(s.coll, s.image, c.pos, true, c.window));
             ThreadPool::THREAD_POOL.clearPool();
-            EXPECT_TRUE(coll.getHasData());
-            EXPECT_EQ(coll.bufferStart(), c.start);
-            EXPECT_EQ(coll.bufferRange(), c.range);
-            EXPECT_EQ(coll.blockCount(), c.range.volume());
-            expectBandCurrent(coll, vol.image, c.block, t, "extract");
+            EXPECT_TRUE(s.coll.getHasData());
+            EXPECT_EQ(s.coll.bufferStart(), c.start);
+            EXPECT_EQ(s.coll.bufferRange(), c.range);
+            EXPECT_EQ(s.coll.blockCount(), c.range.volume());
+            expectBandCurrent(s.coll, s.image, s, "extract");
         }
 }
 
 TEST(BlockCollection, RecognisedKindsInsideLoopJobThenGeneralSlide) {
     const V3 size{19, 17, 1}, block{8, 8, 1}, window{2, 2, 0};
-    Volume vol(size, 11);
-    std::vector<float> dct(64);  // orthonormal DCT-II
-    for (int k = 0; k < 8; ++k)
-        for (int j = 0; j < 8; ++j)
-            dct[k * 8 + j] = float((k == 0 ? std::sqrt(0.125) : 0.5) * std::cos(std::acos(-1.0) * (2 * j + 1) * k / 16));
-    const Transform3 t{dct, dct, {1.0f}};
-    const Kinds kinds{TransformsMetas::Dct8, TransformsMetas::Dct8, TransformsMetas::Arbitrary};
-    Scratch scratch(block);
-    BlockCollection<float> coll;
-    ASSERT_NE(coll.allocate(size, block, window), nullptr);
+    Rig s(size, block, 11);
+    for (int i = 0; i < 64; ++i) {  // orthonormal DCT-II
+        const int k = i / 8, j = i % 8;
+        s.t[0][i] = s.t[1][i] = float((k == 0 ? std::sqrt(0.125) : 0.5) * std::cos(M_PI * (2 * j + 1) * k / 16));
+    }
+    ASSERT_NE(s.coll.allocate(size, block, window), nullptr);
     bool ok = false;
     ThreadPool::THREAD_POOL.launchPool(2);
+    const Kinds dct{TransformsMetas::Dct8, TransformsMetas::Dct8, TransformsMetas::Arbitrary};
     ThreadPool::THREAD_POOL.newLoopJob([&](int index) {  // nested: runs sequentially on one thread
-        if (index == 1) ok = coll.extractInitial(vol.image, {5, 4, 0}, block, t.fwd(), kinds, false, scratch.memory, window);
+        if (index == 1) ok = s.extract(s.coll, s.image, {5, 4, 0}, false, window, dct);
     });
     ThreadPool::THREAD_POOL.clearPool();
     ASSERT_TRUE(ok);
-    expectBandCurrent(coll, vol.image, block, t, "fast path");
-    coll.moveInImage(vol.image, {1, 0, 0}, block, t.fwd(), scratch.memory);
-    expectBandCurrent(coll, vol.image, block, t, "general product");
+    expectBandCurrent(s.coll, s.image, s, "fast path");
+    s.slide({1, 0, 0});
+    expectBandCurrent(s.coll, s.image, s, "general product");
 }
 
 TEST(BlockCollection, AllocationFailureAndMissingBuffer) {
-    BlockCollection<float> coll;
+    Rig s({8, 8, 8}, {2, 2, 2}, 3);
     long total = 0;
     testing::internal::CaptureStderr();
-    EXPECT_EQ(coll.allocate(1L << 60, 1, total), nullptr);
+    EXPECT_EQ(s.coll.allocate(1L << 60, 1, total), nullptr);
     // A sanitizer's allocator may warn first; the message must close the output verbatim.
     const std::string err = testing::internal::GetCapturedStderr();
     const std::string expected =
@@ -156,65 +135,51 @@ TEST(BlockCollection, AllocationFailureAndMissingBuffer) {
     ASSERT_GE(err.size(), expected.size());
     EXPECT_EQ(err.substr(err.size() - expected.size()), expected);
     EXPECT_EQ(total, 1L << 60);
-    EXPECT_EQ(coll.blockCount(), 1L << 60);
-
-    Volume vol({8, 8, 8}, 3);
-    const Transform3 t = randomTransforms({2, 2, 2}, 4);
-    Scratch scratch({2, 2, 2});
-    EXPECT_FALSE(coll.extractInitial(vol.image, {3, 3, 3}, {2, 2, 2}, t.fwd(), kArbitrary, false, scratch.memory,
-                                     {1, 1, 1}));
-    EXPECT_FALSE(coll.getHasData());
+    EXPECT_EQ(s.coll.blockCount(), 1L << 60);
+    EXPECT_FALSE(s.extract(s.coll, s.image, {3, 3, 3}, false, {1, 1, 1}));
+    EXPECT_FALSE(s.coll.getHasData());
     // Largest band: min(2w + 2, size - block) + 1 positions per axis.
-    ASSERT_NE(coll.allocate({30, 6, 9}, {4, 2, 3}, {3, 5, 1}), nullptr);
-    EXPECT_EQ(coll.blockCount(), 9L * 5 * 5);
-    EXPECT_EQ(coll.blockElements(), 24);
+    ASSERT_NE(s.coll.allocate({30, 6, 9}, {4, 2, 3}, {3, 5, 1}), nullptr);
+    EXPECT_EQ(s.coll.blockCount(), 9L * 5 * 5);
+    EXPECT_EQ(s.coll.blockElements(), 24);
 }
 
 TEST(BlockCollection, RingSlotsAreReusedBySlides) {
-    const V3 size{20, 7, 9}, block{4, 3, 2}, window{2, 1, 1};
-    Volume vol(size, 5);
-    const Transform3 t = randomTransforms(block, 6);
-    Scratch scratch(block);
-    BlockCollection<float> coll;
-    ASSERT_TRUE(coll.extractInitial(vol.image, {11, 2, 3}, block, t.fwd(), kArbitrary, true, scratch.memory, window));
-    const V3 s = coll.bufferStart(), r = coll.bufferRange();
-    ASSERT_EQ(s, (V3{8, 0, 1}));
+    Rig s({20, 7, 9}, {4, 3, 2}, 5);
+    ASSERT_TRUE(s.extract(s.coll, s.image, {11, 2, 3}, true, {2, 1, 1}));
+    const V3 start = s.coll.bufferStart(), r = s.coll.bufferRange();
+    ASSERT_EQ(start, (V3{8, 0, 1}));
     ASSERT_EQ(r, (V3{7, 5, 5}));  // x positions 8 .. 14; the last valid one is 16
-    EXPECT_EQ(coll.slot({9, 4, 2}), 9 % 7 + 4 * 7 + 2 * 35);
+    EXPECT_EQ(s.coll.slot({9, 4, 2}), 9 % 7 + 4 * 7 + 2 * 35);
     std::vector<const float*> leaving;
-    for (int z = s.z; z < s.z + r.z; ++z)
-        for (int y = s.y; y < s.y + r.y; ++y) leaving.push_back(coll.getBlock({s.x, y, z}));
-    coll.moveInImage(vol.image, {1, 0, 0}, block, t.fwd(), scratch.memory);
-    size_t i = 0;  // the entering position takes the slot of the one that left
-    for (int z = s.z; z < s.z + r.z; ++z)
-        for (int y = s.y; y < s.y + r.y; ++y) EXPECT_EQ(coll.getBlock({s.x + r.x, y, z}), leaving[i++]);
-    // Near the upper border fewer positions enter (16 only), yet the start moves by the full step.
-    coll.moveInImage(vol.image, {3, 0, 0}, block, t.fwd(), scratch.memory);
-    EXPECT_EQ(coll.bufferStart(), (V3{12, 0, 1}));
-    expectBandCurrent(coll, vol.image, block, t, "border slide");
-    coll.moveInImage(vol.image, {2, 0, 0}, block, t.fwd(), scratch.memory);  // nothing left to load
-    EXPECT_EQ(coll.bufferStart(), (V3{14, 0, 1}));
-    expectBandCurrent(coll, vol.image, block, t, "empty slide");
+    for (int i = 0; i < r.y * r.z; ++i) leaving.push_back(s.coll.getBlock({start.x, i % r.y, start.z + i / r.y}));
+    s.slide({1, 0, 0});
+    for (int i = 0; i < r.y * r.z; ++i)  // the entering position takes the slot of the one that left
+        EXPECT_EQ(s.coll.getBlock({start.x + r.x, i % r.y, start.z + i / r.y}), leaving[i]);
+    // Near the upper border fewer positions enter (16 only), yet the start moves by the full step;
+    // then nothing is left to load.
+    for (int step : {3, 2}) {
+        s.slide({step, 0, 0});
+        EXPECT_EQ(s.coll.bufferStart(), (V3{step == 3 ? 12 : 14, 0, 1}));
+        expectBandCurrent(s.coll, s.image, s, "slide by " + std::to_string(step));
+    }
 }
 
 TEST(BlockCollection, NoSlideNearBordersOfANarrowAxis) {
-    const V3 size{24, 4, 3}, block{2, 2, 2}, window{3, 1, 1};
-    Volume vol(size, 9);
-    Transform3 t = randomTransforms(block, 10);
-    Scratch scratch(block);
-    BlockCollection<float> coll;
-    ASSERT_NE(coll.allocate(size, block, window), nullptr);
+    const V3 window{3, 1, 1};
+    Rig s({24, 4, 3}, {2, 2, 2}, 9);
+    ASSERT_NE(s.coll.allocate({24, 4, 3}, s.block, window), nullptr);
     auto move = [&](int x, int dx) {
-        moveCollections<HardThresholding, float>({x, 0, 0}, {dx, 0, 0}, window, block, t.mutableFwd(), scratch.memory,
-                                                 vol.image, nullptr, kArbitrary, &coll, nullptr);
-        return coll.bufferStart().x;
+        moveCollections<HardThresholding, float>({x, 0, 0}, {dx, 0, 0}, window, s.block, s.mutableFwd(), s.memory,
+                                                 s.image, nullptr, kArbitrary, &s.coll, nullptr);
+        return s.coll.bufferStart().x;
     };
     EXPECT_EQ(move(0, 0), 0);     // no data yet: extract
     EXPECT_EQ(move(4, 4), 0);     // refPos <= W + 1
     EXPECT_EQ(move(5, 1), 1);     // first slide
     EXPECT_EQ(move(21, 16), 17);  // refPos = S - W still slides
     EXPECT_EQ(move(22, 1), 17);   // beyond S - W
-    expectBandCurrent(coll, vol.image, block, t, "upper border");
+    expectBandCurrent(s.coll, s.image, s, "upper border");
 }
 
 namespace {
@@ -224,15 +189,12 @@ namespace {
 template <StageName stage>
 void walkVolume(const V3& size, const V3& block, const V3& window, const V3& step, unsigned seed,
                 bool checkWindow = true) {
-    Volume vol(size, seed), vol2(size, seed + 100);
-    Transform3 t = randomTransforms(block, seed + 200);
-    Scratch scratch(block);
-    BlockCollection<float> coll, coll2;
-    ASSERT_NE(coll.allocate(size, block, window), nullptr);
-    ASSERT_NE(coll2.allocate(size, block, window), nullptr);
-    auto axis = [](int extent, int b, int s) {
+    Rig s(size, block, seed), pilot(size, block, seed + 100);
+    ASSERT_NE(s.coll.allocate(size, block, window), nullptr);
+    ASSERT_NE(pilot.coll.allocate(size, block, window), nullptr);
+    auto axis = [](int extent, int b, int st) {
         std::vector<int> p;
-        for (int v = 0; v < std::max(extent - b, 0) + s; v += s) p.push_back(std::min(v, extent - b));
+        for (int v = 0; v < std::max(extent - b, 0) + st; v += st) p.push_back(std::min(v, extent - b));
         return p;
     };
     const V3 narrowBy = size - window - window - V3{1, 1, 1};  // > 0 on a narrow axis
@@ -243,22 +205,22 @@ void walkVolume(const V3& size, const V3& block, const V3& window, const V3& ste
                 const V3 ref{x, y, z};
                 if (prev.x < 0) prev = ref;
                 if ((narrowBy.x > 0 && x < prev.x) || (narrowBy.y > 0 && y < prev.y) || (narrowBy.z > 0 && z < prev.z)) {
-                    coll.extractInitial(vol.image, ref, block, t.fwd(), kArbitrary, false, scratch.memory, window);
-                    coll2.extractInitial(vol2.image, ref, block, t.fwd(), kArbitrary, false, scratch.memory, window);
+                    s.extract(s.coll, s.image, ref, false, window);
+                    s.extract(pilot.coll, pilot.image, ref, false, window);
                 } else {
                     const V3 d{std::max(x - prev.x, 0), std::max(y - prev.y, 0), std::max(z - prev.z, 0)};
-                    moveCollections<stage, float>(ref, d, window, block, t.mutableFwd(), scratch.memory, vol.image,
-                                                  &vol2.image, kArbitrary, &coll, &coll2);
+                    moveCollections<stage, float>(ref, d, window, block, s.mutableFwd(), s.memory, s.image,
+                                                  &pilot.image, kArbitrary, &s.coll, &pilot.coll);
                 }
                 prev = ref;
                 const std::string where = "ref " + std::to_string(x) + "," + std::to_string(y) + "," + std::to_string(z);
-                expectBandCurrent(coll, vol.image, block, t, where);
-                if (stage == Wiener) expectBandCurrent(coll2, vol2.image, block, t, where + " pilot");
+                expectBandCurrent(s.coll, s.image, s, where);
+                if (stage == Wiener) expectBandCurrent(pilot.coll, pilot.image, s, where + " pilot");
                 if (!checkWindow) continue;
                 V3 lo{}, hi{};  // matching around ref reads only inside the band
                 setSearchWindow(ref, window, block, size, lo, hi);
-                const V3 end = coll.bufferStart() + coll.bufferRange();
-                EXPECT_TRUE(lo >= coll.bufferStart() && hi.x < end.x && hi.y < end.y && hi.z < end.z) << where;
+                const V3 end = s.coll.bufferStart() + s.coll.bufferRange();
+                EXPECT_TRUE(lo >= s.coll.bufferStart() && hi.x < end.x && hi.y < end.y && hi.z < end.z) << where;
             }
 }
 }  // namespace
@@ -274,35 +236,26 @@ TEST(BlockCollection, SlidesKeepEveryCoveredBlockCurrent) {
 }
 
 TEST(BlockCollectionDeathTest, AssertionsGuardTheBand) {
-    const V3 size{10, 10, 10}, block{2, 2, 2};
-    Volume vol(size, 30);
-    Transform3 t = randomTransforms(block, 31);
-    Scratch scratch(block);
-    BlockCollection<float> coll, empty;
-    ASSERT_TRUE(coll.extractInitial(vol.image, {5, 5, 5}, block, t.fwd(), kArbitrary, true, scratch.memory, {1, 1, 1}));
+    Rig s({10, 10, 10}, {2, 2, 2}, 30);
+    BlockCollection<float> empty;
+    ASSERT_TRUE(s.extract(s.coll, s.image, {5, 5, 5}, true, {1, 1, 1}));
     // Band: positions 3 .. 7 on every axis; "<" needs only one component inside.
-    EXPECT_NE(coll.getBlock({8, 3, 7}), nullptr);
-    EXPECT_DEATH(coll.getBlock({3, 2, 7}), "coords >= _bufferStart");
-    EXPECT_DEATH(coll.getBlock({8, 8, 8}), "coords < _bufferStart \\+ _bufferRange");
+    EXPECT_NE(s.coll.getBlock({8, 3, 7}), nullptr);
+    EXPECT_DEATH(s.coll.getBlock({3, 2, 7}), "coords >= _bufferStart");
+    EXPECT_DEATH(s.coll.getBlock({8, 8, 8}), "coords < _bufferStart \\+ _bufferRange");
     // A window covering every axis: nothing to move, but the collection must hold data.
     auto move = [&](BlockCollection<float>* c) {
-        moveCollections<HardThresholding, float>({2, 0, 0}, {2, 0, 0}, {5, 5, 5}, block, t.mutableFwd(),
-                                                 scratch.memory, vol.image, nullptr, kArbitrary, c, nullptr);
+        moveCollections<HardThresholding, float>({2, 0, 0}, {2, 0, 0}, {5, 5, 5}, s.block, s.mutableFwd(), s.memory,
+                                                 s.image, nullptr, kArbitrary, c, nullptr);
     };
     EXPECT_DEATH(move(&empty), "collHTWie->getHasData\\(\\)");
-    move(&coll);
-    EXPECT_EQ(coll.bufferStart(), (V3{3, 3, 3}));
+    move(&s.coll);
+    EXPECT_EQ(s.coll.bufferStart(), (V3{3, 3, 3}));
 }
-
-// ---------------------------------------------------------------------------------------------
-// Matching
 
 namespace {
 float term(float a, float b) { return (a - b) * (a - b); }
-float term(const Complex& a, const Complex& b) {
-    const float re = a.real - b.real, im = a.imag - b.imag;
-    return re * re + im * im;
-}
+float term(const Complex& a, const Complex& b) { return term(a.real, b.real) + term(a.imag, b.imag); }
 
 // A collection whose band is the whole grid of `positions`, filled by fill(element index).
 template <typename T, typename Fill>
@@ -314,17 +267,12 @@ void fillCollection(BlockCollection<T>& coll, const V3& positions, long elements
     for (long i = 0; i < total; ++i) buffer[i] = fill(i);
 }
 
-struct Candidate {
-    float distance;
-    V3 position;
-};
+struct Candidate { float distance; V3 position; };
 
-// Every distance of the window in visiting order, stable-sorted, the best maxGroupSize - 1 kept,
-// then reduced worst first.
+// Every candidate of the window with its distance, in visiting order, then stable-sorted.
 template <typename T>
 std::vector<Candidate> bruteForce(const BlockCollection<T>& coll, const float* corr, const V3& ref, const V3& block,
-                                  const V3& w, const V3& lo, const V3& hi, int maxGroupSize, int minReduceCount,
-                                  float threshold) {
+                                  const V3& w, const V3& lo, const V3& hi) {
     std::vector<Candidate> all;
     for (int z = lo.z; z <= hi.z; ++z)
         for (int y = lo.y; y <= hi.y; ++y)
@@ -335,43 +283,41 @@ std::vector<Candidate> bruteForce(const BlockCollection<T>& coll, const float* c
                 all.push_back({d, {x, y, z}});
             }
     std::stable_sort(all.begin(), all.end(), [](const Candidate& a, const Candidate& b) { return a.distance < b.distance; });
-    all.resize(std::min<size_t>(all.size(), std::max(maxGroupSize - 1, 0)));
-    while (minReduceCount > 0 && int(all.size()) > minReduceCount - 1) {
-        const size_t group = all.size() + 1;
-        if (all.back().distance <= threshold && (group & (group - 1)) == 0) break;
-        all.pop_back();
-    }
     return all;
 }
 
 // With ties (unique false) only the distances by rank and each record's consistency are fixed.
 template <typename T>
 void checkMatches(const BlockCollection<T>& coll, const V3& volume, const float* corr, const V3& ref, const V3& block,
-                  const V3& w, int maxGroupSize, int minReduceCount, float threshold, bool unique,
-                  const std::string& where) {
+                  const V3& w, int maxGroupSize, int minReduceCount, float threshold, bool unique) {
+    SCOPED_TRACE(testing::Message() << "N " << maxGroupSize << " minReduce " << minReduceCount << " thr " << threshold);
     V3 lo{}, hi{};
     setSearchWindow(ref, w, block, volume, lo, hi);
     std::vector<BlockDistance<T>> out(maxGroupSize);
     int count = -1;
     getBlockMatches<T>(coll, corr, ref, block, w, lo, hi, maxGroupSize, minReduceCount, threshold, out.data(), count);
-    const auto expected = bruteForce(coll, corr, ref, block, w, lo, hi, maxGroupSize, minReduceCount, threshold);
-    const auto all = bruteForce(coll, corr, ref, block, w, lo, hi, 1 << 30, 0, 0.0f);
-    ASSERT_EQ(count, int(expected.size()) + 1) << where;
-    EXPECT_TRUE(out[0].block == coll.getBlock(ref) && out[0].distance == 0.0f && out[0].position == ref) << where;
+    const auto all = bruteForce(coll, corr, ref, block, w, lo, hi);
+    auto expected = all;  // the best maxGroupSize - 1 kept, then reduced worst first
+    expected.resize(std::min<size_t>(all.size(), std::max(maxGroupSize - 1, 0)));
+    while (minReduceCount > 0 && int(expected.size()) > minReduceCount - 1) {
+        const size_t group = expected.size() + 1;
+        if (expected.back().distance <= threshold && (group & (group - 1)) == 0) break;
+        expected.pop_back();
+    }
+    ASSERT_EQ(count, int(expected.size()) + 1);
+    EXPECT_TRUE(out[0].block == coll.getBlock(ref) && out[0].distance == 0.0f && out[0].position == ref);
     V3 corner = ref;
     for (int k = 1; k < count; ++k) {
         const BlockDistance<T>& m = out[k];
-        EXPECT_EQ(m.distance, expected[k - 1].distance) << where << " rank " << k;
-        if (unique) {
-            EXPECT_EQ(m.position, expected[k - 1].position) << where << " rank " << k;
-        }
-        EXPECT_EQ(m.block, coll.getBlock(m.position)) << where;
+        EXPECT_EQ(m.distance, expected[k - 1].distance) << "rank " << k;
+        if (unique) { EXPECT_EQ(m.position, expected[k - 1].position) << "rank " << k; }
+        EXPECT_EQ(m.block, coll.getBlock(m.position));
         const auto same = std::find_if(all.begin(), all.end(), [&](const Candidate& c) { return c.position == m.position; });
-        EXPECT_TRUE(same != all.end() && same->distance == m.distance) << where << " rank " << k;
-        for (int j = 1; j < k; ++j) EXPECT_NE(m.position, out[j].position) << where;
+        EXPECT_TRUE(same != all.end() && same->distance == m.distance) << "rank " << k;
+        for (int j = 1; j < k; ++j) EXPECT_NE(m.position, out[j].position);
         corner = {std::min(corner.x, m.position.x), std::min(corner.y, m.position.y), std::min(corner.z, m.position.z)};
     }
-    for (int k = 0; k < count; ++k) EXPECT_EQ(out[k].relativePosition, out[k].position - corner) << where;
+    for (int k = 0; k < count; ++k) EXPECT_EQ(out[k].relativePosition, out[k].position - corner);
 }
 }  // namespace
 
@@ -396,16 +342,13 @@ TEST(BlockMatching, MatchesBruteForce) {
             fillCollection(coll, positions, v, [&](long i) { return values[duplicates ? i / v % 3 * v + i % v : i]; });
             for (float corrScale : {0.0f, 0.5f, 200.0f}) {  // the last gives negative distances
                 const auto corr = randomValues(spans, seed++, 0.0f, corrScale);
+                SCOPED_TRACE(testing::Message() << "V " << v << " dup " << duplicates << " corr " << corrScale);
                 for (const V3 ref : {V3{4, 3, positions.z / 2}, V3{0, 0, 0}, positions - V3{1, 1, 1}})
                     for (int maxGroupSize : {1, 2, 16, 32})
                         for (int minReduceCount : {0, 1, 5})
                             for (float threshold : {kInf, 6.0f, -150.0f})
                                 checkMatches(coll, volume, corr.data(), ref, block, w, maxGroupSize, minReduceCount,
-                                             threshold, !duplicates,
-                                             "V " + std::to_string(v) + " dup " + std::to_string(duplicates) + " corr " +
-                                                 std::to_string(corrScale) + " N " + std::to_string(maxGroupSize) +
-                                                 " minReduce " + std::to_string(minReduceCount) + " thr " +
-                                                 std::to_string(threshold));
+                                             threshold, !duplicates);
             }
         }
     }
@@ -415,10 +358,10 @@ TEST(BlockMatching, MatchesBruteForce) {
     const auto corr = randomValues(25, 301, 0.0f, 0.3f);
     BlockCollection<Complex> coll;
     fillCollection(coll, positions, block.volume(), [&](long i) { return Complex{values[2 * i], values[2 * i + 1]}; });
+    SCOPED_TRACE("complex");
     for (int maxGroupSize : {1, 4, 8, 32})
         for (int minReduceCount : {0, 1, 3})
-            checkMatches(coll, volume, corr.data(), {3, 2, 0}, block, w, maxGroupSize, minReduceCount, 2.5f, true,
-                         "complex N " + std::to_string(maxGroupSize));
+            checkMatches(coll, volume, corr.data(), {3, 2, 0}, block, w, maxGroupSize, minReduceCount, 2.5f, true);
 }
 
 namespace {

@@ -12,638 +12,408 @@
 #include "noise/variances.h"
 
 namespace {
+using V3 = Vec3<int>;
 using Matrix = std::vector<float>;  // row-major n x n
 
+size_t volume(const V3& v) { return size_t(v.x) * v.y * v.z; }
+
+std::vector<float> randomValues(size_t count, std::mt19937& rng, float lo, float hi) {
+    std::uniform_real_distribution<float> u(lo, hi);
+    std::vector<float> v(count);
+    for (float& x : v) x = u(rng);
+    return v;
+}
+
 Matrix dctMatrix(int n) {
-    Matrix m(static_cast<size_t>(n * n));
-    for (int k = 0; k < n; ++k) {
-        const double c = k == 0 ? std::sqrt(1.0 / n) : std::sqrt(2.0 / n);
-        for (int j = 0; j < n; ++j) {
-            m[static_cast<size_t>(k * n + j)] =
-                static_cast<float>(c * std::cos(M_PI * (2 * j + 1) * k / (2.0 * n)));
-        }
-    }
+    Matrix m(size_t(n * n));
+    for (int i = 0; i < n * n; ++i)
+        m[i] = float(std::sqrt((i < n ? 1.0 : 2.0) / n) * std::cos(M_PI * (2 * (i % n) + 1) * (i / n) / (2.0 * n)));
     return m;
 }
 
 // Orthonormal Haar matrix of a power-of-two size: averages first, then differences.
 Matrix haarMatrix(int n) {
-    if (n == 1) {
-        return Matrix{1.0f};
-    }
-    const Matrix half = haarMatrix(n / 2);
+    if (n == 1) return {1.0f};
     const int h = n / 2;
-    const float r = static_cast<float>(std::sqrt(0.5));
-    Matrix m(static_cast<size_t>(n * n), 0.0f);
+    const Matrix half = haarMatrix(h);
+    const float r = float(std::sqrt(0.5));
+    Matrix m(size_t(n * n), 0.0f);
     for (int i = 0; i < h; ++i) {
-        for (int j = 0; j < h; ++j) {
-            const float v = half[static_cast<size_t>(i * h + j)] * r;
-            m[static_cast<size_t>(i * n + 2 * j)] = v;
-            m[static_cast<size_t>(i * n + 2 * j + 1)] = v;
-        }
-        m[static_cast<size_t>((h + i) * n + 2 * i)] = r;
-        m[static_cast<size_t>((h + i) * n + 2 * i + 1)] = -r;
+        for (int j = 0; j < h; ++j) m[i * n + 2 * j] = m[i * n + 2 * j + 1] = half[i * h + j] * r;
+        m[(h + i) * n + 2 * i] = r;
+        m[(h + i) * n + 2 * i + 1] = -r;
     }
     return m;
 }
 
-const float SIZE_2_TRANSFORM[4] = {0.70710677f, 0.70710677f, 0.70710677f, -0.70710677f};
-
-struct Owned {  // a malloc'ed result
+struct Owned {  // a malloc'ed result; never copied
     float* p = nullptr;
-    Owned() = default;
-    Owned(const Owned&) = delete;
-    Owned& operator=(const Owned&) = delete;
     ~Owned() { std::free(p); }
 };
 
-size_t volume(const Vec3<int>& v) { return static_cast<size_t>(v.x) * v.y * v.z; }
+struct Tap { V3 offset; double weight; };
 
-// Noise model arrays as the stage loop prepares them.
+// |DFT of the taps at frequency f|^2 on grid g: the one reference DFT here.
+double power(const std::vector<Tap>& taps, const V3& f, const V3& g) {
+    double re = 0.0, im = 0.0;
+    for (const Tap& t : taps) {
+        const double a = -2.0 * M_PI * (double(f.x * t.offset.x) / g.x + double(f.y * t.offset.y) / g.y +
+                                        double(f.z * t.offset.z) / g.z);
+        re += t.weight * std::cos(a);
+        im += t.weight * std::sin(a);
+    }
+    return re * re + im * im;
+}
+
+// In place, x fastest: data_k = sum_j M[k n + j] data_j along `axis` of a block of `shape`.
+void productAlong(std::vector<double>& data, const V3& shape, int axis, const float* m) {
+    const int n = axis == 0 ? shape.x : axis == 1 ? shape.y : shape.z;
+    const int s = axis == 0 ? 1 : axis == 1 ? shape.x : shape.x * shape.y;
+    std::vector<double> line(size_t(n), 0.0);
+    for (int outer = 0; outer < int(data.size()); outer += n * s)
+        for (int base = outer; base < outer + s; ++base) {
+            for (int k = 0; k < n; ++k) {
+                double v = 0.0;
+                for (int j = 0; j < n; ++j) v += m[k * n + j] * data[base + j * s];
+                line[k] = v;
+            }
+            for (int k = 0; k < n; ++k) data[base + k * s] = line[k];
+        }
+}
+
+// Noise model arrays and scratch as the stage loop prepares them.
 struct Model {
-    Vec3<int> kept;
-    Owned k3;
-    Owned localVariance;
+    V3 grid, block, kept;
+    Owned k3, localVariance;
+    TempMemory<float> tmp;
+    static TempMemory<float> scratch(const V3& grid, const V3& block, bool useRealFft, int maxGroup) {
+        Parameters p{};
+        p.blockSize = block;
+        p.psdWorkSize = grid;
+        p.useRealFft = useRealFft;
+        p.maxGroupSize = p.varianceGroupLimit = maxGroup;
+        return createTempMemory<float>(p);
+    }
+    Model(const std::vector<float>& psd, const V3& g, const V3& b, const Matrix* t, bool useRealFft, int maxGroup)
+        : grid(g), block(b), kept{halfSpectrumExtent(g, useRealFft), g.y, g.z},
+          tmp(scratch(g, b, useRealFft, maxGroup)) {
+        computeK3fT3<float>(psd.data(), g, g, kept, b, {t[0].data(), t[1].data(), t[2].data()}, k3.p);
+        if (k3.p) computeLocalVar(k3.p, kept, int(volume(b)), localVariance.p);
+        EXPECT_TRUE(k3.p && localVariance.p && tmp.allocated);
+    }
+    // Variances of a group at `positions` (copied: the call rewrites them).
+    std::vector<float> variances(const std::vector<V3>& positions, const Matrix& group, int m) {
+        const int n = int(positions.size());
+        std::vector<float> out(volume(block) * size_t(n), -1.0f);
+        Cube4D<float> cube{{block.x, block.y, block.z, n}, out.data()};
+        std::vector<BlockDistance<float>> matches(positions.size());
+        for (size_t k = 0; k < positions.size(); ++k) matches[k].relativePosition = positions[k];
+        calculateVariances<float>(n, block, grid, kept, m, group.data(), k3.p, localVariance.p, cube, matches.data(),
+                                  tmp);
+        return out;
+    }
 };
 
-void prepare(Model& model, const std::vector<float>& psd, const Vec3<int>& grid,
-             const Vec3<int>& block, const Matrix& tx, const Matrix& ty, const Matrix& tz,
-             bool useRealFft) {
-    model.kept = Vec3<int>{halfSpectrumExtent(grid, useRealFft), grid.y, grid.z};
-    computeK3fT3<float>(psd.data(), grid, grid, model.kept, block,
-                        Vec3<const float*>{tx.data(), ty.data(), tz.data()}, model.k3.p);
-    ASSERT_NE(model.k3.p, nullptr);
-    computeLocalVar(model.k3.p, model.kept, block.x * block.y * block.z, model.localVariance.p);
-    ASSERT_NE(model.localVariance.p, nullptr);
-}
-
-TempMemory<float> scratch(const Vec3<int>& grid, const Vec3<int>& block, bool useRealFft, int n) {
-    Parameters p{};
-    p.blockSize = block;
-    p.psdWorkSize = grid;
-    p.useRealFft = useRealFft;
-    p.maxGroupSize = n;
-    p.varianceGroupLimit = n;
-    TempMemory<float> t = createTempMemory<float>(p);
-    EXPECT_TRUE(t.allocated);
-    return t;
-}
-
-// Variances of a group at `positions` (copied: the call rewrites them).
-std::vector<float> modelVariances(const Model& model, const Vec3<int>& grid, const Vec3<int>& block,
-                                  const std::vector<Vec3<int>>& positions, const Matrix& group,
-                                  int m, TempMemory<float>& tmp) {
-    const int n = static_cast<int>(positions.size());
-    std::vector<float> out(volume(block) * static_cast<size_t>(n), -1.0f);
-    Cube4D<float> cube{{block.x, block.y, block.z, n}, out.data()};
-    std::vector<BlockDistance<float>> matches(positions.size());
-    for (size_t k = 0; k < positions.size(); ++k) {
-        matches[k].relativePosition = positions[k];
+// |DFT of the zero-padded basis function|^2 * PSD / N^2, x frequency slowest, the coefficient fastest.
+std::vector<double> referenceK3fT3(const std::vector<float>& psd, const V3& g, const V3& b, const Matrix* t) {
+    const size_t bcount = volume(b);
+    const double n = double(volume(g));
+    std::vector<double> out(volume(g) * bcount);
+    for (size_t e = 0; e < bcount; ++e) {
+        const int c = int(e) % b.x, bb = int(e) / b.x % b.y, a = int(e) / (b.x * b.y);
+        std::vector<Tap> basis;
+        for (int z = 0; z < std::min(b.z, g.z); ++z)
+            for (int y = 0; y < std::min(b.y, g.y); ++y)
+                for (int x = 0; x < std::min(b.x, g.x); ++x)
+                    basis.push_back({{x, y, z}, double(t[0][c * b.x + x]) * t[1][bb * b.y + y] * t[2][a * b.z + z]});
+        for (int fx = 0; fx < g.x; ++fx)
+            for (int fy = 0; fy < g.y; ++fy)
+                for (int fz = 0; fz < g.z; ++fz)
+                    out[((fx * g.y + fy) * g.z + fz) * bcount + e] =
+                        power(basis, {fx, fy, fz}, g) * psd[fx + g.x * (fy + g.y * fz)] / (n * n);
     }
-    calculateVariances<float>(n, block, grid, model.kept, m, group.data(), model.k3.p,
-                              model.localVariance.p, cube, matches.data(), tmp);
     return out;
 }
 }  // namespace
 
-// ---------------------------------------------------------------------------------
-// PSD preparation
-
-TEST(Psd, ResizeSameSizeReproducesThePsd) {
-    const Vec3<int> size{5, 3, 4};
-    std::vector<float> psd(volume(size));
+TEST(Psd, Resize) {
     std::mt19937 rng(5);
-    std::uniform_real_distribution<float> u(0.5f, 2.0f);
-    for (float& v : psd) {
-        v = u(rng);
-    }
-    Owned out;
-    resizePSD(psd.data(), size, size, size, out.p);
-    ASSERT_NE(out.p, nullptr);
-    for (size_t i = 0; i < psd.size(); ++i) {
-        EXPECT_NEAR(out.p[i], psd[i], 1e-5f * psd[i]) << i;
-    }
-}
-
-TEST(Psd, ResizeUpClampsAtTheLastSampleAndScales) {
-    // The same two-sample profile along each axis in turn: 1, 3 -> 1, 2, 3, 3 (not 2:
-    // no wrap to the first sample), times the ratio of grid sizes, 2.
-    const Vec3<int> sizes[3] = {{2, 1, 1}, {1, 2, 1}, {1, 1, 2}};
-    const Vec3<int> targets[3] = {{4, 1, 1}, {1, 4, 1}, {1, 1, 4}};
+    const V3 size{5, 3, 4};
+    const std::vector<float> psd = randomValues(volume(size), rng, 0.5f, 2.0f);
+    Owned same;
+    resizePSD(psd.data(), size, size, size, same.p);
+    ASSERT_NE(same.p, nullptr);
+    for (size_t i = 0; i < psd.size(); ++i) EXPECT_NEAR(same.p[i], psd[i], 1e-5f * psd[i]) << i;
+    // Up along each axis in turn: 1, 3 -> 1, 2, 3, 3 (no wrap to the first sample), times 4 / 2.
+    const V3 from[3] = {{2, 1, 1}, {1, 2, 1}, {1, 1, 2}}, to[3] = {{4, 1, 1}, {1, 4, 1}, {1, 1, 4}};
     for (int axis = 0; axis < 3; ++axis) {
-        const float psd[2] = {1.0f, 3.0f};
+        const float two[2] = {1.0f, 3.0f}, want[4] = {2.0f, 4.0f, 6.0f, 6.0f};
         Owned out;
-        resizePSD(psd, sizes[axis], targets[axis], targets[axis], out.p);
+        resizePSD(two, from[axis], to[axis], to[axis], out.p);
         ASSERT_NE(out.p, nullptr);
-        const float want[4] = {2.0f, 4.0f, 6.0f, 6.0f};
-        for (int i = 0; i < 4; ++i) {
-            EXPECT_FLOAT_EQ(out.p[i], want[i]) << "axis " << axis << " i " << i;
-        }
+        for (int i = 0; i < 4; ++i) EXPECT_FLOAT_EQ(out.p[i], want[i]) << "axis " << axis << " i " << i;
     }
     // Down by two in x and y: every output is the sample it lands on, times 1/4.
     const float flat[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-    Owned down;
-    resizePSD(flat, Vec3<int>{4, 4, 1}, Vec3<int>{2, 2, 1}, Vec3<int>{2, 2, 1}, down.p);
-    ASSERT_NE(down.p, nullptr);
     const float want[4] = {1.0f / 4, 3.0f / 4, 9.0f / 4, 11.0f / 4};
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_FLOAT_EQ(down.p[i], want[i]) << i;
-    }
+    Owned down;
+    resizePSD(flat, {4, 4, 1}, {2, 2, 1}, {2, 2, 1}, down.p);
+    ASSERT_NE(down.p, nullptr);
+    for (int i = 0; i < 4; ++i) EXPECT_FLOAT_EQ(down.p[i], want[i]) << i;
 }
-
-namespace {
-// Direct reference: |3-D DFT of the zero-padded basis function|^2 * PSD / N^2, laid out
-// x frequency slowest, the coefficient fastest.
-std::vector<double> referenceK3fT3(const std::vector<float>& psd, const Vec3<int>& g,
-                                   const Vec3<int>& b, const Matrix& tx, const Matrix& ty,
-                                   const Matrix& tz) {
-    const int bcount = b.x * b.y * b.z;
-    const double n = static_cast<double>(volume(g));
-    std::vector<double> out(volume(g) * static_cast<size_t>(bcount));
-    for (int fx = 0; fx < g.x; ++fx) {
-        for (int fy = 0; fy < g.y; ++fy) {
-            for (int fz = 0; fz < g.z; ++fz) {
-                for (int a = 0; a < b.z; ++a) {
-                    for (int bb = 0; bb < b.y; ++bb) {
-                        for (int c = 0; c < b.x; ++c) {
-                            double re = 0.0;
-                            double im = 0.0;
-                            for (int z = 0; z < std::min(b.z, g.z); ++z) {
-                                for (int y = 0; y < std::min(b.y, g.y); ++y) {
-                                    for (int x = 0; x < std::min(b.x, g.x); ++x) {
-                                        const double v = static_cast<double>(tx[static_cast<size_t>(c * b.x + x)]) *
-                                                         ty[static_cast<size_t>(bb * b.y + y)] *
-                                                         tz[static_cast<size_t>(a * b.z + z)];
-                                        const double angle =
-                                            -2.0 * M_PI *
-                                            (static_cast<double>(fx * x) / g.x + static_cast<double>(fy * y) / g.y +
-                                             static_cast<double>(fz * z) / g.z);
-                                        re += v * std::cos(angle);
-                                        im += v * std::sin(angle);
-                                    }
-                                }
-                            }
-                            const int e = c + b.x * (bb + b.y * a);
-                            const size_t f = static_cast<size_t>(fx + g.x * (fy + g.y * fz));
-                            out[static_cast<size_t>(((fx * g.y + fy) * g.z + fz) * bcount + e)] =
-                                (re * re + im * im) * psd[f] / (n * n);
-                        }
-                    }
-                }
-            }
-        }
-    }
-    return out;
-}
-
-Matrix randomMatrix(int n, std::mt19937& rng) {
-    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
-    Matrix m(static_cast<size_t>(n * n));
-    for (float& v : m) {
-        v = u(rng);
-    }
-    return m;
-}
-}  // namespace
 
 TEST(Psd, K3fT3MatchesDirectComputationAndFoldsAlongX) {
     // The z block extent exceeds the grid's: only the first samples of each row count.
     std::mt19937 rng(11);
-    const Vec3<int> block{3, 2, 4};
-    const Matrix tx = randomMatrix(block.x, rng);
-    const Matrix ty = randomMatrix(block.y, rng);
-    const Matrix tz = randomMatrix(block.z, rng);
-    const int bcount = block.x * block.y * block.z;
+    const V3 block{3, 2, 4};
+    const Matrix t[3] = {randomValues(9, rng, -1, 1), randomValues(4, rng, -1, 1), randomValues(16, rng, -1, 1)};
     for (int nx : {8, 7, 6}) {
         SCOPED_TRACE(nx);
-        const Vec3<int> grid{nx, 4, 3};
-        std::vector<float> psd(volume(grid));
-        std::uniform_real_distribution<float> u(0.5f, 2.0f);
-        for (float& v : psd) {
-            v = u(rng);
-        }
-        const std::vector<double> want = referenceK3fT3(psd, grid, block, tx, ty, tz);
-        const Vec3<const float*> transforms{tx.data(), ty.data(), tz.data()};
-        Owned full;
-        computeK3fT3<float>(psd.data(), grid, grid, grid, block, transforms, full.p);
+        const V3 grid{nx, 4, 3};
+        const std::vector<float> psd = randomValues(volume(grid), rng, 0.5f, 2.0f);
+        const std::vector<double> want = referenceK3fT3(psd, grid, block, t);
+        Owned full, folded;
+        computeK3fT3<float>(psd.data(), grid, grid, grid, block, {t[0].data(), t[1].data(), t[2].data()}, full.p);
         ASSERT_NE(full.p, nullptr);
         double peak = 0.0;
-        for (double v : want) {
-            peak = std::max(peak, v);
-        }
-        for (size_t i = 0; i < want.size(); ++i) {
-            ASSERT_NEAR(full.p[i], want[i], 1e-4 * peak) << i;
-        }
-
-        if (nx == 6) {
-            continue;
-        }
+        for (double v : want) peak = std::max(peak, v);
+        for (size_t i = 0; i < want.size(); ++i) ASSERT_NEAR(full.p[i], want[i], 1e-4 * peak) << i;
+        if (nx == 6) continue;
         // Fold with kx = 5. 8: 1..3 doubled, 0 and 4 kept, 5..7 cleared. 7 (odd, the
         // bounds kept as they are): 1 and 2 doubled, 0 and 3 kept, 4..6 cleared.
-        const float factors8[8] = {1, 2, 2, 2, 1, 0, 0, 0};
-        const float factors7[7] = {1, 2, 2, 1, 0, 0, 0};
-        const float* factor = nx == 8 ? factors8 : factors7;
-        Owned folded;
-        computeK3fT3<float>(psd.data(), grid, grid, Vec3<int>{5, grid.y, grid.z}, block, transforms,
+        const float factors[2][8] = {{1, 2, 2, 2, 1, 0, 0, 0}, {1, 2, 2, 1, 0, 0, 0}};
+        computeK3fT3<float>(psd.data(), grid, grid, {5, grid.y, grid.z}, block, {t[0].data(), t[1].data(), t[2].data()},
                             folded.p);
         ASSERT_NE(folded.p, nullptr);
-        const size_t plane = static_cast<size_t>(grid.y * grid.z * bcount);
-        for (size_t i = 0; i < plane * static_cast<size_t>(nx); ++i) {
-            ASSERT_EQ(folded.p[i], factor[i / plane] * full.p[i]) << "fx " << i / plane;
-        }
+        const size_t plane = size_t(grid.y * grid.z) * volume(block);
+        for (size_t i = 0; i < plane * size_t(nx); ++i)
+            ASSERT_EQ(folded.p[i], factors[nx == 7][i / plane] * full.p[i]) << "fx " << i / plane;
     }
 }
 
-TEST(Psd, NoFoldWhenEverythingIsKept) {
-    const Vec3<int> grid{4, 4, 4};
-    const Vec3<int> block{4, 4, 4};
-    const Matrix d = dctMatrix(4);
-    const std::vector<float> psd(volume(grid), 1.0f);
-    Owned k3;
-    computeK3fT3<float>(psd.data(), grid, grid, grid, block,
-                        Vec3<const float*>{d.data(), d.data(), d.data()}, k3.p);
-    ASSERT_NE(k3.p, nullptr);
-    // White unit PSD: each orthonormal basis function has energy 1, so every local
-    // variance is sum_f |F|^2 / N^2 = 1 / N.
-    Owned lv;
-    computeLocalVar(k3.p, grid, 64, lv.p);
-    ASSERT_NE(lv.p, nullptr);
-    for (int e = 0; e < 64; ++e) {
-        EXPECT_NEAR(lv.p[e], 1.0f / 64, 1e-6f) << e;
-    }
-}
+TEST(Psd, LocalVariances) {
+    // White unit PSD, nothing folded: each orthonormal basis function has energy 1, so
+    // every local variance is sum_f |F|^2 / N^2 = 1 / N.
+    const Matrix d = dctMatrix(4), t[3] = {d, d, d};
+    Model model(std::vector<float>(64, 1.0f), {4, 4, 4}, {4, 4, 4}, t, false, 2);
+    for (int e = 0; e < 64; ++e) EXPECT_NEAR(model.localVariance.p[e], 1.0f / 64, 1e-6f) << e;
 
-TEST(Psd, LocalVarSumsRecordsAndGivesZerosForAnEmptySize) {
     std::vector<float> k3(5 * 3);
-    for (size_t i = 0; i < k3.size(); ++i) {
-        k3[i] = static_cast<float>(i) * 0.25f;
-    }
-    Owned sums;
-    computeLocalVar(k3.data(), Vec3<int>{5, 1, 1}, 3, sums.p);
-    ASSERT_NE(sums.p, nullptr);
-    for (int e = 0; e < 3; ++e) {
-        float want = 0.0f;
-        for (int m = 0; m < 5; ++m) {
-            want += k3[static_cast<size_t>(m * 3 + e)];
-        }
-        EXPECT_EQ(sums.p[e], want);
-    }
-    for (const Vec3<int>& empty : {Vec3<int>{0, 4, 4}, Vec3<int>{4, 0, 4}, Vec3<int>{4, 4, 0}}) {
-        Owned zeros;
-        computeLocalVar(k3.data(), empty, 3, zeros.p);
-        ASSERT_NE(zeros.p, nullptr);
+    for (size_t i = 0; i < k3.size(); ++i) k3[i] = float(i) * 0.25f;
+    for (const V3& size : {V3{5, 1, 1}, V3{0, 4, 4}, V3{4, 0, 4}, V3{4, 4, 0}}) {  // sums, or zeros when empty
+        Owned sums;
+        computeLocalVar(k3.data(), size, 3, sums.p);
+        ASSERT_NE(sums.p, nullptr);
         for (int e = 0; e < 3; ++e) {
-            EXPECT_EQ(zeros.p[e], 0.0f);
+            float want = 0.0f;
+            for (int m = 0; m < int(volume(size)); ++m) want += k3[m * 3 + e];
+            EXPECT_EQ(sums.p[e], want);
         }
     }
 }
 
 TEST(Psd, NormaliserIsA32BitProduct) {
     const float one[1] = {1.0f};
-    const Vec3<const float*> identity{one, one, one};
-    const Vec3<int> unitBlock{1, 1, 1};
     // 32^3: N^2 = 2^30 is exact; the PSD resized from one sample is N, so K3fT3 = 2^-15.
-    Owned ok;
-    const Vec3<int> cube{32, 32, 32};
-    computeK3fT3<float>(one, unitBlock, cube, cube, unitBlock, identity, ok.p);
-    ASSERT_NE(ok.p, nullptr);
-    for (size_t i = 0; i < volume(cube); ++i) {
-        ASSERT_EQ(ok.p[i], std::ldexp(1.0f, -15)) << i;
-    }
     // 64 x 64 x 16: N^2 = 2^32 wraps to 0 and every entry is infinite or NaN.
-    Owned wrapped;
-    const Vec3<int> big{64, 64, 16};
-    computeK3fT3<float>(one, unitBlock, big, big, unitBlock, identity, wrapped.p);
-    ASSERT_NE(wrapped.p, nullptr);
-    for (size_t i = 0; i < volume(big); ++i) {
-        ASSERT_FALSE(std::isfinite(wrapped.p[i])) << i;
+    for (const V3& grid : {V3{32, 32, 32}, V3{64, 64, 16}}) {
+        Owned k3;
+        computeK3fT3<float>(one, {1, 1, 1}, grid, grid, {1, 1, 1}, {one, one, one}, k3.p);
+        ASSERT_NE(k3.p, nullptr);
+        for (size_t i = 0; i < volume(grid); ++i) {
+            if (grid.z == 32) ASSERT_EQ(k3.p[i], std::ldexp(1.0f, -15)) << i;
+            else ASSERT_FALSE(std::isfinite(k3.p[i])) << i;
+        }
     }
 }
 
-// ---------------------------------------------------------------------------------
-// Coefficient variances: deterministic properties
-
 TEST(Variances, SingleBlockZeroLimitAndPeriodicWrap) {
-    const Vec3<int> grid{8, 8, 8};
-    const Vec3<int> block{4, 4, 4};
-    const Matrix d = dctMatrix(4);
-    std::vector<float> psd(volume(grid));
-    for (size_t i = 0; i < psd.size(); ++i) {
-        psd[i] = 1.0f + 0.5f * static_cast<float>(i % 7);
-    }
-    Model model;
-    prepare(model, psd, grid, block, d, d, d, true);
-    TempMemory<float> tmp = scratch(grid, block, true, 4);
-
+    const Matrix d = dctMatrix(4), t[3] = {d, d, d}, haar = haarMatrix(4), half{0.5f};
+    std::vector<float> psd(512);
+    for (size_t i = 0; i < psd.size(); ++i) psd[i] = 1.0f + 0.5f * float(i % 7);
+    Model model(psd, {8, 8, 8}, {4, 4, 4}, t, true, 4);
+    const float* local = model.localVariance.p;
     // One block: power is groupTransform[0]^2 everywhere.
-    const Matrix half{0.5f};
-    const std::vector<float> one = modelVariances(model, grid, block, {{3, 1, 6}}, half, 1, tmp);
-    for (int e = 0; e < 64; ++e) {
-        EXPECT_NEAR(one[static_cast<size_t>(e)], 0.25f * model.localVariance.p[e],
-                    1e-5f * model.localVariance.p[e]);
-    }
+    const std::vector<float> one = model.variances({{3, 1, 6}}, half, 1);
+    for (int e = 0; e < 64; ++e) EXPECT_NEAR(one[e], 0.25f * local[e], 1e-5f * local[e]);
     // m = 0: every coefficient gets the single-block variance.
-    const Matrix haar = haarMatrix(4);
-    const std::vector<Vec3<int>> spots{{0, 0, 0}, {1, 2, 3}, {5, 5, 0}, {7, 0, 2}};
-    const std::vector<float> none = modelVariances(model, grid, block, spots, haar, 0, tmp);
-    for (size_t i = 0; i < none.size(); ++i) {
-        EXPECT_FLOAT_EQ(none[i], model.localVariance.p[i % 64]);
-    }
+    const std::vector<V3> spots{{0, 0, 0}, {1, 2, 3}, {5, 5, 0}, {7, 0, 2}};
+    const std::vector<float> none = model.variances(spots, haar, 0);
+    for (size_t i = 0; i < none.size(); ++i) EXPECT_FLOAT_EQ(none[i], local[i % 64]);
     // A relative position of Nx (or 2 Ny) is the same place as 0; the call rewrites it.
-    const std::vector<float> plain = modelVariances(model, grid, block, spots, haar, 4, tmp);
-    const std::vector<float> wrapped =
-        modelVariances(model, grid, block, {{8, 0, 0}, {1, 2, 11}, {13, 21, 8}, {7, 0, 2}}, haar, 4, tmp);
-    EXPECT_EQ(plain, wrapped);
+    EXPECT_EQ(model.variances(spots, haar, 4), model.variances({{8, 0, 0}, {1, 2, 11}, {13, 21, 8}, {7, 0, 2}}, haar, 4));
     std::vector<BlockDistance<float>> records(1);
-    records[0].relativePosition = Vec3<int>{9, 17, 8};
+    records[0].relativePosition = V3{9, 17, 8};
     std::vector<float> out(64);
     Cube4D<float> cube{{4, 4, 4, 1}, out.data()};
-    calculateVariances<float>(1, block, grid, model.kept, 1, half.data(), model.k3.p, nullptr, cube,
-                              records.data(), tmp);
-    EXPECT_EQ(records[0].relativePosition, (Vec3<int>{1, 1, 0}));
+    calculateVariances<float>(1, model.block, model.grid, model.kept, 1, half.data(), model.k3.p, nullptr, cube,
+                              records.data(), model.tmp);
+    EXPECT_EQ(records[0].relativePosition, (V3{1, 1, 0}));
 }
 
 TEST(VariancesDeathTest, GroupLargerThanTheScratchAborts) {
-    const Vec3<int> grid{8, 8, 8};
-    const Vec3<int> block{4, 4, 4};
-    const Matrix d = dctMatrix(4);
-    const std::vector<float> psd(volume(grid), 1.0f);
-    Model model;
-    prepare(model, psd, grid, block, d, d, d, false);
-    TempMemory<float> tmp = scratch(grid, block, false, 2);
-    EXPECT_DEATH(modelVariances(model, grid, block, {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {3, 0, 0}},
-                                haarMatrix(4), 4, tmp),
-                 "coord\\.x < size\\.x && coord\\.y < size\\.y && coord\\.z < size\\.z && "
-                 "coord\\.w < size\\.w");
+    const Matrix d = dctMatrix(4), t[3] = {d, d, d};
+    Model model(std::vector<float>(512, 1.0f), {8, 8, 8}, {4, 4, 4}, t, false, 2);
+    EXPECT_DEATH(model.variances({{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {3, 0, 0}}, haarMatrix(4), 4),
+                 "coord\\.x < size\\.x && coord\\.y < size\\.y && coord\\.z < size\\.z && coord\\.w < size\\.w");
 }
 
-// ---------------------------------------------------------------------------------
-// Coefficient variances against simulation
-
 namespace {
-struct Tap {
-    Vec3<int> offset;
-    double weight;
-};
-
 // Stationary periodic noise: white Gaussian noise circularly convolved with `taps`.
 struct NoiseField {
-    Vec3<int> grid;
+    V3 grid;
     std::vector<Tap> taps;
-    std::vector<double> white;
-    std::vector<double> field;
+    std::vector<double> white, field;
 
-    int wrap(int v, int n) const { return ((v % n) + n) % n; }
     size_t at(int x, int y, int z) const {
-        return static_cast<size_t>(wrap(x, grid.x) + grid.x * (wrap(y, grid.y) + grid.y * wrap(z, grid.z)));
+        auto wrap = [](int v, int n) { return ((v % n) + n) % n; };
+        return size_t(wrap(x, grid.x) + grid.x * (wrap(y, grid.y) + grid.y * wrap(z, grid.z)));
     }
-
     // E|fftn(noise)|^2 = |fftn(kernel)|^2 * N for unit-variance white noise.
     std::vector<float> psd() const {
         std::vector<float> out(volume(grid));
-        const double n = static_cast<double>(volume(grid));
-        for (int fz = 0; fz < grid.z; ++fz) {
-            for (int fy = 0; fy < grid.y; ++fy) {
-                for (int fx = 0; fx < grid.x; ++fx) {
-                    double re = 0.0;
-                    double im = 0.0;
-                    for (const Tap& t : taps) {
-                        const double angle = -2.0 * M_PI *
-                                             (static_cast<double>(fx * t.offset.x) / grid.x +
-                                              static_cast<double>(fy * t.offset.y) / grid.y +
-                                              static_cast<double>(fz * t.offset.z) / grid.z);
-                        re += t.weight * std::cos(angle);
-                        im += t.weight * std::sin(angle);
-                    }
-                    out[at(fx, fy, fz)] = static_cast<float>((re * re + im * im) * n);
-                }
-            }
-        }
+        for (int fz = 0; fz < grid.z; ++fz)
+            for (int fy = 0; fy < grid.y; ++fy)
+                for (int fx = 0; fx < grid.x; ++fx)
+                    out[at(fx, fy, fz)] = float(power(taps, {fx, fy, fz}, grid) * double(volume(grid)));
         return out;
     }
-
     void draw(std::mt19937& rng, std::normal_distribution<double>& normal) {
         white.resize(volume(grid));
-        field.assign(volume(grid), 0.0);
-        for (double& v : white) {
-            v = normal(rng);
-        }
-        for (int z = 0; z < grid.z; ++z) {
-            for (int y = 0; y < grid.y; ++y) {
+        field.resize(volume(grid));
+        for (double& v : white) v = normal(rng);
+        for (int z = 0; z < grid.z; ++z)
+            for (int y = 0; y < grid.y; ++y)
                 for (int x = 0; x < grid.x; ++x) {
-                    double s = 0.0;
-                    for (const Tap& t : taps) {
-                        s += t.weight * white[at(x - t.offset.x, y - t.offset.y, z - t.offset.z)];
-                    }
-                    field[at(x, y, z)] = s;
+                    double v = 0.0;
+                    for (const Tap& t : taps) v += t.weight * white[at(x - t.offset.x, y - t.offset.y, z - t.offset.z)];
+                    field[at(x, y, z)] = v;
                 }
-            }
-        }
+    }
+    // 3-D coefficients of the block at `p` (periodic), appended to `out`.
+    void blockTransform(const V3& p, const V3& b, const Matrix* t, std::vector<double>& out) const {
+        std::vector<double> block;
+        block.reserve(volume(b));
+        for (int z = 0; z < b.z; ++z)
+            for (int y = 0; y < b.y; ++y)
+                for (int x = 0; x < b.x; ++x) block.push_back(field[at(p.x + x, p.y + y, p.z + z)]);
+        for (int axis = 0; axis < 3; ++axis) productAlong(block, b, axis, t[axis].data());
+        out.insert(out.end(), block.begin(), block.end());
     }
 };
 
-// 3-D coefficients of the block at `p` (periodic), by separable matrix products.
-void blockTransform(const NoiseField& noise, const Vec3<int>& p, const Vec3<int>& b, const Matrix& tx,
-                    const Matrix& ty, const Matrix& tz, std::vector<double>& out) {
-    const size_t count = volume(b);
-    std::vector<double> block(count);
-    std::vector<double> tmp(count);
-    for (int z = 0; z < b.z; ++z) {
-        for (int y = 0; y < b.y; ++y) {
-            for (int x = 0; x < b.x; ++x) {
-                block[static_cast<size_t>(x + b.x * (y + b.y * z))] = noise.field[noise.at(p.x + x, p.y + y, p.z + z)];
-            }
-        }
-    }
-    auto pass = [&](const Matrix& t, int axis, const std::vector<double>& in, std::vector<double>& res) {
-        const int n = axis == 0 ? b.x : axis == 1 ? b.y : b.z;
-        const int strides[3] = {1, b.x, b.x * b.y};
-        const int s = strides[axis];
-        for (size_t i = 0; i < count; ++i) {
-            const int coord = static_cast<int>(i) / s % n;
-            const size_t base = i - static_cast<size_t>(coord * s);
-            double v = 0.0;
-            for (int j = 0; j < n; ++j) {
-                v += t[static_cast<size_t>(coord * n + j)] * in[base + static_cast<size_t>(j * s)];
-            }
-            res[i] = v;
-        }
-    };
-    pass(tx, 0, block, tmp);
-    pass(ty, 1, tmp, block);
-    pass(tz, 2, block, out);
-}
-
 struct Scenario {
-    Vec3<int> grid;
-    Vec3<int> block;
-    Matrix tx, ty, tz;
+    V3 grid, block;
+    Matrix t[3];
     std::vector<Tap> taps;
-    std::vector<std::vector<Vec3<int>>> groups;  // each of a power-of-two size
-    Vec3<int> centre;                            // pair table: half extents
-    Vec3<int> extent;
+    std::vector<std::vector<V3>> groups;  // each of a power-of-two size
+    V3 centre, extent;                    // pair table: half extents
     int draws;
 };
 
-double fiveSigma(double variance, int draws) { return 5.0 * variance * std::sqrt(2.0 / (draws - 1)); }
-
 void checkAgainstSimulation(const Scenario& s) {
-    const int bcount = s.block.x * s.block.y * s.block.z;
+    const size_t bcount = volume(s.block), pairs = volume(s.extent);
     NoiseField noise{s.grid, s.taps, {}, {}};
-    const std::vector<float> psd = noise.psd();
-
     // Empirical second moments (the noise has mean zero).
     std::vector<std::vector<double>> groupSquares(s.groups.size());
     std::vector<Matrix> haar(s.groups.size());
     for (size_t g = 0; g < s.groups.size(); ++g) {
-        haar[g] = haarMatrix(static_cast<int>(s.groups[g].size()));
-        groupSquares[g].assign(s.groups[g].size() * static_cast<size_t>(bcount), 0.0);
+        haar[g] = haarMatrix(int(s.groups[g].size()));
+        groupSquares[g].assign(s.groups[g].size() * bcount, 0.0);
     }
-    const size_t pairs = volume(s.extent);
-    std::vector<double> pairSum(pairs, 0.0);
-    std::vector<double> pairSquares(pairs, 0.0);
-
+    std::vector<double> pairSum(pairs, 0.0), pairSquares(pairs, 0.0), coefficients;
     std::mt19937 rng(20240611);
     std::normal_distribution<double> normal(0.0, 1.0);
-    std::vector<std::vector<double>> coefficients;
-    std::vector<double> reference(static_cast<size_t>(bcount));
-    std::vector<double> other(static_cast<size_t>(bcount));
     for (int draw = 0; draw < s.draws; ++draw) {
         noise.draw(rng, normal);
         for (size_t g = 0; g < s.groups.size(); ++g) {
-            const auto& members = s.groups[g];
-            coefficients.resize(members.size(), std::vector<double>(static_cast<size_t>(bcount)));
-            for (size_t k = 0; k < members.size(); ++k) {
-                blockTransform(noise, members[k], s.block, s.tx, s.ty, s.tz, coefficients[k]);
-            }
-            const size_t n = members.size();
-            for (size_t j = 0; j < n; ++j) {
-                for (int e = 0; e < bcount; ++e) {
-                    double v = 0.0;
-                    for (size_t k = 0; k < n; ++k) {
-                        v += haar[g][j * n + k] * coefficients[k][static_cast<size_t>(e)];
-                    }
-                    groupSquares[g][j * static_cast<size_t>(bcount) + static_cast<size_t>(e)] += v * v;
-                }
-            }
+            const int n = int(s.groups[g].size());
+            coefficients.clear();
+            for (const V3& p : s.groups[g]) noise.blockTransform(p, s.block, s.t, coefficients);
+            productAlong(coefficients, {int(bcount), n, 1}, 1, haar[g].data());  // across the members
+            for (size_t i = 0; i < coefficients.size(); ++i) groupSquares[g][i] += coefficients[i] * coefficients[i];
         }
-        blockTransform(noise, s.centre, s.block, s.tx, s.ty, s.tz, reference);
-        for (int dz = 0; dz < s.extent.z; ++dz) {
-            for (int dy = 0; dy < s.extent.y; ++dy) {
-                for (int dx = 0; dx < s.extent.x; ++dx) {
-                    blockTransform(noise, Vec3<int>{dx, dy, dz}, s.block, s.tx, s.ty, s.tz, other);
-                    double d = 0.0;
-                    for (int e = 0; e < bcount; ++e) {
-                        const double diff = reference[static_cast<size_t>(e)] - other[static_cast<size_t>(e)];
-                        d += diff * diff;
-                    }
-                    const size_t i = static_cast<size_t>(dx + s.extent.x * (dy + s.extent.y * dz));
-                    pairSum[i] += d;
-                    pairSquares[i] += d * d;
-                }
-            }
+        coefficients.clear();
+        noise.blockTransform(s.centre, s.block, s.t, coefficients);  // kept in front; each other block
+        for (size_t i = 0; i < pairs; ++i) {                            // is appended, then dropped
+            const int dx = int(i) % s.extent.x, dy = int(i) / s.extent.x % s.extent.y;
+            noise.blockTransform({dx, dy, int(i) / (s.extent.x * s.extent.y)}, s.block, s.t, coefficients);
+            double d = 0.0;
+            for (size_t e = 0; e < bcount; ++e) d += std::pow(coefficients[e] - coefficients[bcount + e], 2);
+            pairSum[i] += d;
+            pairSquares[i] += d * d;
+            coefficients.resize(bcount);
         }
     }
 
     for (bool useRealFft : {false, true}) {
         SCOPED_TRACE(useRealFft ? "half spectrum" : "full spectrum");
-        Model model;
-        prepare(model, psd, s.grid, s.block, s.tx, s.ty, s.tz, useRealFft);
-        TempMemory<float> tmp = scratch(s.grid, s.block, useRealFft, 8);
+        Model model(noise.psd(), s.grid, s.block, s.t, useRealFft, 8);
         double scale = 0.0;
-        for (int e = 0; e < bcount; ++e) {
-            scale = std::max(scale, static_cast<double>(model.localVariance.p[e]));
-        }
+        for (size_t e = 0; e < bcount; ++e) scale = std::max(scale, double(model.localVariance.p[e]));
         for (size_t g = 0; g < s.groups.size(); ++g) {
             SCOPED_TRACE(testing::Message() << "group " << g);
-            const int n = static_cast<int>(s.groups[g].size());
-            const std::vector<float> exact = modelVariances(model, s.grid, s.block, s.groups[g], haar[g], n, tmp);
-            int failures = 0;
+            const int n = int(s.groups[g].size());
+            const std::vector<float> exact = model.variances(s.groups[g], haar[g], n);
+            int failures = 0;  // five sigma of a sample variance
             for (size_t i = 0; i < exact.size() && failures < 10; ++i) {
                 const double empirical = groupSquares[g][i] / s.draws;
-                const double tol = fiveSigma(exact[i], s.draws) + 1e-6 * scale;
-                if (std::abs(empirical - exact[i]) > tol) {
-                    ++failures;
-                    ADD_FAILURE() << "coefficient " << i % static_cast<size_t>(bcount) << " of group member "
-                                  << i / static_cast<size_t>(bcount) << ": model " << exact[i]
-                                  << ", simulation " << empirical;
-                }
+                if (std::abs(empirical - exact[i]) > 5.0 * exact[i] * std::sqrt(2.0 / (s.draws - 1)) + 1e-6 * scale)
+                    ++failures, ADD_FAILURE() << "coefficient " << i % bcount << " of group member " << i / bcount
+                                              << ": model " << exact[i] << ", simulation " << empirical;
             }
             // Fewer exact coefficients: those computed agree bit for bit, and the rest
             // share what makes each 3-D coefficient's variances add up to n * local.
             for (int m = 0; m <= n; ++m) {
-                const std::vector<float> partial =
-                    modelVariances(model, s.grid, s.block, s.groups[g], haar[g], m, tmp);
-                for (int e = 0; e < bcount; ++e) {
+                const std::vector<float> partial = model.variances(s.groups[g], haar[g], m);
+                for (size_t e = 0; e < bcount; ++e) {
                     double total = 0.0;
                     for (int j = 0; j < n; ++j) {
-                        const size_t i = static_cast<size_t>(j * bcount + e);
-                        total += partial[i];
-                        if (j < m) {
-                            ASSERT_EQ(partial[i], exact[i]);
-                        }
+                        total += partial[j * bcount + e];
+                        if (j < m) { ASSERT_EQ(partial[j * bcount + e], exact[j * bcount + e]); }
                     }
-                    EXPECT_NEAR(total, static_cast<double>(n) * model.localVariance.p[e], 1e-5 * n * scale) << "m " << m;
+                    EXPECT_NEAR(total, n * double(model.localVariance.p[e]), 1e-5 * n * scale) << "m " << m;
                 }
             }
         }
-
-        const float weight = 0.75f;
+        const float weight = 0.75f, pairTransform[4] = {0.70710677f, 0.70710677f, 0.70710677f, -0.70710677f};
         std::vector<float> table(pairs, -1.0f);
-        calculateVariancePairs<float>(s.centre, s.extent, s.block, s.grid, model.kept, model.k3.p,
-                                      SIZE_2_TRANSFORM, weight, table.data(), tmp);
+        calculateVariancePairs<float>(s.centre, s.extent, s.block, s.grid, model.kept, model.k3.p, pairTransform,
+                                      weight, table.data(), model.tmp);
         for (size_t i = 0; i < pairs; ++i) {
             const double mean = pairSum[i] / s.draws;
             const double spread = std::sqrt(std::max(pairSquares[i] / s.draws - mean * mean, 0.0) / (s.draws - 1));
-            EXPECT_NEAR(table[i], weight * mean, weight * (5.0 * spread + 1e-5 * scale * bcount)) << "entry " << i;
+            EXPECT_NEAR(table[i], weight * mean, weight * (5.0 * spread + 1e-5 * scale * double(bcount))) << i;
         }
-        const size_t zero = static_cast<size_t>(s.centre.x + s.extent.x * (s.centre.y + s.extent.y * s.centre.z));
-        EXPECT_EQ(table[zero], 0.0f);
+        EXPECT_EQ(table[size_t(s.centre.x + s.extent.x * (s.centre.y + s.extent.y * s.centre.z))], 0.0f);
     }
 }
 }  // namespace
 
 TEST(VariancesSimulation, VolumeWhiteAndColouredNoise) {
-    Scenario s;
-    s.grid = Vec3<int>{8, 8, 8};
-    s.block = Vec3<int>{4, 4, 4};
-    s.tx = s.ty = s.tz = dctMatrix(4);
-    s.groups = {
-        {{0, 0, 0}, {1, 0, 0}, {0, 2, 1}, {5, 6, 7}},          // overlapping and far apart
-        {{2, 2, 2}, {2, 2, 2}, {3, 2, 2}, {7, 7, 7}},          // repeated; wraps around
-        {{6, 1, 3}, {10, 1, 3}, {6, 9, 3}, {6, 1, 4}, {0, 0, 0}, {1, 1, 1}, {4, 4, 4}, {3, 7, 5}},
-        {{4, 3, 2}},
-    };
-    s.centre = Vec3<int>{2, 1, 1};
-    s.extent = Vec3<int>{5, 3, 3};
-    s.draws = 8000;
-    s.taps = {{{0, 0, 0}, 1.0}};
+    const Matrix d = dctMatrix(4);
+    Scenario s{{8, 8, 8}, {4, 4, 4}, {d, d, d}, {{{0, 0, 0}, 1.0}},
+               {{{0, 0, 0}, {1, 0, 0}, {0, 2, 1}, {5, 6, 7}},  // overlapping and far apart
+                {{2, 2, 2}, {2, 2, 2}, {3, 2, 2}, {7, 7, 7}},  // repeated; wraps around
+                {{6, 1, 3}, {10, 1, 3}, {6, 9, 3}, {6, 1, 4}, {0, 0, 0}, {1, 1, 1}, {4, 4, 4}, {3, 7, 5}},
+                {{4, 3, 2}}},
+               {2, 1, 1}, {5, 3, 3}, 8000};
     {
         SCOPED_TRACE("white");
         checkAgainstSimulation(s);
     }
     // Anisotropic and asymmetric, so a swapped axis or a mirrored frequency shows.
     s.taps = {{{0, 0, 0}, 1.0}, {{1, 0, 0}, 0.6}, {{-1, 0, 0}, 0.3}, {{0, 1, 0}, -0.5},
-              {{0, 0, 1}, 0.4}, {{1, 1, 0}, 0.25}, {{0, 2, 1}, 0.2}};
-    {
-        SCOPED_TRACE("coloured");
-        checkAgainstSimulation(s);
-    }
+              {{0, 0, 1}, 0.4},  {{1, 1, 0}, 0.25}, {{0, 2, 1}, 0.2}};
+    SCOPED_TRACE("coloured");
+    checkAgainstSimulation(s);
 }
 
 TEST(VariancesSimulation, PlaneColouredNoise) {
-    Scenario s;
-    s.grid = Vec3<int>{16, 16, 1};
-    s.block = Vec3<int>{8, 8, 1};
-    s.tx = s.ty = dctMatrix(8);
-    s.tz = Matrix{1.0f};
-    s.groups = {
-        {{0, 0, 0}, {3, 0, 0}, {0, 5, 0}, {12, 13, 0}},
-        {{9, 9, 0}, {9, 9, 0}, {10, 9, 0}, {15, 2, 0}, {17, 9, 0}, {1, 1, 0}, {8, 0, 0}, {4, 11, 0}},
-    };
-    s.centre = Vec3<int>{3, 3, 0};
-    s.extent = Vec3<int>{7, 7, 1};
-    s.draws = 6000;
-    s.taps = {{{0, 0, 0}, 1.0}, {{1, 0, 0}, 0.7}, {{0, 1, 0}, -0.4}, {{2, 1, 0}, 0.3}, {{-1, 2, 0}, 0.2}};
-    checkAgainstSimulation(s);
+    const Matrix d = dctMatrix(8);
+    checkAgainstSimulation({{16, 16, 1}, {8, 8, 1}, {d, d, {1.0f}},
+                            {{{0, 0, 0}, 1.0}, {{1, 0, 0}, 0.7}, {{0, 1, 0}, -0.4}, {{2, 1, 0}, 0.3}, {{-1, 2, 0}, 0.2}},
+                            {{{0, 0, 0}, {3, 0, 0}, {0, 5, 0}, {12, 13, 0}},
+                             {{9, 9, 0}, {9, 9, 0}, {10, 9, 0}, {15, 2, 0}, {17, 9, 0}, {1, 1, 0}, {8, 0, 0}, {4, 11, 0}}},
+                            {3, 3, 0}, {7, 7, 1}, 6000});
 }
