@@ -80,6 +80,13 @@ BlockQueue<T> blockMatching(const BlockCollection<T>& coll, const float* distanc
     // Once the queue is full it stays full, so from then on candidates are taken
     // four at a time for the first quarter of their sums; the decisions still run
     // one candidate after another in visiting order, against the current worst.
+    // Candidates are read by slot along each row; the window's two corners carry
+    // the range checks for the whole box between them.
+    if (windowStart.x <= windowEnd.x && windowStart.y <= windowEnd.y && windowStart.z <= windowEnd.z) {
+        coll.getBlock(windowStart);
+        coll.getBlock(windowEnd);
+    }
+    const int ringX = coll.bufferRange().x;
     constexpr int kBatch = 4;
     const T* batchBlock[kBatch];
     float batchDistance[kBatch];
@@ -89,16 +96,20 @@ BlockQueue<T> blockMatching(const BlockCollection<T>& coll, const float* distanc
             const long rowBase =
                 (static_cast<long>(z - refPos.z + searchWindow.z) * spanY + (y - refPos.y + searchWindow.y)) *
                 spanX;
+            const long rowSlot = coll.rowSlot(y, z);
             int x = windowStart.x;
+            int xSlot = x % ringX;
             while (x <= windowEnd.x) {
                 int count = 0;
                 const int batch = full ? kBatch : 1;
                 for (; count < batch && x <= windowEnd.x; ++x) {
+                    const long candidateSlot = rowSlot + xSlot;
+                    if (++xSlot == ringX) xSlot = 0;
                     const Vec3<int> p{x, y, z};
                     if (p == refPos) {
                         continue;
                     }
-                    batchBlock[count] = coll.getBlock(p);
+                    batchBlock[count] = coll.blockAtSlot(candidateSlot);
                     batchDistance[count] = -distanceCorrection[rowBase + (x - refPos.x + searchWindow.x)];
                     batchPosition[count] = p;
                     ++count;
