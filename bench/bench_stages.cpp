@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <limits>
 #include <vector>
 
 #include "BlockCollection.h"
@@ -16,7 +15,7 @@
 #include "korvo/matching.h"
 #include "noise/psd.h"
 #include "noise/variances.h"
-#include "phantom.h"
+#include "support.h"
 #include "process_reference_location.h"
 #include "transforms/tables.h"
 #include "transforms/transf3D.h"
@@ -29,19 +28,8 @@ double seconds(Clock::time_point a, Clock::time_point b) {
 }
 
 Parameters benchParameters(const Vec3<int>& size) {
-    Parameters p{};
-    p.blockSize = {4, 4, 4};
-    p.psdWorkSize = {8, 8, 8};
-    p.useRealFft = true;
-    p.maxGroupSize = 16;
-    p.varianceGroupLimit = 4;
-    p.thresholdFactor = 2.7f * 2.7f;
-    p.wienerFactor = 1.0f;
+    Parameters p = korvo_phantom::exampleParameters(size);
     p.searchWindow = {4, 4, 4};
-    p.imageSize = size;
-    p.step = {3, 3, 3};
-    p.minReduceCount = 1;
-    p.matchThreshold = std::numeric_limits<float>::max();
     return p;
 }
 

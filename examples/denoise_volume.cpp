@@ -11,12 +11,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <limits>
 #include <string>
 #include <vector>
 
 #include "korvo/korvo.h"
-#include "phantom.h"
+#include "support.h"
 
 namespace {
 bool readRaw(const std::string& path, size_t count, std::vector<float>& out) {
@@ -74,21 +73,7 @@ int main(int argc, char** argv) {
         }
     }
 
-    Parameters p{};
-    p.blockSize = plane ? Vec3<int>{8, 8, 1} : Vec3<int>{4, 4, 4};
-    p.psdWorkSize = plane ? Vec3<int>{16, 16, 1} : Vec3<int>{8, 8, 8};
-    p.useRealFft = true;
-    p.maxGroupSize = 16;
-    p.varianceGroupLimit = 4;
-    p.thresholdFactor = 2.7f * 2.7f;
-    p.wienerFactor = 1.0f;
-    p.searchWindow = plane ? Vec3<int>{7, 7, 0} : Vec3<int>{4, 4, 4};
-    p.imageSize = {nx, ny, nz};
-    p.psdSize = {1, 1, 1};  // white noise: one PSD value sigma^2 per sample
-    p.step = plane ? Vec3<int>{3, 3, 1} : Vec3<int>{3, 3, 3};
-    p.minReduceCount = 1;
-    p.matchThreshold = std::numeric_limits<float>::max();
-    p.numThreads = 0;  // all cores
+    const Parameters p = korvo_phantom::exampleParameters({nx, ny, nz});
     const float psd = sigma * sigma;
 
     std::vector<float> basic(count, 0.0f), result(count, 0.0f);

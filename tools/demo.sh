@@ -4,17 +4,11 @@
 # middle slices are written to korvo-demo.png.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source tools/setup.sh
 
-SUDO=""
-if [ "$(id -u)" != 0 ] && command -v sudo >/dev/null; then SUDO=sudo; fi
-need=()
-command -v g++ >/dev/null || need+=(g++)
-command -v python3 >/dev/null || need+=(python3)
-if [ ${#need[@]} -gt 0 ]; then
-  echo "installing: ${need[*]}"
-  $SUDO apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${need[@]}"
-fi
+require "command -v g++" g++
+require "command -v python3" python3
+install_missing
 
-source tools/python_env.sh progress
+python_env progress
 build/venv/bin/korvo demo "$@"

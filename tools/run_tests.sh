@@ -3,25 +3,19 @@
 # every test: the C++ suite (GoogleTest through CTest), then the Python suite.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source tools/setup.sh
 
-SUDO=""
-if [ "$(id -u)" != 0 ] && command -v sudo >/dev/null; then SUDO=sudo; fi
-need=()
-command -v g++ >/dev/null || need+=(g++)
-command -v cmake >/dev/null || need+=(cmake)
-command -v ninja >/dev/null || need+=(ninja-build)
-command -v python3 >/dev/null || need+=(python3)
-[ -f /usr/include/gtest/gtest.h ] || need+=(googletest libgtest-dev)
-if [ ${#need[@]} -gt 0 ]; then
-  echo "installing: ${need[*]}"
-  $SUDO apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${need[@]}"
-fi
+require "command -v g++" g++
+require "command -v cmake" cmake
+require "command -v ninja" ninja-build
+require "command -v python3" python3
+require "test -f /usr/include/gtest/gtest.h" googletest libgtest-dev
+install_missing
 
 build=${KORVO_TEST_BUILD:-build/test}
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKORVO_BUILD_TESTS=ON
 cmake --build "$build" -j "$(nproc)"
 ctest --test-dir "$build" --output-on-failure -j "$(nproc)"
 
-source tools/python_env.sh test
+python_env test
 build/venv/bin/python -m pytest tests/python -q

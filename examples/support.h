@@ -1,11 +1,15 @@
-// Synthetic test volumes and noise, shared by the example, the tests and the benchmark.
+// Synthetic volumes, noise and starting parameters, shared by the example, the tests
+// and the benchmark.
 #pragma once
 
 #include <cmath>
 #include <complex>
 #include <cstdint>
+#include <limits>
 #include <random>
 #include <vector>
+
+#include "korvo/korvo.h"
 
 namespace korvo_phantom {
 
@@ -116,6 +120,28 @@ inline double psnr(const std::vector<float>& estimate, const std::vector<float>&
     }
     mse /= static_cast<double>(clean.size());
     return 10.0 * std::log10(peak * peak / mse);
+}
+
+// Where the example, the benchmark and the tests start: built-in transforms (4x4x4
+// blocks, or 8x8x1 for a single plane), white noise given as one PSD value, all cores.
+inline Parameters exampleParameters(const Vec3<int>& imageSize) {
+    const bool plane = imageSize.z == 1;
+    Parameters p{};
+    p.blockSize = plane ? Vec3<int>{8, 8, 1} : Vec3<int>{4, 4, 4};
+    p.psdWorkSize = plane ? Vec3<int>{16, 16, 1} : Vec3<int>{8, 8, 8};
+    p.useRealFft = true;
+    p.maxGroupSize = 16;
+    p.varianceGroupLimit = 4;
+    p.thresholdFactor = 2.7f * 2.7f;
+    p.wienerFactor = 1.0f;
+    p.searchWindow = plane ? Vec3<int>{7, 7, 0} : Vec3<int>{4, 4, 4};
+    p.imageSize = imageSize;
+    p.psdSize = {1, 1, 1};
+    p.step = plane ? Vec3<int>{3, 3, 1} : Vec3<int>{3, 3, 3};
+    p.minReduceCount = 1;
+    p.matchThreshold = std::numeric_limits<float>::max();
+    p.numThreads = 0;
+    return p;
 }
 
 }  // namespace korvo_phantom
