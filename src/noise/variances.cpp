@@ -92,13 +92,26 @@ void transformVariancePlane(const Vec3<int>& workSize, const Vec3<int>& keptSize
             }
         }
     }
-    // Along z, over every column.
+    // Along z. Only the kept x frequencies are read later, and a column whose y
+    // holds no block in any plane is all zeros, which the transform leaves as they are.
     if (nz >= 2 && m >= 1) {
+        constexpr int kLongestLine = 64;  // no supported transform length exceeds it
+        bool columnHasBlock[kLongestLine] = {};
+        const bool skipEmpty = ny <= kLongestLine;
+        for (int z = 0; skipEmpty && z < nz; ++z) {
+            for (int y = 0; y < ny; ++y) {
+                columnHasBlock[y] = columnHasBlock[y] || rowMask[y + ny * z];
+            }
+        }
+        const int columns = std::min(kx, nx);
         for (int j = 0; j < m; ++j) {
             Complex* in = tmp.lineA + j * stride;
             Complex* out = tmp.lineB + j * stride;
             for (int y = 0; y < ny; ++y) {
-                for (int x = 0; x < nx; ++x) {
+                if (skipEmpty && !columnHasBlock[y]) {
+                    continue;
+                }
+                for (int x = 0; x < columns; ++x) {
                     for (int z = 0; z < nz; ++z) {
                         in[z] = grid.at(Vec4i{x, y, z, j});
                     }
