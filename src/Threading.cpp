@@ -103,3 +103,5 @@ void ThreadPool::clearPool() {
     }
     _threads.clear();
 }
+
+int ThreadPool::getNumThreads() const { return _numThreads; }

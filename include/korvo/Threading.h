@@ -28,7 +28,7 @@ public:
     bool getJob(std::function<void()>& job);
     // Stops and joins the workers.
     void clearPool();
-    int getNumThreads() const { return _numThreads; }
+    int getNumThreads() const;
 
 private:
     struct JobNode {
