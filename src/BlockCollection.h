@@ -83,10 +83,19 @@ private:
     Vec3<int> _bufferStart{};
 };
 
-// Candidates of one search, worst kept candidate on top.
+// Candidates of one search, worst kept candidate on top. Its storage can be
+// taken back once the queue is spent, so that searches reuse one allocation.
 template <typename T>
-using BlockQueue =
-    std::priority_queue<BlockDistance<T>, std::vector<BlockDistance<T>>, std::less<BlockDistance<T>>>;
+class BlockQueue
+    : public std::priority_queue<BlockDistance<T>, std::vector<BlockDistance<T>>, std::less<BlockDistance<T>>> {
+public:
+    using std::priority_queue<BlockDistance<T>, std::vector<BlockDistance<T>>,
+                              std::less<BlockDistance<T>>>::priority_queue;
+    std::vector<BlockDistance<T>> takeStorage() {
+        this->c.clear();
+        return std::move(this->c);
+    }
+};
 
 // The best maxGroupSize - 1 candidates of the window around refPos.
 template <typename T>

@@ -45,6 +45,14 @@ inline void addDistances4(float* d, const T* const* cand, const T* KORVO_RESTRIC
     d[3] = d3;
 }
 
+// Each thread keeps the storage of its last candidate queue, so that a search
+// allocates only when the group limit grows.
+template <typename T>
+std::vector<BlockDistance<T>>& spareQueueStorage() {
+    static thread_local std::vector<BlockDistance<T>> spare;
+    return spare;
+}
+
 inline bool isPowerOfTwo(long n) { return n > 0 && (n & (n - 1)) == 0; }
 }  // namespace
 
@@ -64,7 +72,8 @@ BlockQueue<T> blockMatching(const BlockCollection<T>& coll, const float* distanc
                             const Vec3<int>& searchWindow, const Vec3<int>& windowStart,
                             const Vec3<int>& windowEnd, int maxGroupSize) {
     const T* ref = coll.getBlock(refPos);
-    std::vector<BlockDistance<T>> storage;
+    std::vector<BlockDistance<T>> storage = std::move(spareQueueStorage<T>());
+    storage.clear();
     storage.reserve(static_cast<size_t>(std::max(maxGroupSize, 1)));
     BlockQueue<T> queue(std::less<BlockDistance<T>>(), std::move(storage));
     if (maxGroupSize == 1) {
@@ -193,6 +202,7 @@ void getBlockMatches(const BlockCollection<T>& coll, const float* distanceCorrec
     unloadBlockQueue(minReduceCount, matchThreshold, minCorner, queue, out, count);
     out[0] = {coll.getBlock(refPos), 0.0f, refPos, refPos - minCorner};
     count += 1;
+    spareQueueStorage<T>() = queue.takeStorage();
 }
 
 #define KORVO_INSTANTIATE_MATCHING(T)                                                            \
