@@ -199,7 +199,9 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
         report("Could not allocate memory for variances");
         return false;
     }
-    if (params.matchVarianceWeight > 0) {
+    // Only the first stage matches noisy blocks; the Wiener stage matches on its
+    // pilot, whose distances carry no noise to correct for.
+    if (stage == HardThresholding && params.matchVarianceWeight > 0) {
         calculateVariancePairs<T>(sw, windowExtent, params.blockSize, params.psdWorkSize, kept,
                                   resources.kernel, SIZE_2_TRANSFORM, params.matchVarianceWeight,
                                   resources.distanceCorrection, mainTemp);

@@ -128,6 +128,20 @@ TEST(Denoise, ReplayedMatchesReproduceTheRecordingRun) {
     EXPECT_EQ(maxAbsDifference(recorded, replayed), 0.0);
 }
 
+TEST(Denoise, WienerStageMatchesWithoutNoiseCorrection) {
+    // The pilot carries no noise to correct for: the weight must not change the result.
+    const Vec3<int> size{20, 20, 12};
+    const std::vector<float> clean = korvo_phantom::volume(size.x, size.y, size.z);
+    const std::vector<float> noisy = addNoise(clean, korvo_phantom::whiteNoise(clean.size(), 0.1f, 6));
+    Parameters p = baseParameters(size, {4, 4, 4});
+    p.numThreads = 1;
+    p.matchThreshold = 0.05f;  // tight enough that a correction would change the groups
+    p.matchVarianceWeight = 1.0f;
+    const std::vector<float> a = wienerWithPilot(noisy, 0.1f, p, clean);
+    p.matchVarianceWeight = 0.0f;
+    EXPECT_EQ(maxAbsDifference(a, wienerWithPilot(noisy, 0.1f, p, clean)), 0.0);
+}
+
 TEST(Denoise, SplitBandsAndThreadCountsAgree) {
     const Vec3<int> size{28, 26, 22};
     const std::vector<float> clean = korvo_phantom::volume(size.x, size.y, size.z);
