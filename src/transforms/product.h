@@ -41,11 +41,27 @@ void productOverRows(Rows row, const float* KORVO_RESTRICT m, int n, float* KORV
             }
         }
     } else {
+        // Sixteen values at a time stay in registers through all n terms; the
+        // tail is accumulated in the output row. Both follow the same order.
+        constexpr std::ptrdiff_t kBlock = 16;
+        const std::ptrdiff_t blocked = count - count % kBlock;
         for (int k = 0; k < n; ++k) {
             const float* mk = m + static_cast<std::ptrdiff_t>(k) * n;
             float* dst = out + k * outStride;
-            scaleRow(row(0), mk[0], dst, count);
-            for (int j = 1; j < n; ++j) fmaRow(row(j), mk[j], dst, count);
+            for (std::ptrdiff_t i0 = 0; i0 < blocked; i0 += kBlock) {
+                float acc[kBlock];
+                const float* r0 = row(0) + i0;
+                for (std::ptrdiff_t i = 0; i < kBlock; ++i) acc[i] = r0[i] * mk[0];
+                for (int j = 1; j < n; ++j) {
+                    const float* rj = row(j) + i0;
+                    for (std::ptrdiff_t i = 0; i < kBlock; ++i) acc[i] = std::fma(rj[i], mk[j], acc[i]);
+                }
+                for (std::ptrdiff_t i = 0; i < kBlock; ++i) dst[i0 + i] = acc[i];
+            }
+            if (blocked < count) {
+                scaleRow(row(0) + blocked, mk[0], dst + blocked, count - blocked);
+                for (int j = 1; j < n; ++j) fmaRow(row(j) + blocked, mk[j], dst + blocked, count - blocked);
+            }
         }
     }
 }
