@@ -129,10 +129,10 @@ def test_demo_prints_psnr_and_writes_png(tmp_path):
 
 @pytest.mark.skipif(not hasattr(signal, "SIGINT") or sys.platform == "win32", reason="POSIX")
 def test_ctrl_c_ends_the_command(tmp_path):
-    process = subprocess.Popen([sys.executable, "-m", "korvo", "demo", "--shape", "128", "192", "192",
+    process = subprocess.Popen([sys.executable, "-m", "korvo", "demo", "--shape", "64", "128", "128",
                                 "--png", str(tmp_path / "x.png")],
                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    time.sleep(3.0)  # start-up, phantom, then well into the first stage
+    time.sleep(2.5)  # start-up, phantom, then well into the first stage
     process.send_signal(signal.SIGINT)
     sent = time.monotonic()
     _, err = process.communicate(timeout=30)
