@@ -79,7 +79,7 @@ struct ReferenceGrid {
     Vec3<int> counts;  // positions per axis, ceil((extent + step) / step)
     int sliceAxis;
 
-    ReferenceGrid(const Parameters& p) {
+    explicit ReferenceGrid(const Parameters& p) {
         last = {std::max(p.imageSize.x - p.blockSize.x, 0), std::max(p.imageSize.y - p.blockSize.y, 0),
                 std::max(p.imageSize.z - p.blockSize.z, 0)};
         auto ceilCount = [](int extent, int step) { return (extent + step + step - 1) / step; };
@@ -108,6 +108,7 @@ bool referencePosition(const Parameters& p, const ReferenceGrid& grid, const Vec
     position = {std::min(x, grid.last.x), std::min(y, grid.last.y), std::min(z, grid.last.z)};
     return true;
 }
+
 bool backwardsOnNarrowAxis(const Vec3<int>& position, const Vec3<int>& previous,
                            const Vec3<int>& band, const Vec3<int>& imageSize) {
     for (int a = 0; a < 3; ++a) {
