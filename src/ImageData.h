@@ -41,10 +41,12 @@ struct ImageDataMutable : ImageData<T> {
         }
     }
 
+    using ImageData<T>::convertToIndex;
+    using ImageData<T>::_size;
+
     T& at(const Vec3<int>& coords) {
-        KORVO_ASSERT(this->convertToIndex(coords) >= 0 &&
-                     this->convertToIndex(coords) < this->_size.volume());
-        return _mutableData[this->convertToIndex(coords)];
+        KORVO_ASSERT(convertToIndex(coords) >= 0 && convertToIndex(coords) < _size.volume());
+        return _mutableData[convertToIndex(coords)];
     }
     T* data() { return _mutableData; }
 };

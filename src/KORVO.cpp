@@ -28,6 +28,77 @@ void setStageMonitor(StageMonitor* monitor) { activeMonitor.store(monitor); }
 StageMonitor* stageMonitor() { return activeMonitor.load(); }
 }  // namespace korvo_detail
 
+// Extract afresh, slide, or nothing, by which axes of the band are narrower than
+// the image and how the reference moved.
+template <StageName stage, typename T>
+void moveCollections(const Vec3<int>& refPos, const Vec3<int>& step, const Vec3<int>& searchWindow,
+                     const Vec3<int>& blockSize, const Vec3<T*>& transforms,
+                     TempMemory<T>& memory, const ImageData<T>& image, const ImageData<T>* image2,
+                     const Vec3<TransformsMetas::StandardTransform>& kinds,
+                     BlockCollection<T>* collHTWie, BlockCollection<T>* coll2) {
+    const Vec3<int>& size = image.size();
+    const Vec3<int>& w = searchWindow;
+    const bool narrowX = 2 * w.x + 1 < size.x;
+    const bool narrowY = 2 * w.y + 1 < size.y;
+    const bool narrowZ = 2 * w.z + 1 < size.z;
+    const Vec3<const T*> forward{transforms.x, transforms.y, transforms.z};
+
+    auto extract = [&] {
+        collHTWie->extractInitial(image, refPos, blockSize, forward, kinds, false, memory,
+                                  searchWindow);
+        if (stage == Wiener) {
+            coll2->extractInitial(*image2, refPos, blockSize, forward, kinds, false, memory,
+                                  searchWindow);
+        }
+    };
+    auto slide = [&](bool yCounts) {
+        const bool moveY = yCounts && step.y != 0;
+        if (!((step.x != 0 && narrowX) || moveY || step.z != 0)) {
+            return;
+        }
+        // Near either border of a moving axis the band stays where it is.
+        auto outside = [](int r, int radius, int extent) { return r <= radius + 1 || r > extent - radius; };
+        if ((step.x != 0 && outside(refPos.x, w.x, size.x)) ||
+            (moveY && outside(refPos.y, w.y, size.y)) ||
+            (step.z != 0 && outside(refPos.z, w.z, size.z))) {
+            return;
+        }
+        collHTWie->moveInImage(image, step, blockSize, forward, memory);
+        if (stage == Wiener) {
+            coll2->moveInImage(*image2, step, blockSize, forward, memory);
+        }
+    };
+
+    if (narrowX) {
+        if (step.y == 0 && collHTWie->getHasData()) {
+            slide(false);
+        } else {
+            extract();
+        }
+    } else if (!narrowY && !narrowZ) {
+        KORVO_ASSERT(collHTWie->getHasData());
+    } else if (!narrowY) {
+        if (collHTWie->getHasData()) {
+            slide(false);
+        } else {
+            extract();
+        }
+    } else if (step.z == 0 && collHTWie->getHasData()) {
+        slide(true);
+    } else {
+        extract();
+    }
+}
+
+template void moveCollections<HardThresholding, float>(
+    const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<float*>&,
+    TempMemory<float>&, const ImageData<float>&, const ImageData<float>*,
+    const Vec3<TransformsMetas::StandardTransform>&, BlockCollection<float>*, BlockCollection<float>*);
+template void moveCollections<Wiener, float>(
+    const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<float*>&,
+    TempMemory<float>&, const ImageData<float>&, const ImageData<float>*,
+    const Vec3<TransformsMetas::StandardTransform>&, BlockCollection<float>*, BlockCollection<float>*);
+
 namespace {
 void report(const char* message) {
     std::fprintf(stderr, "%s\n", message);
@@ -98,9 +169,9 @@ bool referencePosition(const Parameters& p, const ReferenceGrid& grid, const Vec
     const Vec3<int>& s = p.step;
     const Vec3<int>& n = p.axisArrayLength;
     const Vec3<const float*>& a = p.axisArrays;
-    int x = raw.x - static_cast<int>(a.x[(raw.z / s.z) % n.x]);
-    int y = raw.y - static_cast<int>(a.y[(raw.x / s.x) % n.y]);
-    int z = raw.z - static_cast<int>(a.z[(raw.y / s.y) % n.z]);
+    int x = static_cast<int>(static_cast<float>(raw.x) - a.x[(raw.z / s.z) % n.x]);
+    int y = static_cast<int>(static_cast<float>(raw.y) - a.y[(raw.x / s.x) % n.y]);
+    int z = static_cast<int>(static_cast<float>(raw.z) - a.z[(raw.y / s.y) % n.z]);
     x = std::max(x, 0);
     y = std::max(y, 0);
     z = std::max(z, 0);
