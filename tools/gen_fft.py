@@ -21,6 +21,8 @@ import os
 import sys
 
 LENGTHS = (4, 8, 16, 32)
+TWIDDLES = (0.9807852804032304, 0.9238795325112867, 0.8314696123025452, 0.7071067811865475,
+            0.5555702330196022, 0.3826834323650898, 0.1950903220161283)
 
 
 def twiddle_literal(j):
@@ -36,6 +38,11 @@ def twiddle_literal(j):
     value = math.cos(2.0 * math.pi * j / 32.0)
     if j == 8:
         value = math.cos(math.pi / 4.0)
+    # The kernels carry these decimal literals; sqrt(1/2) is the one a unit below
+    # the correctly rounded double.
+    for literal in TWIDDLES:
+        if abs(literal - value) < 1e-15:
+            return sign, literal
     return sign, value
 
 
