@@ -1,5 +1,9 @@
 #include <algorithm>
 
+#if defined(__AVX2__)
+#include <immintrin.h>
+#endif
+
 #include "BlockCollection.h"
 
 namespace {
@@ -24,16 +28,17 @@ inline float addDistance(float d, const T* KORVO_RESTRICT cand, const T* KORVO_R
     return d;
 }
 
-// The first pieces of up to four candidates' sums at once: four independent
+// Continues four candidates' sums over [from, to) at once: four independent
 // chains keep the adder busy while each chain still adds in coefficient order.
 template <typename T>
-inline void addDistances4(float* d, const T* const* cand, const T* KORVO_RESTRICT ref, int to) {
+inline void addDistances4(float* d, const T* const* cand, const T* KORVO_RESTRICT ref, int from,
+                          int to) {
     float d0 = d[0], d1 = d[1], d2 = d[2], d3 = d[3];
     const T* KORVO_RESTRICT c0 = cand[0];
     const T* KORVO_RESTRICT c1 = cand[1];
     const T* KORVO_RESTRICT c2 = cand[2];
     const T* KORVO_RESTRICT c3 = cand[3];
-    for (int e = 0; e < to; ++e) {
+    for (int e = from; e < to; ++e) {
         d0 += contribution(c0[e], ref[e]);
         d1 += contribution(c1[e], ref[e]);
         d2 += contribution(c2[e], ref[e]);
@@ -44,6 +49,52 @@ inline void addDistances4(float* d, const T* const* cand, const T* KORVO_RESTRIC
     d[2] = d2;
     d[3] = d3;
 }
+
+// The first `to` contributions of eight candidates. Each candidate still adds its
+// contributions one by one in coefficient order; with AVX the eight sums run in
+// the lanes of one register, fed by an 8x8 transpose of the candidates' rows.
+template <typename T>
+inline void addDistances8(float* d, const T* const* cand, const T* ref, int to) {
+    addDistances4(d, cand, ref, 0, to);
+    addDistances4(d + 4, cand + 4, ref, 0, to);
+}
+
+#if defined(__AVX2__)
+template <>
+inline void addDistances8<float>(float* d, const float* const* cand, const float* ref, int to) {
+    if (to % 8 != 0) {
+        addDistances4(d, cand, ref, 0, to);
+        addDistances4(d + 4, cand + 4, ref, 0, to);
+        return;
+    }
+    __m256 acc = _mm256_loadu_ps(d);
+    for (int e = 0; e < to; e += 8) {
+        const __m256 r0 = _mm256_loadu_ps(cand[0] + e), r1 = _mm256_loadu_ps(cand[1] + e);
+        const __m256 r2 = _mm256_loadu_ps(cand[2] + e), r3 = _mm256_loadu_ps(cand[3] + e);
+        const __m256 r4 = _mm256_loadu_ps(cand[4] + e), r5 = _mm256_loadu_ps(cand[5] + e);
+        const __m256 r6 = _mm256_loadu_ps(cand[6] + e), r7 = _mm256_loadu_ps(cand[7] + e);
+        const __m256 t0 = _mm256_unpacklo_ps(r0, r1), t1 = _mm256_unpackhi_ps(r0, r1);
+        const __m256 t2 = _mm256_unpacklo_ps(r2, r3), t3 = _mm256_unpackhi_ps(r2, r3);
+        const __m256 t4 = _mm256_unpacklo_ps(r4, r5), t5 = _mm256_unpackhi_ps(r4, r5);
+        const __m256 t6 = _mm256_unpacklo_ps(r6, r7), t7 = _mm256_unpackhi_ps(r6, r7);
+        const __m256 s0 = _mm256_shuffle_ps(t0, t2, 0x44), s1 = _mm256_shuffle_ps(t0, t2, 0xEE);
+        const __m256 s2 = _mm256_shuffle_ps(t1, t3, 0x44), s3 = _mm256_shuffle_ps(t1, t3, 0xEE);
+        const __m256 s4 = _mm256_shuffle_ps(t4, t6, 0x44), s5 = _mm256_shuffle_ps(t4, t6, 0xEE);
+        const __m256 s6 = _mm256_shuffle_ps(t5, t7, 0x44), s7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+        // Column k holds coefficient e + k of all eight candidates.
+        const __m256 column[8] = {
+            _mm256_permute2f128_ps(s0, s4, 0x20), _mm256_permute2f128_ps(s1, s5, 0x20),
+            _mm256_permute2f128_ps(s2, s6, 0x20), _mm256_permute2f128_ps(s3, s7, 0x20),
+            _mm256_permute2f128_ps(s0, s4, 0x31), _mm256_permute2f128_ps(s1, s5, 0x31),
+            _mm256_permute2f128_ps(s2, s6, 0x31), _mm256_permute2f128_ps(s3, s7, 0x31)};
+        for (int k = 0; k < 8; ++k) {
+            const __m256 diff = _mm256_sub_ps(column[k], _mm256_set1_ps(ref[e + k]));
+            acc = _mm256_add_ps(acc, _mm256_mul_ps(diff, diff));
+        }
+    }
+    _mm256_storeu_ps(d, acc);
+}
+#endif
 
 // Each thread keeps the storage of its last candidate queue, so that a search
 // allocates only when the group limit grows.
@@ -87,7 +138,7 @@ BlockQueue<T> blockMatching(const BlockCollection<T>& coll, const float* distanc
     bool full = false;  // holds maxGroupSize - 1 candidates
 
     // Once the queue is full it stays full, so from then on candidates are taken
-    // four at a time for the first quarter of their sums; the decisions still run
+    // eight at a time for the first quarter of their sums; the decisions still run
     // one candidate after another in visiting order, against the current worst.
     // Candidates are read by slot along each row; the window's two corners carry
     // the range checks for the whole box between them.
@@ -96,7 +147,7 @@ BlockQueue<T> blockMatching(const BlockCollection<T>& coll, const float* distanc
         coll.getBlock(windowEnd);
     }
     const int ringX = coll.bufferRange().x;
-    constexpr int kBatch = 4;
+    constexpr int kBatch = 8;
     const T* batchBlock[kBatch];
     float batchDistance[kBatch];
     Vec3<int> batchPosition[kBatch];
@@ -132,7 +183,7 @@ BlockQueue<T> blockMatching(const BlockCollection<T>& coll, const float* distanc
                     continue;
                 }
                 if (count == kBatch) {
-                    addDistances4(batchDistance, batchBlock, ref, quarter);
+                    addDistances8(batchDistance, batchBlock, ref, quarter);
                 } else {
                     for (int i = 0; i < count; ++i) {
                         batchDistance[i] = addDistance(batchDistance[i], batchBlock[i], ref, 0, quarter);
