@@ -154,14 +154,19 @@ def _collection_bytes(extents, settings, split, collections):
 
 
 def _choose_split(extents, settings, collections, budget):
-    """The least splitting whose block collections fit in ``budget`` bytes."""
+    """Block collections for the whole volume or for bands along the slowest axis,
+    whichever needs less memory (bands cost no measurable time: each worker
+    slides its own along its slices); more splitting only when that does not
+    fit in ``budget`` bytes."""
     plane = extents[2] == 1
-    options = [(False, False, False)]
-    options += [(False, True, False), (True, True, False)] if plane else [
+    whole = (False, False, False)
+    options = [(False, True, False), (True, True, False)] if plane else [
         (False, False, True), (False, True, True)]
+    first = min((whole, options[0]),
+                key=lambda split: _collection_bytes(extents, settings, split, collections))
     if budget is None:
-        return options[0]
-    for split in options:
+        return first
+    for split in (first, *options):
         if _collection_bytes(extents, settings, split, collections) <= budget:
             return split
     return options[-1]

@@ -126,10 +126,12 @@ def test_split_choice_follows_memory():
     extents = (256, 256, 128)
     whole = _core._collection_bytes(extents, settings, (False, False, False), 2)
     assert whole > 3 * 2**30  # 2 collections x 64 floats per position
-    assert _core._choose_split(extents, settings, 2, None) == (False, False, False)
-    assert _core._choose_split(extents, settings, 2, whole) == (False, False, False)
-    assert _core._choose_split(extents, settings, 2, whole // 4) == (False, False, True)
+    # Bands along z are far smaller than the whole volume, and cost no time.
+    assert _core._choose_split(extents, settings, 2, None) == (False, False, True)
+    assert _core._choose_split(extents, settings, 2, whole) == (False, False, True)
     assert _core._choose_split(extents, settings, 2, 1) == (False, True, True)
+    # A volume barely deeper than a band keeps it whole.
+    assert _core._choose_split((256, 256, 12), settings, 2, None) == (False, False, False)
     plane = korvo.KORVOProfile().resolve((4000, 4000))["ht"]
     assert _core._choose_split((4000, 4000, 1), plane, 1, 2**20) in ((False, True, False),
                                                                      (True, True, False))
