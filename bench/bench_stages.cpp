@@ -157,9 +157,7 @@ int main(int argc, char** argv) {
     cases[1].noisy = korvo_phantom::colouredNoise(size.x, size.y, size.z, sigma, 7, cases[1].psd);
     cases[1].psdSize = size;
     cases[1].matchVarianceWeight = 1.0f;
-    for (Case& c : cases) {
-        for (size_t i = 0; i < count; ++i) c.noisy[i] += clean[i];
-    }
+    for (Case& c : cases) c.noisy = korvo_phantom::addNoise(clean, c.noisy);
 
     std::printf("volume %d x %d x %d, blocks 4x4x4, step 3, search window +-4, groups of 16\n", size.x, size.y,
                 size.z);

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "korvo/korvo.h"
@@ -58,10 +59,9 @@ int main(int argc, char** argv) {
 
     std::vector<float> noisy, clean;
     if (phantom) {
-        clean = korvo_phantom::volume(nx, ny, nz);
-        const std::vector<float> noise = korvo_phantom::whiteNoise(count, sigma, 2024);
-        noisy.resize(count);
-        for (size_t i = 0; i < count; ++i) noisy[i] = clean[i] + noise[i];
+        korvo_phantom::Scene scene = korvo_phantom::whiteNoiseScene(nx, ny, nz, sigma, 2024);
+        clean = std::move(scene.clean);
+        noisy = std::move(scene.noisy);
     } else {
         if (!readRaw(argv[1], count, noisy)) {
             std::fprintf(stderr, "cannot read %zu floats from %s\n", count, argv[1]);

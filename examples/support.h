@@ -112,6 +112,24 @@ inline std::vector<float> colouredNoise(int nx, int ny, int nz, float sigma, std
     return out;
 }
 
+inline std::vector<float> addNoise(const std::vector<float>& clean, const std::vector<float>& noise) {
+    std::vector<float> v(clean.size());
+    for (size_t i = 0; i < v.size(); ++i) v[i] = clean[i] + noise[i];
+    return v;
+}
+
+// The phantom of the given extents and a copy with white noise added.
+struct Scene {
+    std::vector<float> clean;
+    std::vector<float> noisy;
+};
+inline Scene whiteNoiseScene(int nx, int ny, int nz, float sigma, std::uint32_t seed) {
+    Scene s;
+    s.clean = volume(nx, ny, nz);
+    s.noisy = addNoise(s.clean, whiteNoise(s.clean.size(), sigma, seed));
+    return s;
+}
+
 inline double psnr(const std::vector<float>& estimate, const std::vector<float>& clean, double peak = 1.0) {
     double mse = 0.0;
     for (size_t i = 0; i < clean.size(); ++i) {

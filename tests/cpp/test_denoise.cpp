@@ -12,6 +12,7 @@
 #include "process_reference_location.h"
 
 namespace {
+using korvo_phantom::addNoise;
 using korvo_phantom::psnr;
 
 Parameters baseParameters(const Vec3<int>& imageSize, const Vec3<int>& blockSize) {
@@ -48,12 +49,6 @@ std::vector<float> wienerWithPilot(const std::vector<float>& noisy, float sigma,
     return out;
 }
 
-std::vector<float> addNoise(const std::vector<float>& clean, const std::vector<float>& noise) {
-    std::vector<float> v(clean.size());
-    for (size_t i = 0; i < v.size(); ++i) v[i] = clean[i] + noise[i];
-    return v;
-}
-
 struct MatchTable {
     std::vector<int> counts;
     std::vector<Vec3<int>> positions, relative;
@@ -79,9 +74,8 @@ TEST(Denoise, WhiteNoiseVolumeAndPlaneGainClearly) {
     } cases[] = {{{32, 32, 24}, {4, 4, 4}, 8.0}, {{96, 80, 1}, {8, 8, 1}, 9.0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.block.z == 1 ? "plane" : "volume");
-        const std::vector<float> clean = korvo_phantom::volume(c.size.x, c.size.y, c.size.z);
-        const std::vector<float> noisy =
-            addNoise(clean, korvo_phantom::whiteNoise(clean.size(), sigma, static_cast<std::uint32_t>(c.size.z)));
+        const auto [clean, noisy] = korvo_phantom::whiteNoiseScene(c.size.x, c.size.y, c.size.z, sigma,
+                                                                   static_cast<std::uint32_t>(c.size.z));
         Parameters p = baseParameters(c.size, c.block);
         p.psdSize = {1, 1, 1};
         const StageResults r = denoise(noisy, {sigma * sigma}, p);
@@ -112,8 +106,7 @@ TEST(Denoise, ColouredNoiseDescribedByItsPsdBeatsWhiteAssumption) {
 
 TEST(Denoise, ReplayedMatchesReproduceTheRecordingRun) {
     const Vec3<int> size{24, 20, 16};
-    const std::vector<float> clean = korvo_phantom::volume(size.x, size.y, size.z);
-    const std::vector<float> noisy = addNoise(clean, korvo_phantom::whiteNoise(clean.size(), 0.1f, 4));
+    const auto [clean, noisy] = korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, 4);
     Parameters p = baseParameters(size, {4, 4, 4});
     p.psdSize = {1, 1, 1};
     p.numThreads = 1;
@@ -131,8 +124,7 @@ TEST(Denoise, ReplayedMatchesReproduceTheRecordingRun) {
 TEST(Denoise, WienerStageMatchesWithoutNoiseCorrection) {
     // The pilot carries no noise to correct for: the weight must not change the result.
     const Vec3<int> size{20, 20, 12};
-    const std::vector<float> clean = korvo_phantom::volume(size.x, size.y, size.z);
-    const std::vector<float> noisy = addNoise(clean, korvo_phantom::whiteNoise(clean.size(), 0.1f, 6));
+    const auto [clean, noisy] = korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, 6);
     Parameters p = baseParameters(size, {4, 4, 4});
     p.numThreads = 1;
     p.matchThreshold = 0.05f;  // tight enough that a correction would change the groups
@@ -144,8 +136,7 @@ TEST(Denoise, WienerStageMatchesWithoutNoiseCorrection) {
 
 TEST(Denoise, SplitBandsAndThreadCountsAgree) {
     const Vec3<int> size{28, 26, 22};
-    const std::vector<float> clean = korvo_phantom::volume(size.x, size.y, size.z);
-    const std::vector<float> noisy = addNoise(clean, korvo_phantom::whiteNoise(clean.size(), 0.1f, 5));
+    const auto [clean, noisy] = korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, 5);
     Parameters p = baseParameters(size, {4, 4, 4});
     p.psdSize = {1, 1, 1};
     // A step of 3 against a window of 4 is where sliding alone would lose the window's edge.
