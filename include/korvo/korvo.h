@@ -58,3 +58,35 @@ KORVO_API void korvoInterfaceWie(const float* noisy, const float* psd, Parameter
                                  Transforms<float>* transforms, const float* pilot,
                                  float* output, BlockMatchStorage* storage);
 }
+
+// Services around the entry points, for hosts that want to check a record before
+// running it and size their buffers the way the library does. None of them runs
+// a stage or changes its results.
+
+// Fills `params` with the defaults of the Python package for one stage (0: hard
+// thresholding, 1: Wiener) of a volume of `imageSize` (x, y, z; z = 1 for an
+// image) carrying white noise of standard deviation `sigma`: psdSize is {1, 1, 1}
+// (pass sigma * sigma as the PSD) and numThreads 0 (all cores).
+KORVO_API void korvoDefaultParameters(Parameters* params, int stage, Vec3<int> imageSize,
+                                      float sigma);
+
+// 0 when a stage can run `params`; otherwise 1, with the reason (one sentence
+// naming the fields) copied into `message` (at most capacity - 1 characters and a
+// terminating zero). Covers every combination the stage loop would stop on with
+// an assertion or could not serve.
+KORVO_API int korvoCheckParameters(const Parameters* params, int stage, char* message,
+                                   int capacity);
+
+// 0 when a filled `storage` can be replayed by a stage running `params` (every
+// row's count and positions within what the stage reads); otherwise 1 and the
+// reason, as above.
+KORVO_API int korvoCheckMatchStorage(const Parameters* params, const BlockMatchStorage* storage,
+                                     char* message, int capacity);
+
+// Rows of reference positions a stage running `params` records in a match
+// storage (each row needs maxGroupSize entries).
+KORVO_API long korvoMatchStorageRows(const Parameters* params);
+
+// Bytes of block collections a stage running `params` allocates, with the
+// record's splitBlockExtraction flags and numThreads (0: all cores).
+KORVO_API long long korvoCollectionBytes(const Parameters* params, int stage);
