@@ -8,11 +8,13 @@ import time
 
 import numpy as np
 
-from ._core import korvo
-from .noise import estimate_sigma
-from .profile import KORVOProfile
+from . import KORVOProfile, __version__, estimate_sigma, korvo
 
 __all__ = ["main"]
+
+# Errors that come from what the user asked for: reported in one line.
+_USER_ERRORS = (ValueError, TypeError, OverflowError, OSError, ImportError, MemoryError,
+                EOFError)
 
 
 def _parse_value(text):
@@ -25,78 +27,185 @@ def _parse_value(text):
         return None
     if "," in text:
         return tuple(_parse_value(part) for part in text.split(","))
-    try:
-        return int(text)
-    except ValueError:
-        return float(text)
+    for kind in (int, float):
+        try:
+            return kind(text)
+        except ValueError:
+            pass
+    return text.strip()  # the profile names what it expected
 
 
 def _apply_settings(profile, settings):
-    """``name=value`` pairs; ``ht.x`` / ``wiener.x`` address a stage; tuples as x,y,z."""
+    """``name=value`` pairs; ``ht.name`` / ``wiener.name`` address one stage; tuples as x,y,z."""
     for item in settings:
-        if "=" not in item:
+        name, equals, text = item.partition("=")
+        if not equals:
             raise ValueError(f"--set expects name=value, got {item!r}")
-        name, text = item.split("=", 1)
-        value = _parse_value(text)
-        target = profile
         parts = name.strip().split(".")
-        for part in parts[:-1]:
-            if part not in ("ht", "wiener"):
-                raise ValueError(f"unknown stage {part!r} in {name!r} (use ht. or wiener.)")
-            target = getattr(profile, part)
+        if len(parts) > 2 or (len(parts) == 2 and parts[0] not in ("ht", "wiener")):
+            raise ValueError(f"--set {item}: a name is 'setting' or 'ht.setting' / "
+                             f"'wiener.setting'")
+        target = getattr(profile, parts[0]) if len(parts) == 2 else profile
+        if parts[-1] in ("ht", "wiener"):
+            raise ValueError(f"--set {item}: name a setting of the stage, e.g. {parts[-1]}.step")
         try:
-            setattr(target, parts[-1], value)
-        except AttributeError as exc:
-            raise ValueError(str(exc)) from None
+            setattr(target, parts[-1], _parse_value(text))
+        except (AttributeError, ValueError, TypeError, OverflowError) as exc:
+            raise ValueError(f"--set {item}: {exc}") from None
     return profile
 
 
-def _denoise(args):
-    from .io import read_volume, write_volume
+def _non_negative(text):
+    value = int(text)
+    if value < 0:
+        raise argparse.ArgumentTypeError(f"must be 0 (all cores) or more, got {value}")
+    return value
 
-    profile = _apply_settings(KORVOProfile(), args.set or [])
-    if args.threads:
-        profile.num_threads = args.threads
-    data, context = read_volume(args.input)
-    if data.ndim not in (2, 3, 4):
-        raise ValueError(f"{args.input}: expected a 2-D, 3-D or 4-D array, got shape {data.shape}")
-    volumes = [data] if data.ndim < 4 else list(data)
-    if args.psd:
-        noise = np.load(args.psd, allow_pickle=False)
-        how = f"PSD from {args.psd}"
-    elif args.sigma is not None:
-        noise, how = args.sigma, f"sigma {args.sigma:g}"
-    else:
-        noise = None
-        how = "estimated sigma"
-    quiet = args.quiet
+
+# ----------------------------------------------------------------------------
+# Axis layout
+
+
+def _layout(axes, shape, name):
+    """-> (series, rest): indices of the axes looped over, and of the axes one
+    call receives (space and channels, in file order)."""
+    channel = axes.find("C") if "C" in axes else axes.find("S")
+    spatial = [i for i, a in enumerate(axes) if a in "ZYX"]
+    if "Y" not in axes or "X" not in axes or len(spatial) not in (2, 3):
+        raise ValueError(f"{name}: axes {axes!r} (shape {shape}) hold no 2-D image or 3-D volume")
+    rest = sorted(spatial + ([channel] if channel >= 0 else []))
+    series = [i for i in range(len(axes)) if i not in rest]
+    return series, rest
+
+
+def _items(data, series):
+    """Views of ``data`` (its series axes already leading) item by item."""
+    for index in np.ndindex(*data.shape[:len(series)]):
+        yield index, data[index]
+
+
+def _channels(block, channel):
+    if channel is None:
+        return [block]
+    return [np.take(block, c, axis=channel) for c in range(block.shape[channel])]
+
+
+def _describe(axes, shape):
+    return " x ".join(f"{n} {a}" for a, n in zip(axes, shape))
+
+
+class _Run:
+    """One ``denoise`` call: the noise model, the profile, the output type."""
+
+    def __init__(self, args, name):
+        self.args, self.name = args, name
+        self.dtype = np.dtype(np.float32)
+        self.profile = _apply_settings(KORVOProfile(), args.set or [])
+        if args.threads is not None:
+            self.profile.num_threads = args.threads or None  # 0: every core
+        self.psd = None
+        if args.psd:
+            from .io import read_volume
+            self.psd, _ = read_volume(args.psd)
+
+    def say(self, text):
+        if not self.args.quiet:
+            print(text, file=sys.stderr, flush=True)
+
+    def noise(self, block, channel, where):
+        """Keyword arguments naming the noise of one call."""
+        if self.psd is not None:
+            return {"psd": self.psd}
+        if self.args.sigma is not None:
+            return {"sigma": self.args.sigma}
+        sigmas = [float(estimate_sigma(part)) for part in _channels(block, channel)]
+        if min(sigmas) <= 0:
+            raise ValueError(f"{self.name}{where}: the noise sigma was estimated as 0 (the data "
+                             f"look noise-free or constant); pass --sigma to denoise anyway")
+        self.say(f"estimated noise sigma{where}: {', '.join(f'{s:.6g}' for s in sigmas)}")
+        return {"sigma": sigmas[0] if channel is None else sigmas}
+
+    def denoise(self, block, labels, where):
+        """Denoise one item (2 or 3 space axes, maybe a channel axis)."""
+        flat = labels.find("Z") if "Z" in labels and block.shape[labels.find("Z")] == 1 else -1
+        if flat >= 0:  # a single slice is an image
+            block, labels = np.take(block, 0, axis=flat), labels.replace("Z", "")
+        channel = next((i for i, a in enumerate(labels) if a in "CS"), None)
+        if channel is not None:
+            where += f" ({block.shape[channel]} channels)"
+        self.say(f"denoising {self.name}{where}")
+        out = korvo(block, **self.noise(block, channel, where), profile=self.profile,
+                    channel_axis=channel, stages=self.args.stages,
+                    progress=not self.args.quiet)
+        if flat >= 0:
+            out = np.expand_dims(out, flat)
+        return _cast(out, self.dtype)
+
+
+def _cast(result, dtype):
+    """The result in the output type: integers rounded and clipped to their range."""
+    if dtype == result.dtype:
+        return result
+    if dtype.kind in "iu":
+        info = np.iinfo(dtype)
+        return np.clip(np.rint(result), info.min, info.max).astype(dtype)
+    return result.astype(dtype)
+
+
+def _denoise(args):
+    from .io import check_output, read_volume, write_volume
+
+    check_output(args.output, source=args.input, force=args.force)
+    run = _Run(args, args.input)
     started = time.monotonic()
-    results = []
-    for index, volume in enumerate(volumes):
-        level = noise
-        if level is None:
-            level = estimate_sigma(volume)
-            if not quiet:
-                print(f"estimated noise sigma: {level:.6g}", file=sys.stderr)
-        if not quiet and len(volumes) > 1:
-            print(f"volume {index + 1}/{len(volumes)}", file=sys.stderr)
-        results.append(korvo(volume, level, profile, stages=args.stages, progress=not quiet))
-    out = results[0] if data.ndim < 4 else np.stack(results)
-    write_volume(args.output, out, context)
-    if not quiet:
-        print(f"wrote {args.output} ({'x'.join(map(str, out.shape))}, {how}, "
-              f"{time.monotonic() - started:.1f} s)", file=sys.stderr)
+    data, context = read_volume(args.input)
+    axes = context["axes"]
+    series, rest = _layout(axes, data.shape, args.input)
+    order = series + rest
+    data_t = np.transpose(data, order)
+    labels = "".join(axes[i] for i in rest)
+    run.dtype = data.dtype if args.dtype == "keep" else np.dtype(np.float32)
+    count = int(np.prod(data_t.shape[:len(series)]))
+    run.say(f"{args.input}: {_describe(axes, data.shape)}"
+            + (f"; {count} items along {''.join(axes[i] for i in series)}" if series else ""))
+
+    def results():
+        for number, (index, block) in enumerate(_items(data_t, series), start=1):
+            where = f" item {number}/{count} {index}" if series else ""
+            yield run.denoise(block, labels, where)
+
+    if order == sorted(order):  # series lead in the file: written item by item
+        write_volume(args.output, results(), context, shape=data.shape, dtype=run.dtype)
+    else:
+        out = np.empty(data_t.shape, run.dtype)
+        flat = out.reshape((-1,) + data_t.shape[len(series):])
+        for number, result in enumerate(results()):
+            flat[number] = result
+        write_volume(args.output, np.transpose(out, np.argsort(order)), context)
+    how = ("PSD from " + args.psd if args.psd else
+           f"sigma {args.sigma:g}" if args.sigma is not None else "estimated sigma")
+    run.say(f"wrote {args.output} ({'x'.join(map(str, data.shape))} {run.dtype}, {how}, "
+            f"{time.monotonic() - started:.1f} s)")
     return 0
 
 
 def _estimate(args):
     from .io import read_volume
 
-    data, _ = read_volume(args.input)
-    volumes = [data] if data.ndim < 4 else list(data)
-    for volume in volumes:
-        print(f"{estimate_sigma(volume):.6g}")
+    data, context = read_volume(args.input)
+    axes = context["axes"]
+    series, rest = _layout(axes, data.shape, args.input)
+    data_t = np.transpose(data, series + rest)
+    labels = "".join(axes[i] for i in rest)
+    channel = next((i for i, a in enumerate(labels) if a in "CS"), None)
+    for _, block in _items(data_t, series):
+        for part in _channels(block, channel):
+            print(f"{estimate_sigma(np.squeeze(part)):.6g}")
     return 0
+
+
+# ----------------------------------------------------------------------------
+# Demo
 
 
 def _psnr(estimate, clean):
@@ -105,19 +214,24 @@ def _psnr(estimate, clean):
     return 10.0 * np.log10(peak * peak / mse)
 
 
-def _panels(noisy, denoised, sigma):
-    """Middle slices (one row per axis of a volume): noisy, denoised, difference."""
+def _cuts(array):
+    """Middle slices: one per axis of a volume, the image itself for an image."""
+    if array.ndim == 2:
+        return [("image", array)]
+    names = ("z", "y", "x")
+    return [(f"{names[a]} = {n // 2}", np.take(array, n // 2, axis=a))
+            for a, n in enumerate(array.shape)]
+
+
+def _grey_panels(noisy, denoised, sigma):
+    """The figure without matplotlib: rows of noisy, denoised, difference, in grey."""
     def grey(a):
         return np.clip(a * 255.0, 0, 255)
 
     def diff(a):
         return np.clip(127.5 + a * (127.5 / (3.0 * sigma)), 0, 255)
 
-    if noisy.ndim == 2:
-        cuts = [(noisy, denoised)]
-    else:
-        cuts = [(np.take(noisy, n // 2, axis=a), np.take(denoised, n // 2, axis=a))
-                for a, n in enumerate(noisy.shape)]
+    cuts = [(a, b) for (_, a), (_, b) in zip(_cuts(noisy), _cuts(denoised))]
     height = max(c[0].shape[0] for c in cuts)
     width = max(c[0].shape[1] for c in cuts)
     gap = 4
@@ -134,6 +248,41 @@ def _panels(noisy, denoised, sigma):
     return np.repeat(np.repeat(picture, zoom, axis=0), zoom, axis=1)
 
 
+def _figure(path, clean, noisy, denoised, sigma):
+    """Draw the demo figure with matplotlib; False when it is not installed."""
+    try:
+        from matplotlib.backends.backend_agg import FigureCanvasAgg
+        from matplotlib.figure import Figure
+    except ImportError:
+        return False
+    rows = list(zip(_cuts(noisy), _cuts(denoised)))
+    low, high = float(clean.min()), float(clean.max())
+    span = 3.0 * sigma
+    figure = Figure(figsize=(10.5, 3.3 * len(rows) + 0.4), layout="constrained")
+    FigureCanvasAgg(figure)
+    axes = figure.subplots(len(rows), 3, squeeze=False)
+    titles = (f"noisy  (PSNR {_psnr(noisy, clean):.2f} dB)",
+              f"denoised  (PSNR {_psnr(denoised, clean):.2f} dB)",
+              "difference")
+    for row, ((where, a), (_, b)) in zip(axes, rows):
+        for ax, panel, title in zip(row, (a, b, a - b), titles):
+            image = ax.imshow(panel, cmap="gray", vmin=low, vmax=high, interpolation="nearest")
+            if ax is row[2]:
+                image.set(cmap="RdBu_r", clim=(-span, span))
+            if ax in axes[0]:  # column titles once
+                ax.set_title(title, fontsize=11)
+            ax.set_xticks([])
+            ax.set_yticks([])
+        row[0].set_ylabel(f"middle slice {where}" if noisy.ndim == 3 else where, fontsize=11)
+        bar = figure.colorbar(image, ax=row[2], shrink=0.85)
+        bar.set_label("noisy - denoised (data units)")
+    figure.suptitle(f"korvo: phantom {'x'.join(map(str, noisy.shape))}, white noise "
+                    f"sigma {sigma:g} (PSNR over the whole {'volume' if noisy.ndim == 3 else 'image'})",
+                    fontsize=12)
+    figure.savefig(path, dpi=100)
+    return True
+
+
 def _demo(args):
     from ._png import write_png
     from .phantom import phantom
@@ -144,48 +293,70 @@ def _demo(args):
     noisy = (clean + args.sigma * rng.standard_normal(clean.shape)).astype(np.float32)
     print(f"phantom {'x'.join(map(str, shape))}, white noise sigma {args.sigma:g}")
     started = time.monotonic()
-    denoised = korvo(noisy, args.sigma, progress=not args.quiet)
+    denoised = korvo(noisy, sigma=args.sigma, progress=not args.quiet)
     seconds = time.monotonic() - started
     print(f"PSNR noisy:    {_psnr(noisy, clean):6.2f} dB")
     print(f"PSNR denoised: {_psnr(denoised, clean):6.2f} dB  ({seconds:.1f} s)")
-    write_png(args.png, _panels(noisy, denoised, args.sigma))
+    if not _figure(args.png, clean, noisy, denoised, args.sigma):
+        write_png(args.png, _grey_panels(noisy, denoised, args.sigma))
+        print("(grey panels: install matplotlib, pip install 'korvo[plot]', for a labelled figure)")
     print(f"wrote {args.png} (middle slices: noisy, denoised, difference)")
     return 0
+
+
+# ----------------------------------------------------------------------------
+# Command line
 
 
 def _parser():
     parser = argparse.ArgumentParser(
         prog="korvo",
         description="Denoise 3-D volumes and 2-D images corrupted by white or coloured noise.")
+    parser.add_argument("--version", action="version", version=f"korvo {__version__}")
+    parser.add_argument("--traceback", action="store_true",
+                        help="show the full traceback of an error (for bug reports)")
     commands = parser.add_subparsers(dest="command", required=True)
 
     d = commands.add_parser(
         "denoise", help="denoise a file (.npy, .nii, .nii.gz, .tif, .tiff)",
         description="Denoise IN and write OUT. Without --sigma or --psd the noise level is "
-                    "estimated. A 4-D input is denoised volume by volume along its first axis "
-                    "(for NIfTI: the time axis).")
+                    "estimated (per item and channel). Axes are taken from the file where it "
+                    "labels them (TIFF): channels (C, or S of RGB) are denoised one by one, a "
+                    "time or other series axis item by item; Z, Y, X are space. Unlabelled "
+                    "arrays: the last two axes are an image, a third from the end z, a fourth "
+                    "a series (NIfTI: the time axis). OUT is written only when complete, never "
+                    "over IN; TIFF calibration (resolution, ImageJ spacing and unit, OME pixel "
+                    "sizes) and axis labels and the NIfTI header are kept.")
     d.add_argument("input", metavar="IN")
     d.add_argument("output", metavar="OUT")
     noise = d.add_mutually_exclusive_group()
     noise.add_argument("--sigma", type=float, help="standard deviation of white noise")
-    noise.add_argument("--psd", metavar="FILE.npy",
-                       help="noise PSD, E|fftn(noise)|^2 over the PSD's own shape")
+    noise.add_argument("--psd", metavar="FILE",
+                       help="noise PSD (.npy, ...), E|fftn(noise)|^2 over the PSD's own shape")
     d.add_argument("--stages", choices=("both", "ht"), default="both",
                    help="both stages (default) or hard thresholding only")
-    d.add_argument("--threads", type=int, help="worker threads (default: all cores)")
+    d.add_argument("--dtype", choices=("float32", "keep"), default="float32",
+                   help="sample type of OUT: float32 (default, nothing lost) or keep IN's "
+                        "(integers rounded and clipped to their range)")
+    d.add_argument("--threads", type=_non_negative,
+                   help="worker threads (default and 0: all cores)")
     d.add_argument("--set", action="append", metavar="NAME=VALUE",
                    help="profile setting, e.g. hard_threshold=2.5, ht.search_window=5,5,3, "
                         "split_block_extraction=false,false,true (repeatable)")
+    d.add_argument("-f", "--force", action="store_true", help="replace an existing OUT")
     d.add_argument("-q", "--quiet", action="store_true", help="no progress output")
     d.set_defaults(run=_denoise)
 
-    e = commands.add_parser("estimate", help="print the estimated noise sigma of a file")
+    e = commands.add_parser("estimate", help="print the estimated noise sigma of a file",
+                            description="Print the estimated noise sigma of IN, one line per "
+                                        "item and channel.")
     e.add_argument("input", metavar="IN")
     e.set_defaults(run=_estimate)
 
     m = commands.add_parser("demo", help="denoise a synthetic phantom and write a PNG",
                             description="Denoise a synthetic phantom, print the PSNR before "
-                                        "and after, write the middle slices as a PNG.")
+                                        "and after, draw the middle slices as a PNG "
+                                        "(labelled with matplotlib, else grey panels).")
     m.add_argument("--shape", type=int, nargs="+", default=[64, 64, 64],
                    help="phantom shape, 2 or 3 extents (default 64 64 64)")
     m.add_argument("--sigma", type=float, default=0.1, help="noise sigma (default 0.1)")
@@ -196,6 +367,11 @@ def _parser():
     return parser
 
 
+def _one_line(exc):
+    text = " ".join(str(exc).split())
+    return text or type(exc).__name__
+
+
 def main(argv=None):
     parser = _parser()
     args = parser.parse_args(argv)
@@ -204,9 +380,17 @@ def main(argv=None):
     except KeyboardInterrupt:
         print("\nkorvo: interrupted", file=sys.stderr)
         return 130
-    except (ValueError, TypeError, OSError, ImportError, MemoryError) as exc:
-        print(f"korvo: error: {exc}", file=sys.stderr)
+    except _USER_ERRORS as exc:
+        if args.traceback:
+            raise
+        print(f"korvo: error: {_one_line(exc)}", file=sys.stderr)
         return 2
+    except Exception as exc:
+        if args.traceback:
+            raise
+        print(f"korvo: internal error: {type(exc).__name__}: {_one_line(exc)} "
+              f"(--traceback shows where)", file=sys.stderr)
+        return 1
 
 
 if __name__ == "__main__":

@@ -1,5 +1,6 @@
 """The korvo command: a round trip per file format, the noise options, the demo."""
 
+import os
 import shutil
 import signal
 import subprocess
@@ -18,6 +19,12 @@ FAST = ["--set", "ht.search_window=3,3,2", "--set", "wiener.search_window=3,3,2"
         "-q"]
 
 
+def fast():
+    profile = korvo.KORVOProfile(num_threads=1)
+    profile.ht.search_window = profile.wiener.search_window = (3, 3, 2)
+    return profile
+
+
 @pytest.fixture(scope="module")
 def noisy_volume():
     rng = np.random.default_rng(3)
@@ -34,58 +41,186 @@ def test_npy_round_trip_sigma_psd_and_estimate(tmp_path, noisy_volume):
     outputs = {}
     for name, extra in (("sigma", ["--sigma", "0.1"]), ("psd", ["--psd", str(psd_file)]),
                         ("estimated", [])):
-        out = tmp_path / f"{name}.npy"
+        out = tmp_path / f"out-{name}.npy"
         assert cli.main(["denoise", str(source), str(out)] + extra + FAST) == 0
         outputs[name] = np.load(out)
         assert outputs[name].shape == noisy.shape and outputs[name].dtype == np.float32
         assert psnr(outputs[name], clean) > psnr(noisy, clean) + 4
     np.testing.assert_allclose(outputs["psd"], outputs["sigma"], atol=2e-4)
-    profile = korvo.KORVOProfile(num_threads=1)
-    profile.ht.search_window = profile.wiener.search_window = (3, 3, 2)
-    np.testing.assert_allclose(outputs["sigma"], korvo.korvo(noisy, 0.1, profile), atol=1e-4)
+    np.testing.assert_allclose(outputs["sigma"], korvo.korvo(noisy, sigma=0.1, profile=fast()),
+                               atol=1e-4)
 
 
-def test_nifti_round_trip_keeps_orientation_and_header(tmp_path, noisy_volume):
+def test_nifti_keeps_orientation_and_header_and_loops_over_time(tmp_path, noisy_volume):
     nib = pytest.importorskip("nibabel")
     clean, noisy = noisy_volume
     affine = np.diag([0.5, 0.7, 2.0, 1.0])
-    for suffix in (".nii", ".nii.gz"):
-        source = tmp_path / f"in{suffix}"
-        nib.save(nib.Nifti1Image(noisy.T, affine), source)
-        out = tmp_path / f"out{suffix}"
+    series = np.stack([noisy, noisy[:, ::-1]])  # (t, z, y, x)
+    for name, data in (("in.nii", noisy), ("in.nii.gz", noisy), ("series.nii.gz", series)):
+        source, out = tmp_path / name, tmp_path / f"out-{name}"
+        nib.save(nib.Nifti1Image(data.T, affine), source)
         assert cli.main(["denoise", str(source), str(out), "--sigma", "0.1"] + FAST) == 0
         image = nib.load(out)
         np.testing.assert_allclose(image.affine, affine, rtol=1e-6)
         result = np.asarray(image.dataobj).T  # back to (slices, rows, columns)
-        assert result.shape == noisy.shape
-        assert psnr(result, clean) > psnr(noisy, clean) + 5
+        assert result.shape == data.shape
+        for volume, denoised in zip(data.reshape((-1,) + noisy.shape), result.reshape(
+                (-1,) + noisy.shape)):
+            np.testing.assert_allclose(denoised, korvo.korvo(volume, sigma=0.1, profile=fast()),
+                                       atol=1e-4)
 
 
-def test_nifti_4d_is_denoised_per_volume(tmp_path, noisy_volume):
-    nib = pytest.importorskip("nibabel")
-    _, noisy = noisy_volume
-    series = np.stack([noisy, noisy[:, ::-1]])  # (t, z, y, x)
-    source, out = tmp_path / "series.nii.gz", tmp_path / "out.nii.gz"
-    nib.save(nib.Nifti1Image(series.T, np.eye(4)), source)
-    assert cli.main(["denoise", str(source), str(out), "--sigma", "0.1"] + FAST) == 0
-    result = np.asarray(nib.load(out).dataobj).T
-    assert result.shape == series.shape
-    profile = korvo.KORVOProfile(num_threads=1)
-    profile.ht.search_window = profile.wiener.search_window = (3, 3, 2)
-    for volume, denoised in zip(series, result):
-        np.testing.assert_allclose(denoised, korvo.korvo(volume, 0.1, profile), atol=1e-4)
+def _per_channel(data, axes):
+    """Reference: every item and channel denoised on its own."""
+    spatial = "".join(a for a in axes if a in "ZYX")
+    others = [a for a in axes if a not in "ZYX"]
+    moved = np.moveaxis(data, [axes.index(a) for a in others], range(len(others)))
+    out = np.empty(moved.shape, np.float32)
+    for index in np.ndindex(*moved.shape[:len(others)]):
+        out[index] = korvo.korvo(moved[index], sigma=0.1, profile=fast())
+    assert len(spatial) in (2, 3)
+    return np.moveaxis(out, range(len(others)), [axes.index(a) for a in others])
 
 
-def test_tiff_round_trip(tmp_path, noisy_volume):
+TIFF_CASES = [  # name, axes, shape, writer options, metadata expected back
+    ("plain", "ZYX", (12, 24, 28), dict(resolution=(4.0, 5.0), resolutionunit="CENTIMETER"),
+     dict(resolution=(4.0, 5.0))),
+    ("imagej-channels", "ZCYX", (12, 2, 24, 28),
+     dict(imagej=True, resolution=(2.0, 2.0), metadata={"axes": "ZCYX", "spacing": 1.5,
+                                                        "unit": "um"}),
+     dict(resolution=(2.0, 2.0), spacing=1.5, unit="um")),
+    ("imagej-time", "TZCYX", (2, 12, 2, 24, 28),
+     dict(imagej=True, metadata={"axes": "TZCYX", "spacing": 3.0, "unit": "um",
+                                 "finterval": 2.0}),
+     dict(spacing=3.0, finterval=2.0)),
+    ("ome", "CZYX", (2, 12, 24, 28),
+     dict(ome=True, metadata={"axes": "CZYX", "PhysicalSizeX": 0.25, "PhysicalSizeY": 0.25,
+                              "PhysicalSizeZ": 1.25}),
+     dict(PhysicalSizeX=0.25, PhysicalSizeZ=1.25)),
+    ("rgb", "YXS", (40, 44, 3), dict(photometric="rgb"), {}),
+]
+
+
+@pytest.mark.parametrize("name, axes, shape, options, expected", TIFF_CASES,
+                         ids=[c[0] for c in TIFF_CASES])
+def test_tiff_axes_and_calibration_are_kept(tmp_path, name, axes, shape, options, expected):
     tifffile = pytest.importorskip("tifffile")
-    clean, noisy = noisy_volume
-    for suffix in (".tif", ".tiff"):
-        source, out = tmp_path / f"in{suffix}", tmp_path / f"out{suffix}"
-        tifffile.imwrite(source, noisy)
-        assert cli.main(["denoise", str(source), str(out), "--sigma", "0.1"] + FAST) == 0
-        result = tifffile.imread(out)
-        assert result.shape == noisy.shape
-        assert psnr(result, clean) > psnr(noisy, clean) + 5
+    rng = np.random.default_rng(7)
+    noisy = (0.5 + 0.1 * rng.standard_normal(shape)).astype(np.float32)
+    source, out = tmp_path / "in.tif", tmp_path / "out.tiff"
+    tifffile.imwrite(source, noisy, **options)
+    assert cli.main(["denoise", str(source), str(out), "--sigma", "0.1"] + FAST) == 0
+    with tifffile.TiffFile(out) as tif:
+        assert tif.series[0].axes == axes
+        result = tif.series[0].asarray()
+        found = dict(tif.imagej_metadata or {})
+        if tif.is_ome:
+            found.update(korvo.io._ome_sizes(tif.ome_metadata))
+        tags = tif.pages[0].tags
+        found["resolution"] = tuple(korvo.io._rational(tags[n].value)
+                                    for n in ("XResolution", "YResolution"))
+    for key, value in expected.items():
+        assert found[key] == pytest.approx(value), key
+    np.testing.assert_allclose(result, _per_channel(noisy, axes), atol=1e-4)
+
+
+def _names(folder):
+    return sorted(p.name for p in folder.iterdir())
+
+
+def test_output_is_checked_first_and_written_whole(tmp_path, noisy_volume, monkeypatch, capsys):
+    _, noisy = noisy_volume
+    source = tmp_path / "in.npy"
+    np.save(source, noisy)
+    (tmp_path / "sub").mkdir()
+    os.link(source, tmp_path / "sub" / "hard.npy")
+    os.symlink(source, tmp_path / "link.npy")
+    existing = tmp_path / "old.npy"
+    np.save(existing, np.zeros(3))
+
+    def never(*args, **kwargs):
+        raise AssertionError("denoised although the output is refused")
+
+    monkeypatch.setattr(cli, "korvo", never)
+    refused = [  # output, extra options, words of the message
+        ("o.png", [], ".npy"),
+        ("missing/o.npy", [], "does not exist"),
+        ("sub/hard.npy", ["--force"], "input file itself"),
+        ("link.npy", ["--force"], "input file itself"),
+        ("sub/../in.npy", ["--force"], "input file itself"),
+        ("old.npy", [], "--force"),
+    ]
+    for output, extra, words in refused:
+        assert cli.main(["denoise", str(source), str(tmp_path / output), "--sigma", "1"]
+                        + extra) == 2, output
+        assert words in capsys.readouterr().err, output
+    np.testing.assert_array_equal(np.load(source), noisy)
+
+    before = _names(tmp_path)
+    for error, code in ((KeyboardInterrupt(), 130), (OSError(28, "No space left on device"), 2)):
+        def failing(*args, **kwargs):
+            raise error
+        monkeypatch.setattr(cli, "korvo", failing)
+        assert cli.main(["denoise", str(source), str(existing), "--sigma", "1", "-f"]) == code
+        np.testing.assert_array_equal(np.load(existing), np.zeros(3))  # the old file survives
+        assert _names(tmp_path) == before  # and no temporary is left
+    monkeypatch.setattr(cli, "korvo", lambda z, **kw: np.asarray(z, np.float32) + 1)
+    assert cli.main(["denoise", str(source), str(existing), "--sigma", "1", "-f", "-q"]) == 0
+    np.testing.assert_array_equal(np.load(existing), noisy + 1)
+    assert _names(tmp_path) == before
+
+
+def test_dtype_keep_rounds_and_clips(tmp_path, monkeypatch):
+    calls = []
+
+    def shifted(z, **kwargs):
+        calls.append(kwargs)
+        return np.asarray(z, np.float32) + np.float32(0.6)
+
+    monkeypatch.setattr(cli, "korvo", shifted)
+    ramp = np.arange(8 * 8 * 8).reshape(8, 8, 8) % 256
+    for dtype, option, expected in (
+            (np.uint8, "keep", np.clip(np.rint(ramp + 0.6), 0, 255).astype(np.uint8)),
+            (np.int16, "float32", (ramp + 0.6).astype(np.float32)),
+            (np.float64, "keep", (ramp.astype(np.float32) + np.float32(0.6)).astype(np.float64))):
+        source, out = tmp_path / "in.npy", tmp_path / f"out-{option}.npy"
+        np.save(source, ramp.astype(dtype))
+        assert cli.main(["denoise", str(source), str(out), "--sigma", "1", "--dtype", option,
+                         "-q", "-f", "--threads", "0"]) == 0
+        result = np.load(out)
+        assert result.dtype == expected.dtype
+        np.testing.assert_array_equal(result, expected)
+    assert all(c["profile"].num_threads is None for c in calls)  # 0: every core
+
+
+def test_user_errors_are_one_line(tmp_path, capsys):
+    source, empty, flat = tmp_path / "in.npy", tmp_path / "empty.npy", tmp_path / "flat.npy"
+    np.save(source, np.full((8, 16, 16), np.nan))
+    empty.write_bytes(b"")
+    np.save(flat, np.ones((8, 16, 16)))
+    out = str(tmp_path / "o.npy")
+    cases = [  # arguments, words of the message
+        ([str(source), out, "--sigma", "1"], "NaN"),
+        ([str(flat), out, "--set", "wiener.ht.max_group_size=4"], "wiener.ht.max_group_size"),
+        ([str(flat), out, "--set", "ht=4"], "ht.step"),
+        ([str(flat), out, "--set", "bogus=1"], "bogus"),
+        ([str(flat), out, "--set", "hard_threshold=abc"], "hard_threshold"),
+        ([str(flat), out, "--set", "hard_threshold=1e400"], "hard_threshold"),
+        ([str(flat), out, "--set", "hard_threshold"], "name=value"),
+        ([str(empty), out], "empty.npy"),
+        ([str(flat), out], "estimated as 0"),
+        ([str(tmp_path / "missing.npy"), out], "missing.npy"),
+    ]
+    for arguments, words in cases:
+        assert cli.main(["denoise", "-q"] + arguments) == 2, arguments
+        err = capsys.readouterr().err
+        assert words in err and len(err.strip().splitlines()) == 1, (arguments, err)
+    assert not os.path.exists(out)
+    for arguments in (["denoise", "a.npy", "b.npy", "--threads", "-1"], ["--version"]):
+        with pytest.raises(SystemExit) as stop:
+            cli.main(arguments)
+        assert stop.value.code == (0 if arguments == ["--version"] else 2)
+    assert capsys.readouterr().out.strip() == f"korvo {korvo.__version__}"
 
 
 def test_2d_image_and_estimate_command(tmp_path, capsys):
@@ -99,28 +234,23 @@ def test_2d_image_and_estimate_command(tmp_path, capsys):
     assert float(capsys.readouterr().out) == pytest.approx(0.05, rel=0.3)
 
 
-def test_errors_exit_with_a_message(tmp_path, capsys):
-    source = tmp_path / "in.npy"
-    np.save(source, np.full((8, 16, 16), np.nan))
-    assert cli.main(["denoise", str(source), str(tmp_path / "o.npy"), "--sigma", "1"]) == 2
-    assert "NaN" in capsys.readouterr().err
-    assert cli.main(["denoise", str(source), str(tmp_path / "o.png"), "--sigma", "1"]) == 2
-    assert cli.main(["denoise", str(source), str(tmp_path / "o.npy"), "--set",
-                     "hard_threshold=-1"]) == 2
-    assert cli.main(["denoise", str(source), str(tmp_path / "o.npy"), "--set", "bogus=1"]) == 2
-    assert cli.main(["denoise", str(tmp_path / "missing.npy"), str(tmp_path / "o.npy")]) == 2
-
-
 def test_demo_prints_psnr_and_writes_png(tmp_path):
     png = tmp_path / "demo.png"
     run = subprocess.run([sys.executable, "-m", "korvo", "demo", "--shape", "16", "32", "32",
-                          "--png", str(png)], capture_output=True, text=True, timeout=120)
+                          "--png", str(png)], capture_output=True, text=True, timeout=300)
     assert run.returncode == 0, run.stderr
     lines = {line.split(":")[0]: line for line in run.stdout.splitlines()}
     before = float(lines["PSNR noisy"].split()[2])
     after = float(lines["PSNR denoised"].split()[2])
     assert after > before + 5
     assert "korvo Wiener" in run.stderr  # progress is on in the command line
+    assert png.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
+
+
+def test_demo_figure_without_matplotlib(tmp_path, monkeypatch):
+    monkeypatch.setitem(sys.modules, "matplotlib.figure", None)  # import fails
+    png = tmp_path / "grey.png"
+    assert cli.main(["demo", "--shape", "16", "32", "32", "--png", str(png), "-q"]) == 0
     picture = read_png(png)
     side = 3 * 32 + 2 * 4  # three 32x32 panels a row, three rows, 4-pixel gaps
     assert picture.shape[0] == picture.shape[1] and picture.shape[0] % side == 0
@@ -129,16 +259,23 @@ def test_demo_prints_psnr_and_writes_png(tmp_path):
 
 @pytest.mark.skipif(not hasattr(signal, "SIGINT") or sys.platform == "win32", reason="POSIX")
 def test_ctrl_c_ends_the_command(tmp_path):
-    process = subprocess.Popen([sys.executable, "-m", "korvo", "demo", "--shape", "64", "128", "128",
-                                "--png", str(tmp_path / "x.png")],
+    source, out = tmp_path / "in.npy", tmp_path / "out.npy"
+    np.save(source, korvo.phantom((64, 128, 128)))
+    process = subprocess.Popen([sys.executable, "-m", "korvo", "denoise", str(source), str(out),
+                                "--sigma", "0.1"],
                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    time.sleep(2.5)  # start-up, phantom, then well into the first stage
+    # Wait until the run has begun, so the signal lands mid-run rather than at start-up.
+    started = time.monotonic()
+    while time.monotonic() - started < 120:
+        line = process.stderr.readline()
+        if line.startswith("denoising") or not line:
+            break
+    time.sleep(1.0)
     process.send_signal(signal.SIGINT)
-    sent = time.monotonic()
-    _, err = process.communicate(timeout=30)
-    assert time.monotonic() - sent < 2.0
+    _, err = process.communicate(timeout=60)  # a hang guard, not a speed test
     assert process.returncode == 130, err
-    assert "interrupted" in err
+    assert "interrupted" in err and "Traceback" not in err
+    assert _names(tmp_path) == ["in.npy"]  # no output, no temporary
 
 
 @pytest.mark.skipif(shutil.which("korvo") is None, reason="package not installed")
