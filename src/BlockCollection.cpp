@@ -54,16 +54,22 @@ T* BlockCollection<T>::allocate(long blockCount, long blockElements, long& total
 }
 
 template <typename T>
+long long BlockCollection<T>::bandBlockCount(const Vec3<int>& imageSize, const Vec3<int>& blockSize,
+                                             const Vec3<int>& band) {
+    // One position beyond the band on each side, at most every position of the image.
+    auto positions = [](int window, int image, int block) {
+        return std::min(2LL * window + 2, static_cast<long long>(image) - block) + 1;
+    };
+    return positions(band.x, imageSize.x, blockSize.x) * positions(band.y, imageSize.y, blockSize.y) *
+           positions(band.z, imageSize.z, blockSize.z);
+}
+
+template <typename T>
 T* BlockCollection<T>::allocate(const Vec3<int>& imageSize, const Vec3<int>& blockSize,
                                 const Vec3<int>& searchWindow) {
     KORVO_ASSERT(blockSize.x <= imageSize.x && blockSize.y <= imageSize.y &&
                  blockSize.z <= imageSize.z);
-    auto positions = [](int window, int image, int block) {
-        return std::min(2 * window + 2, image - block) + 1;
-    };
-    const int blockCount = positions(searchWindow.x, imageSize.x, blockSize.x) *
-                           positions(searchWindow.y, imageSize.y, blockSize.y) *
-                           positions(searchWindow.z, imageSize.z, blockSize.z);
+    const int blockCount = static_cast<int>(bandBlockCount(imageSize, blockSize, searchWindow));
     KORVO_ASSERT(blockCount > 0);
     long total = 0;
     return allocate(blockCount, static_cast<long>(blockSize.x) * blockSize.y * blockSize.z, total);

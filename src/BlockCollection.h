@@ -57,6 +57,10 @@ public:
     // Sizes the buffer for blockCount slots (reusing the old one); null and a
     // message on the error stream on failure.
     T* allocate(long blockCount, long blockElements, long& totalElements);
+    // Slots of the largest band of half extents `band` around any position
+    // (the whole image on an axis where the band covers it).
+    static long long bandBlockCount(const Vec3<int>& imageSize, const Vec3<int>& blockSize,
+                                    const Vec3<int>& band);
     // Sizes the buffer for the largest band a worker can need.
     T* allocate(const Vec3<int>& imageSize, const Vec3<int>& blockSize,
                 const Vec3<int>& searchWindow);

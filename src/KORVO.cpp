@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <system_error>
+#include <thread>
 
 #include "BlockCollection.h"
 #include "korvo/Threading.h"
@@ -26,6 +28,76 @@ std::atomic<StageMonitor*> activeMonitor{nullptr};
 }
 void setStageMonitor(StageMonitor* monitor) { activeMonitor.store(monitor); }
 StageMonitor* stageMonitor() { return activeMonitor.load(); }
+
+void normaliseAxisArrays(Parameters& params) {
+    int* lengths[3] = {&params.axisArrayLength.x, &params.axisArrayLength.y, &params.axisArrayLength.z};
+    const float** arrays[3] = {&params.axisArrays.x, &params.axisArrays.y, &params.axisArrays.z};
+    for (int a = 0; a < 3; ++a) {
+        if (*lengths[a] < 2) {
+            *lengths[a] = 1;
+            *arrays[a] = ZERO;
+        }
+    }
+}
+
+int poolThreadCount(int requested) {
+    return requested >= 1 ? requested : static_cast<int>(std::thread::hardware_concurrency());
+}
+
+ReferenceGrid::ReferenceGrid(const Parameters& p) {
+    last = {std::max(p.imageSize.x - p.blockSize.x, 0), std::max(p.imageSize.y - p.blockSize.y, 0),
+            std::max(p.imageSize.z - p.blockSize.z, 0)};
+    auto ceilCount = [](int extent, int step) { return (extent + step + step - 1) / step; };
+    counts = {ceilCount(p.imageSize.x, p.step.x), ceilCount(p.imageSize.y, p.step.y),
+              ceilCount(p.imageSize.z, p.step.z)};
+    sliceAxis = p.imageSize.z >= 2 ? 2 : 1;
+}
+
+int ReferenceGrid::slices() const { return sliceAxis == 2 ? counts.z : counts.y; }
+int ReferenceGrid::perSlice() const { return sliceAxis == 2 ? counts.x * counts.y : counts.x; }
+
+Vec3<int> ReferenceGrid::raw(const Vec3<int>& step, int k, int j, int i) const {
+    if (sliceAxis == 2) return {i * step.x, j * step.y, k * step.z};
+    return {i * step.x, k * step.y, 0};
+}
+
+// Offsets from the per-axis arrays, each indexed by the step index of another
+// axis; then the skip test and the clamp that makes the last position visited.
+bool referencePosition(const Parameters& p, const ReferenceGrid& grid, const Vec3<int>& raw,
+                       Vec3<int>& position) {
+    const Vec3<int>& s = p.step;
+    const Vec3<int>& n = p.axisArrayLength;
+    const Vec3<const float*>& a = p.axisArrays;
+    int x = static_cast<int>(static_cast<float>(raw.x) - a.x[(raw.z / s.z) % n.x]);
+    int y = static_cast<int>(static_cast<float>(raw.y) - a.y[(raw.x / s.x) % n.y]);
+    int z = static_cast<int>(static_cast<float>(raw.z) - a.z[(raw.y / s.y) % n.z]);
+    x = std::max(x, 0);
+    y = std::max(y, 0);
+    z = std::max(z, 0);
+    if (x >= grid.last.x + s.x || y >= grid.last.y + s.y || z >= grid.last.z + s.z) return false;
+    position = {std::min(x, grid.last.x), std::min(y, grid.last.y), std::min(z, grid.last.z)};
+    return true;
+}
+
+long long reportedStorageRows(const Parameters& params) {
+    const ReferenceGrid grid(params);
+    const int axis = grid.sliceAxis;
+    const long long extent = axis == 2 ? params.imageSize.z : params.imageSize.y;
+    const long long step = axis == 2 ? params.step.z : params.step.y;
+    return (extent / step + 1) * grid.perSlice();
+}
+
+// A split axis keeps the search window plus a margin, a whole axis keeps the image.
+CollectionBands collectionBands(const Parameters& params) {
+    const Vec3<int>& sw = params.searchWindow;
+    const Vec3<int>& size = params.imageSize;
+    const Vec3<int> band{params.splitBlockExtraction[0] ? sw.x : size.x,
+                         params.splitBlockExtraction[1] ? sw.y : size.y,
+                         params.splitBlockExtraction[2] ? sw.z : size.z};
+    const bool whole = 2LL * band.x + 1 >= size.x && 2LL * band.y + 1 >= size.y &&
+                       2LL * band.z + 1 >= size.z;
+    return {band, whole};
+}
 }  // namespace korvo_detail
 
 // Extract afresh, slide, or nothing, by which axes of the band are narrower than
@@ -143,43 +215,6 @@ struct StageResources {
     }
 };
 
-// Reference grid of one stage: positions per axis and the enumeration that
-// numbers them (the row of the match storage).
-struct ReferenceGrid {
-    Vec3<int> last;
-    Vec3<int> counts;  // positions per axis, ceil((extent + step) / step)
-    int sliceAxis;
-
-    explicit ReferenceGrid(const Parameters& p) {
-        last = {std::max(p.imageSize.x - p.blockSize.x, 0), std::max(p.imageSize.y - p.blockSize.y, 0),
-                std::max(p.imageSize.z - p.blockSize.z, 0)};
-        auto ceilCount = [](int extent, int step) { return (extent + step + step - 1) / step; };
-        counts = {ceilCount(p.imageSize.x, p.step.x), ceilCount(p.imageSize.y, p.step.y),
-                  ceilCount(p.imageSize.z, p.step.z)};
-        sliceAxis = p.imageSize.z >= 2 ? 2 : 1;
-    }
-    int slices() const { return component(counts, sliceAxis); }
-    int perSlice() const { return sliceAxis == 2 ? counts.x * counts.y : counts.x; }
-};
-
-// Offsets from the per-axis arrays, each indexed by the step index of another
-// axis; then the skip test and the clamp that makes the last position visited.
-bool referencePosition(const Parameters& p, const ReferenceGrid& grid, const Vec3<int>& raw,
-                       Vec3<int>& position) {
-    const Vec3<int>& s = p.step;
-    const Vec3<int>& n = p.axisArrayLength;
-    const Vec3<const float*>& a = p.axisArrays;
-    int x = static_cast<int>(static_cast<float>(raw.x) - a.x[(raw.z / s.z) % n.x]);
-    int y = static_cast<int>(static_cast<float>(raw.y) - a.y[(raw.x / s.x) % n.y]);
-    int z = static_cast<int>(static_cast<float>(raw.z) - a.z[(raw.y / s.y) % n.z]);
-    x = std::max(x, 0);
-    y = std::max(y, 0);
-    z = std::max(z, 0);
-    if (x >= grid.last.x + s.x || y >= grid.last.y + s.y || z >= grid.last.z + s.z) return false;
-    position = {std::min(x, grid.last.x), std::min(y, grid.last.y), std::min(z, grid.last.z)};
-    return true;
-}
-
 bool backwardsOnNarrowAxis(const Vec3<int>& position, const Vec3<int>& previous,
                            const Vec3<int>& band, const Vec3<int>& imageSize) {
     for (int a = 0; a < 3; ++a) {
@@ -236,11 +271,18 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
                BlockMatchStorage* storage, ImageData<T>* pilot) {
     KORVO_ASSERT(params.step > 0);
     ThreadPool& pool = ThreadPool::THREAD_POOL;
-    pool.launchPool(params.numThreads);
+    // Constructed first: when a thread cannot be started, unwinding joins the
+    // workers that did start (so that the next stage can launch) and frees the
+    // metadata's tables.
     StageResources<T> resources(meta);
+    pool.launchPool(params.numThreads);
 
     Memory<T> mainMemory = allocateMemory<T>(params);
-    TempMemory<T> mainTemp = createTempMemory<T>(params);
+    // The distance-correction table is built from two-block groups, whatever the
+    // largest group of the stage.
+    Parameters pairParams = params;
+    pairParams.maxGroupSize = std::max(params.maxGroupSize, 2);
+    TempMemory<T> mainTemp = createTempMemory<T>(pairParams);
     if (!mainMemory.allocated || !mainTemp.allocated) {
         report("Error: could not allocate working memory");
         return false;
@@ -282,14 +324,11 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
                   0.0f);
     }
 
-    // Bands: a split axis keeps the search window plus a margin, a whole axis
-    // keeps the image. A band that is whole everywhere is filled once and shared.
-    const ReferenceGrid grid(params);
-    const Vec3<int> band{params.splitBlockExtraction[0] ? sw.x : imageSize.x,
-                         params.splitBlockExtraction[1] ? sw.y : imageSize.y,
-                         params.splitBlockExtraction[2] ? sw.z : imageSize.z};
-    const bool wholeBand = 2 * band.x + 1 >= imageSize.x && 2 * band.y + 1 >= imageSize.y &&
-                           2 * band.z + 1 >= imageSize.z;
+    // A band that is whole everywhere is filled once and shared.
+    const korvo_detail::ReferenceGrid grid(params);
+    const korvo_detail::CollectionBands bands = korvo_detail::collectionBands(params);
+    const Vec3<int>& band = bands.halfExtent;
+    const bool wholeBand = bands.whole;
     if (storage != nullptr) storage->rows = 0;
 
     auto sharedNoisy = std::make_shared<BlockCollection<T>>();
@@ -349,8 +388,7 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
             static_cast<int>(std::ceil(static_cast<float>(slices) / static_cast<float>(pool.getNumThreads())));
         const int first = t * perWorker;
         const int end = std::min(first + perWorker, slices);
-        const int axis = grid.sliceAxis;
-        const int rowCount = axis == 2 ? grid.counts.y : 1;
+        const int rowCount = grid.rowsPerSlice();
         bool havePrevious = false;
         Vec3<int> previous{0, 0, 0};
         for (int k = first; k < end; ++k) {
@@ -360,21 +398,17 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
                     return;
                 }
                 for (int i = 0; i < grid.counts.x; ++i) {
-                    Vec3<int> raw{i * params.step.x, 0, 0};
-                    if (axis == 2) {
-                        raw.y = j * params.step.y;
-                        raw.z = k * params.step.z;
-                    } else {
-                        raw.y = k * params.step.y;
-                    }
                     Vec3<int> position;
-                    if (!referencePosition(params, grid, raw, position)) continue;
+                    if (!korvo_detail::referencePosition(params, grid, grid.raw(params.step, k, j, i),
+                                                         position)) {
+                        continue;
+                    }
                     keepBandAround<stage, T>(position, havePrevious ? previous : position, band, params,
                                    meta, noisy, pilot, moveTransforms, tm.tempMemory, noisyColl,
                                    pilotColl);
                     previous = position;
                     havePrevious = true;
-                    const int referenceIndex = (k * rowCount + j) * grid.counts.x + i;
+                    const int referenceIndex = grid.index(k, j, i);
                     processReferenceLocation<stage, T>(
                         position, params, meta, resources.distanceCorrection, resources.kernel,
                         resources.localVariance, referenceIndex, *noisyColl, output, weights,
@@ -386,9 +420,7 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
     });
 
     if (storage != nullptr) {
-        const int sliceExtent = component(imageSize, grid.sliceAxis);
-        const int sliceStep = component(params.step, grid.sliceAxis);
-        storage->rows = (sliceExtent / sliceStep + 1) * grid.perSlice();
+        storage->rows = static_cast<std::int32_t>(korvo_detail::reportedStorageRows(params));
     }
     if (failed.load()) return false;
 
@@ -400,21 +432,9 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
 }
 
 namespace {
-// Per-axis arrays shorter than two values count as absent.
-void normaliseAxisArrays(Parameters& params) {
-    int* lengths[3] = {&params.axisArrayLength.x, &params.axisArrayLength.y, &params.axisArrayLength.z};
-    const float** arrays[3] = {&params.axisArrays.x, &params.axisArrays.y, &params.axisArrays.z};
-    for (int a = 0; a < 3; ++a) {
-        if (*lengths[a] < 2) {
-            *lengths[a] = 1;
-            *arrays[a] = ZERO;
-        }
-    }
-}
-
 template <StageName stage>
 TransformsMeta<float> stageTransforms(Parameters& params, Transforms<float>* transforms) {
-    normaliseAxisArrays(params);
+    korvo_detail::normaliseAxisArrays(params);
     if (transforms == nullptr || transforms->forward.x == nullptr) {
         const Vec3<int>& b = params.blockSize;
         if (b == Vec3<int>{4, 4, 4}) {
@@ -448,23 +468,50 @@ TransformsMeta<float> stageTransforms(Parameters& params, Transforms<float>* tra
 }  // namespace
 
 namespace korvo_detail {
-bool runStageHT(const float* noisy, const float* psd, Parameters* params,
-                Transforms<float>* transforms, float* output, BlockMatchStorage* storage) {
+namespace {
+// Runs the stage loop and tells its ways out apart: a refused thread start
+// leaves the loop as an exception (the pool is already cleared), a cancel as a
+// false result with the monitor's flag set.
+template <typename Loop>
+StageStatus outcome(const Parameters& params, Loop&& loop) {
+    bool completed = false;
+    try {
+        completed = loop();
+    } catch (const std::system_error&) {
+        std::fprintf(stderr, "Could not start %d threads; lower numThreads\n",
+                     poolThreadCount(params.numThreads));
+        std::fflush(stderr);
+        return StageStatus::ThreadStartFailed;
+    }
+    if (completed) return StageStatus::Completed;
+    StageMonitor* monitor = stageMonitor();
+    return monitor != nullptr && monitor->cancel.load() ? StageStatus::Cancelled
+                                                        : StageStatus::OutOfMemory;
+}
+}  // namespace
+
+StageStatus runStageHT(const float* noisy, const float* psd, Parameters* params,
+                       Transforms<float>* transforms, float* output, BlockMatchStorage* storage) {
     ImageData<float> noisyView(noisy, params->imageSize);
     ImageDataMutable<float> outputView(output, params->imageSize, false);
     const TransformsMeta<float> meta = stageTransforms<HardThresholding>(*params, transforms);
-    return korvoLoop<HardThresholding, float>(noisyView, psd, *params, meta, outputView, storage,
-                                              nullptr);
+    return outcome(*params, [&] {
+        return korvoLoop<HardThresholding, float>(noisyView, psd, *params, meta, outputView, storage,
+                                                  nullptr);
+    });
 }
 
-bool runStageWie(const float* noisy, const float* psd, Parameters* params,
-                 Transforms<float>* transforms, const float* pilot, float* output,
-                 BlockMatchStorage* storage) {
+StageStatus runStageWie(const float* noisy, const float* psd, Parameters* params,
+                        Transforms<float>* transforms, const float* pilot, float* output,
+                        BlockMatchStorage* storage) {
     ImageData<float> noisyView(noisy, params->imageSize);
     ImageData<float> pilotView(pilot, params->imageSize);
     ImageDataMutable<float> outputView(output, params->imageSize, false);
     const TransformsMeta<float> meta = stageTransforms<Wiener>(*params, transforms);
-    return korvoLoop<Wiener, float>(noisyView, psd, *params, meta, outputView, storage, &pilotView);
+    return outcome(*params, [&] {
+        return korvoLoop<Wiener, float>(noisyView, psd, *params, meta, outputView, storage,
+                                        &pilotView);
+    });
 }
 }  // namespace korvo_detail
 

@@ -26,13 +26,61 @@ struct StageMonitor {
 KORVO_API void setStageMonitor(StageMonitor* monitor);
 StageMonitor* stageMonitor();
 
-// The entry points' work, with the stage loop's result passed back (the exported
-// entry points drop it, as their interface prescribes).
-KORVO_API bool runStageHT(const float* noisy, const float* psd, Parameters* params,
-                          Transforms<float>* transforms, float* output, BlockMatchStorage* storage);
-KORVO_API bool runStageWie(const float* noisy, const float* psd, Parameters* params,
-                           Transforms<float>* transforms, const float* pilot, float* output,
-                           BlockMatchStorage* storage);
+// How a stage call ended. Anything but Completed leaves the output partial.
+enum class StageStatus : int {
+    Completed = 0,
+    OutOfMemory = 1,        // a buffer could not be allocated (message on stderr)
+    ThreadStartFailed = 2,  // the pool could not start numThreads threads
+    Cancelled = 3,          // the monitor's cancel flag stopped the stage
+};
+
+// The entry points' work, with the outcome passed back (the exported entry
+// points drop it, as their interface prescribes).
+KORVO_API StageStatus runStageHT(const float* noisy, const float* psd, Parameters* params,
+                                 Transforms<float>* transforms, float* output,
+                                 BlockMatchStorage* storage);
+KORVO_API StageStatus runStageWie(const float* noisy, const float* psd, Parameters* params,
+                                  Transforms<float>* transforms, const float* pilot, float* output,
+                                  BlockMatchStorage* storage);
+
+// Per-axis arrays shorter than two values count as absent: length 1, ZERO.
+void normaliseAxisArrays(Parameters& params);
+
+// Threads a pool launched with `requested` runs (the hardware's when below 1).
+int poolThreadCount(int requested);
+
+// Reference grid of one stage: positions per axis and the enumeration that
+// numbers them (the row of the match storage).
+struct ReferenceGrid {
+    Vec3<int> last;    // last valid block position per axis
+    Vec3<int> counts;  // positions per axis, ceil((extent + step) / step)
+    int sliceAxis;     // z for a volume, y for a single plane
+
+    explicit ReferenceGrid(const Parameters& p);
+    int slices() const;
+    int perSlice() const;
+    int rowsPerSlice() const { return sliceAxis == 2 ? counts.y : 1; }
+    // Raw grid coordinates of slice k, row j, column i.
+    Vec3<int> raw(const Vec3<int>& step, int k, int j, int i) const;
+    int index(int k, int j, int i) const { return (k * rowsPerSlice() + j) * counts.x + i; }
+};
+
+// The reference position of a raw grid point after the per-axis offsets and the
+// clamp to the last position; false when the point is skipped. The record's
+// axis arrays must be normalised.
+bool referencePosition(const Parameters& p, const ReferenceGrid& grid, const Vec3<int>& raw,
+                       Vec3<int>& position);
+
+// Rows a stage reports in BlockMatchStorage::rows after recording.
+long long reportedStorageRows(const Parameters& params);
+
+// Band half extents of the block collections and whether one band covers the
+// whole image (then one collection per image is shared by all workers).
+struct CollectionBands {
+    Vec3<int> halfExtent;
+    bool whole;
+};
+CollectionBands collectionBands(const Parameters& params);
 }  // namespace korvo_detail
 
 template <StageName stage, typename T>

@@ -1,9 +1,11 @@
 #include "korvo/Threading.h"
 
 #include <mutex>
+#include <system_error>
 
 namespace {
 std::mutex jobMutex;  // guards ThreadPool::_jobs
+std::atomic<int> refusedWorker{0};
 
 // Idle threads poll rather than sleep (jobs are picked up at once); the hint
 // lets a sibling hardware thread run meanwhile and saves power.
@@ -35,6 +37,10 @@ void ThreadPool::launchPool(int numThreads) {
     KORVO_ASSERT(numThreads >= 1);
     _numThreads = numThreads;
     for (int i = 1; i < numThreads; ++i) {
+        if (refusedWorker.load() == i && refusedWorker.exchange(0) == i) {
+            throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again),
+                                    "thread constructor failed");
+        }
         _threads.emplace_back(&ThreadPool::workerLoop, this);
     }
 }
@@ -105,3 +111,7 @@ void ThreadPool::clearPool() {
 }
 
 int ThreadPool::getNumThreads() const { return _numThreads; }
+
+namespace korvo_detail {
+void failThreadStartAt(int worker) { refusedWorker.store(worker); }
+}  // namespace korvo_detail

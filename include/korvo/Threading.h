@@ -45,3 +45,10 @@ private:
     std::int32_t _numThreads = 8;
     std::atomic<bool> _running{false};
 };
+
+namespace korvo_detail {
+// Testing aid: the next launchPool that gets that far refuses to start its worker
+// number `worker` (1 for the first) the way a failed thread creation does, once.
+// 0 disarms.
+KORVO_API void failThreadStartAt(int worker);
+}  // namespace korvo_detail
