@@ -98,6 +98,7 @@ TIFF_CASES = [  # name, axes, shape, writer options, metadata expected back
                               "PhysicalSizeZ": 1.25}),
      dict(PhysicalSizeX=0.25, PhysicalSizeZ=1.25)),
     ("rgb", "YXS", (40, 44, 3), dict(photometric="rgb"), {}),
+    ("series-inside", "ZTYX", (12, 2, 24, 28), dict(metadata={"axes": "ZTYX"}), {}),
 ]
 
 
