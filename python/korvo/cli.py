@@ -132,9 +132,10 @@ class _Run:
             block, labels = np.take(block, 0, axis=flat), labels.replace("Z", "")
         channel = next((i for i, a in enumerate(labels) if a in "CS"), None)
         if channel is not None:
-            where += f" ({block.shape[channel]} channels)"
+            where += f", {block.shape[channel]} channels"
+        noise = self.noise(block, channel, where)
         self.say(f"denoising {self.name}{where}")
-        out = korvo(block, **self.noise(block, channel, where), profile=self.profile,
+        out = korvo(block, **noise, profile=self.profile,
                     channel_axis=channel, stages=self.args.stages,
                     progress=not self.args.quiet)
         if flat >= 0:
@@ -171,7 +172,10 @@ def _denoise(args):
 
     def results():
         for number, (index, block) in enumerate(_items(data_t, series), start=1):
-            where = f" item {number}/{count} {index}" if series else ""
+            where = ""
+            if series:
+                at = ", ".join(f"{axes[a]} {i}" for a, i in zip(series, index))
+                where = f" [{at}] ({number}/{count})"
             yield run.denoise(block, labels, where)
 
     if order == sorted(order):  # series lead in the file: written item by item
