@@ -1,8 +1,10 @@
 // Fixed-length forward DFTs (unnormalised) for the noise-variance computation.
-#include "noise/fft.h"
-
+// A kernel unit, compiled once per instruction set.
 #include <exception>
 
+#include "Kernels.h"
+
+namespace KORVO_KERNEL_NS {
 namespace {
 #include "noise/fft_kernels.inc"
 
@@ -10,7 +12,7 @@ namespace {
 static_assert(sizeof(Complex) == sizeof(creal32_T), "Complex and creal32_T must share a layout");
 
 void fft64(const Complex* in, Complex* out) {
-    FFTComplex64(reinterpret_cast<const creal32_T*>(in), reinterpret_cast<creal32_T*>(out));
+    KORVO_KERNEL_NS::FFTComplex64(reinterpret_cast<const creal32_T*>(in), reinterpret_cast<creal32_T*>(out));
 }
 }  // namespace
 
@@ -115,3 +117,4 @@ void FFTComplex64(const creal32_T* in, creal32_T* out) {
         out[j] = x[j];
     }
 }
+}  // namespace KORVO_KERNEL_NS

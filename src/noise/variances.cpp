@@ -1,14 +1,14 @@
 // Noise variance of every coefficient of a group's 4-D spectrum under coloured noise,
 // from the power spectrum of the pattern of block positions of each group basis vector.
-#include "noise/variances.h"
-
+// A kernel unit, compiled once per instruction set.
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 
-#include "noise/fft.h"
+#include "Kernels.h"
 
+namespace KORVO_KERNEL_NS {
 namespace {
 constexpr int kRows = 4;     // group coefficients accumulated together
 constexpr int kLanes = 16;   // block coefficients accumulated together
@@ -62,10 +62,9 @@ void exactVariances(const float* k3fT3, const float* power, long planeStride, lo
 }
 }  // namespace
 
-template <typename T>
 void transformVariancePlane(const Vec3<int>& workSize, const Vec3<int>& keptSize, int m,
                             Cube4D<Complex>& grid, Cube4D<float>& power, const bool* rowMask,
-                            TempMemory<T>& tmp) {
+                            TempMemory<float>& tmp) {
     const int nx = workSize.x;
     const int ny = workSize.y;
     const int nz = workSize.z;
@@ -84,7 +83,7 @@ void transformVariancePlane(const Vec3<int>& workSize, const Vec3<int>& keptSize
                     }
                     const Complex* row = &grid.at(Vec4i{0, y, z, j});
                     std::memcpy(in, row, static_cast<size_t>(nx) * sizeof(Complex));
-                    fftReal(nx, in, out);
+                    KORVO_KERNEL_NS::fftReal(nx, in, out);
                     for (int x = 0; x < nx; ++x) {
                         grid.setCoeff(Vec4i{x, y, z, j}, out[x]);
                     }
@@ -115,7 +114,7 @@ void transformVariancePlane(const Vec3<int>& workSize, const Vec3<int>& keptSize
                     for (int z = 0; z < nz; ++z) {
                         in[z] = grid.at(Vec4i{x, y, z, j});
                     }
-                    fftComplex(nz, in, out);
+                    KORVO_KERNEL_NS::fftComplex(nz, in, out);
                     for (int z = 0; z < nz; ++z) {
                         grid.setCoeff(Vec4i{x, y, z, j}, out[z]);
                     }
@@ -136,7 +135,7 @@ void transformVariancePlane(const Vec3<int>& workSize, const Vec3<int>& keptSize
                     for (int y = 0; y < ny; ++y) {
                         in[y] = grid.at(Vec4i{x, y, z, j});
                     }
-                    fftComplex(ny, in, out);
+                    KORVO_KERNEL_NS::fftComplex(ny, in, out);
                     for (int y = 0; y < ny; ++y) {
                         power.setCoeff(Vec4i{z, y, x, j},
                                        std::fma(out[y].real, out[y].real, out[y].imag * out[y].imag));
@@ -156,11 +155,10 @@ void transformVariancePlane(const Vec3<int>& workSize, const Vec3<int>& keptSize
     }
 }
 
-template <typename T>
 void calculateVariances(int n, const Vec3<int>& blockSize, const Vec3<int>& workSize,
                         const Vec3<int>& keptSize, int m, const float* groupTransform,
                         const float* k3fT3, const float* localVariances, Cube4D<float>& variances,
-                        BlockDistance<float>* matches, TempMemory<T>& tmp) {
+                        BlockDistance<float>* matches, TempMemory<float>& tmp) {
     Cube4D<Complex>& grid = tmp.spectrum;
     Cube4D<float>& power = tmp.halfSpectrum;
     const Vec3<int>& w = workSize;
@@ -230,12 +228,11 @@ void calculateVariances(int n, const Vec3<int>& blockSize, const Vec3<int>& work
     }
 }
 
-template <typename T>
 void calculateVariancePairs(const Vec3<int>& centre, const Vec3<int>& extent,
                             const Vec3<int>& blockSize, const Vec3<int>& workSize,
                             const Vec3<int>& keptSize, const float* k3fT3,
                             const float* pairTransform, float weight, float* table,
-                            TempMemory<T>& tmp) {
+                            TempMemory<float>& tmp) {
     const int b = blockSize.x * blockSize.y * blockSize.z;
     Cube4D<float> cube{{blockSize.x, blockSize.y, blockSize.z, 2},
                        static_cast<float*>(std::malloc(static_cast<size_t>(b) * 2 * sizeof(float)))};
@@ -259,12 +256,4 @@ void calculateVariancePairs(const Vec3<int>& centre, const Vec3<int>& extent,
     std::free(cube.data);
 }
 
-template void transformVariancePlane<float>(const Vec3<int>&, const Vec3<int>&, int,
-                                            Cube4D<Complex>&, Cube4D<float>&, const bool*,
-                                            TempMemory<float>&);
-template void calculateVariances<float>(int, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
-                                        int, const float*, const float*, const float*,
-                                        Cube4D<float>&, BlockDistance<float>*, TempMemory<float>&);
-template void calculateVariancePairs<float>(const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
-                                            const Vec3<int>&, const Vec3<int>&, const float*,
-                                            const float*, float, float*, TempMemory<float>&);
+}  // namespace KORVO_KERNEL_NS

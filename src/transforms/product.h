@@ -1,5 +1,6 @@
 // The general matrix product of the transforms, applied to n rows of `count`
-// contiguous values at once. Internal to the transform units.
+// contiguous values at once. Internal to the transform kernel units: it lives in
+// their instruction set's namespace, so each compiled copy keeps its own code.
 #pragma once
 
 #include <cmath>
@@ -7,7 +8,12 @@
 
 #include "common.h"
 
-namespace korvo_transforms {
+#if !defined(KORVO_KERNEL_NS)
+#error "product.h belongs to the kernel units"
+#endif
+
+namespace KORVO_KERNEL_NS {
+namespace product {
 
 // dst[i] = src[i] * f
 inline void scaleRow(const float* KORVO_RESTRICT src, float f, float* KORVO_RESTRICT dst,
@@ -86,4 +92,5 @@ void productOverRowsAnySize(Rows row, const float* m, int n, float* out, std::pt
     }
 }
 
-}  // namespace korvo_transforms
+}  // namespace product
+}  // namespace KORVO_KERNEL_NS

@@ -1,16 +1,15 @@
-#include "transforms/transf3D.h"
-
+// Separable 3-D block transform; a kernel unit, compiled once per instruction set.
 #include <cmath>
 #include <cstddef>
 
-#include "common.h"
+#include "Kernels.h"
 #include "transforms/product.h"
 
+namespace KORVO_KERNEL_NS {
 namespace {
 
 using TransformsMetas::StandardTransform;
-
-using korvo_transforms::productOverRowsAnySize;
+using product::productOverRowsAnySize;
 
 // Product along an axis whose points lie `stride` apart, for `count` neighbouring
 // lines side by side (y and z passes, and every pass with n = 1).
@@ -256,10 +255,9 @@ void axisPass(const float* in, float* out, const float* m, StandardTransform kin
 
 }  // namespace
 
-template <typename T>
-void transf3D(const T* input, const Vec3<const T*>& transforms,
-              const Vec3<TransformsMetas::StandardTransform>& kinds, T* bufferA, T* bufferB,
-              T* output, const Vec3<int>& size) {
+void transf3D(const float* input, const Vec3<const float*>& transforms,
+              const Vec3<TransformsMetas::StandardTransform>& kinds, float* bufferA,
+              float* bufferB, float* output, const Vec3<int>& size) {
     const int sx = size.x, sy = size.y, sz = size.z;
     if (sx >= 1 && sy >= 1 && sz >= 1) {
         axisPass(input, bufferA, transforms.x, kinds.x, true, sx, sy, sz);
@@ -271,6 +269,4 @@ void transf3D(const T* input, const Vec3<const T*>& transforms,
     }
 }
 
-template void transf3D<float>(const float*, const Vec3<const float*>&,
-                              const Vec3<TransformsMetas::StandardTransform>&, float*, float*,
-                              float*, const Vec3<int>&);
+}  // namespace KORVO_KERNEL_NS

@@ -1,22 +1,23 @@
-#include "transforms/transformBlocksNL.h"
-
+// The transform across a group; a kernel unit, compiled once per instruction set.
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
 
-#include "common.h"
+#include "Kernels.h"
 #include "transforms/product.h"
 
+namespace KORVO_KERNEL_NS {
 namespace {
 
 using TransformsMetas::StandardTransform;
+using product::productOverRowsAnySize;
 
 // Output member k = input member 0 times M[k*n], then fused multiply-adds over
 // the members j = 1..n-1 in ascending order, coefficient by coefficient.
 template <class Members>
 void generalProduct(Members member, int n, const float* m, float* out, std::ptrdiff_t vol) {
     if (vol < 1 || n < 1) return;
-    korvo_transforms::productOverRowsAnySize(member, m, n, out, vol, vol);
+    productOverRowsAnySize(member, m, n, out, vol, vol);
 }
 
 constexpr int kMaxHaar = 32;
@@ -143,9 +144,8 @@ bool isInverseHaar(StandardTransform kind) {
 
 }  // namespace
 
-template <typename T>
-void transformBlocksNL(const BlockDistance<T>* matches, int n, const T* matrix,
-                       StandardTransform kind, Cube4D<T>& output, const Vec3<int>& blockSize) {
+void groupFromMatches(const BlockDistance<float>* matches, int n, const float* matrix,
+                      StandardTransform kind, Cube4D<float>& output, const Vec3<int>& blockSize) {
     const std::ptrdiff_t vol = static_cast<std::ptrdiff_t>(blockSize.x) * blockSize.y * blockSize.z;
     const auto member = [matches](int j) { return matches[j].block; };
     if (isForwardHaar(kind)) {
@@ -155,11 +155,10 @@ void transformBlocksNL(const BlockDistance<T>* matches, int n, const T* matrix,
     }
 }
 
-template <typename T>
-void transformBlocksNL(const Cube4D<T>& input, int n, const T* matrix, StandardTransform kind,
-                       Cube4D<T>& output, const Vec3<int>& blockSize) {
+void groupFromCube(const Cube4D<float>& input, int n, const float* matrix, StandardTransform kind,
+                   Cube4D<float>& output, const Vec3<int>& blockSize) {
     const std::ptrdiff_t vol = static_cast<std::ptrdiff_t>(blockSize.x) * blockSize.y * blockSize.z;
-    const T* data = input.data;
+    const float* data = input.data;
     const auto member = [data, vol](int j) { return data + j * vol; };
     if (isForwardHaar(kind)) {
         haarForward(member, n, output.data, vol);
@@ -171,7 +170,4 @@ void transformBlocksNL(const Cube4D<T>& input, int n, const T* matrix, StandardT
     }
 }
 
-template void transformBlocksNL<float>(const BlockDistance<float>*, int, const float*,
-                                       StandardTransform, Cube4D<float>&, const Vec3<int>&);
-template void transformBlocksNL<float>(const Cube4D<float>&, int, const float*, StandardTransform,
-                                       Cube4D<float>&, const Vec3<int>&);
+}  // namespace KORVO_KERNEL_NS

@@ -1,0 +1,108 @@
+// The hot kernels (block-matching sums, block and group transforms, coefficient
+// variances and their FFTs) are compiled once per instruction set, each copy in its
+// own namespace, and one copy is chosen at run time. Both copies give the same bits:
+// fused multiply-adds are written out (std::fma) and nothing else is contracted.
+#pragma once
+
+#include "BlockCollection.h"
+#include "common.h"
+#include "noise/fft.h"
+
+// What the matching search reads of a collection: the dispatcher checks the
+// window against the band, so the kernel only does the ring arithmetic.
+template <typename T>
+struct CollectionView {
+    const T* buffer;
+    long blockElements;
+    Vec3<int> range;
+};
+
+// The search hands every queue change to these (compiled once, for the baseline),
+// so the kernels instantiate no standard-library code of their own. Both return
+// the distance of the new worst candidate.
+template <typename T>
+float pushCandidate(BlockQueue<T>& queue, const BlockDistance<T>& candidate);
+template <typename T>
+float replaceWorstCandidate(BlockQueue<T>& queue, const BlockDistance<T>& candidate);
+
+struct KernelSet {
+    const char* name;
+    void (*transf3D)(const float*, const Vec3<const float*>&,
+                     const Vec3<TransformsMetas::StandardTransform>&, float*, float*, float*,
+                     const Vec3<int>&);
+    void (*groupFromMatches)(const BlockDistance<float>*, int, const float*,
+                             TransformsMetas::StandardTransform, Cube4D<float>&, const Vec3<int>&);
+    void (*groupFromCube)(const Cube4D<float>&, int, const float*,
+                          TransformsMetas::StandardTransform, Cube4D<float>&, const Vec3<int>&);
+    void (*searchFloat)(const CollectionView<float>&, const float*, const Vec3<int>&, const Vec3<int>&,
+                        const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, int, BlockQueue<float>&);
+    void (*searchComplex)(const CollectionView<Complex>&, const float*, const Vec3<int>&,
+                          const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, int,
+                          BlockQueue<Complex>&);
+    void (*variances)(int, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, int, const float*,
+                      const float*, const float*, Cube4D<float>&, BlockDistance<float>*,
+                      TempMemory<float>&);
+    void (*variancePlane)(const Vec3<int>&, const Vec3<int>&, int, Cube4D<Complex>&, Cube4D<float>&,
+                          const bool*, TempMemory<float>&);
+    void (*variancePairs)(const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
+                          const Vec3<int>&, const float*, const float*, float, float*,
+                          TempMemory<float>&);
+    int (*fftReal)(int, Complex*, Complex*);
+    int (*fftComplex)(int, Complex*, Complex*);
+    void (*fft64)(const creal32_T*, creal32_T*);
+};
+
+namespace korvo_kernels_base {
+extern const KernelSet kernelSet;
+}
+#if defined(KORVO_HAVE_AVX2_KERNELS)
+namespace korvo_kernels_avx2 {
+extern const KernelSet kernelSet;  // AVX2 and FMA
+}
+#endif
+
+// The set the library runs with: the fastest one the processor supports.
+const KernelSet& activeKernels();
+
+namespace korvo_detail {
+// Tests and benchmarks: run the baseline kernels even where faster ones exist
+// (false: back to the automatic choice).
+KORVO_API void forceBaselineKernels(bool force);
+// Name of the kernel set in use: "avx2" or "baseline".
+KORVO_API const char* activeKernelName();
+}  // namespace korvo_detail
+
+// Inside a kernel unit: the kernels of that unit's instruction set, as the other
+// kernel units call them.
+#if defined(KORVO_KERNEL_NS)
+namespace KORVO_KERNEL_NS {
+void transf3D(const float* input, const Vec3<const float*>& transforms,
+              const Vec3<TransformsMetas::StandardTransform>& kinds, float* bufferA,
+              float* bufferB, float* output, const Vec3<int>& size);
+void groupFromMatches(const BlockDistance<float>* matches, int n, const float* matrix,
+                      TransformsMetas::StandardTransform kind, Cube4D<float>& output,
+                      const Vec3<int>& blockSize);
+void groupFromCube(const Cube4D<float>& input, int n, const float* matrix,
+                   TransformsMetas::StandardTransform kind, Cube4D<float>& output,
+                   const Vec3<int>& blockSize);
+template <typename T>
+void search(const CollectionView<T>& coll, const float* distanceCorrection, const Vec3<int>& refPos,
+            const Vec3<int>& blockSize, const Vec3<int>& searchWindow, const Vec3<int>& windowStart,
+            const Vec3<int>& windowEnd, int maxGroupSize, BlockQueue<T>& queue);
+void calculateVariances(int n, const Vec3<int>& blockSize, const Vec3<int>& workSize,
+                        const Vec3<int>& keptSize, int m, const float* groupTransform,
+                        const float* k3fT3, const float* localVariances, Cube4D<float>& variances,
+                        BlockDistance<float>* matches, TempMemory<float>& tmp);
+void transformVariancePlane(const Vec3<int>& workSize, const Vec3<int>& keptSize, int m,
+                            Cube4D<Complex>& grid, Cube4D<float>& power, const bool* rowMask,
+                            TempMemory<float>& tmp);
+void calculateVariancePairs(const Vec3<int>& centre, const Vec3<int>& extent,
+                            const Vec3<int>& blockSize, const Vec3<int>& workSize,
+                            const Vec3<int>& keptSize, const float* k3fT3,
+                            const float* pairTransform, float weight, float* table,
+                            TempMemory<float>& tmp);
+int fftReal(int n, Complex* in, Complex* out);
+int fftComplex(int n, Complex* in, Complex* out);
+void FFTComplex64(const creal32_T* in, creal32_T* out);
+}  // namespace KORVO_KERNEL_NS
+#endif
