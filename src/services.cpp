@@ -154,7 +154,8 @@ int checkNumbers(const Parameters& p, const Reason& refuse) {
     return 0;
 }
 
-// An array offsets the axis it names by its values; they must convert to int.
+// An array offsets the axis it names by its values; every offset grid
+// coordinate must convert to int.
 int checkAxisArrays(const Parameters& p, const Reason& refuse) {
     const int lengths[3] = {p.axisArrayLength.x, p.axisArrayLength.y, p.axisArrayLength.z};
     const float* arrays[3] = {p.axisArrays.x, p.axisArrays.y, p.axisArrays.z};
@@ -163,11 +164,11 @@ int checkAxisArrays(const Parameters& p, const Reason& refuse) {
         if (arrays[a] == nullptr) {
             return refuse("axisArrays.%s is null but axisArrayLength.%s is %d", kAxis[a], kAxis[a], lengths[a]);
         }
-        const float limit = static_cast<float>(component(p.imageSize, a));
+        const double limit = kIntMax - (component(p.imageSize, a) + 2.0 * component(p.step, a));
         for (int i = 0; i < lengths[a]; ++i) {
-            if (!(std::fabs(arrays[a][i]) <= limit)) {
-                return refuse("axisArrays.%s[%d] = %g is not a finite offset within the image extent %d",
-                              kAxis[a], i, static_cast<double>(arrays[a][i]), component(p.imageSize, a));
+            if (!(std::fabs(static_cast<double>(arrays[a][i])) < limit)) {
+                return refuse("axisArrays.%s[%d] = %g is not a finite offset below %.0f", kAxis[a], i,
+                              static_cast<double>(arrays[a][i]), limit);
             }
         }
     }

@@ -1,0 +1,323 @@
+// The record services: defaults, record and storage checks, storage and
+// collection sizes, and how a stage call reports its end.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "KORVO.h"
+#include "korvo/Threading.h"
+#include "korvo/korvo.h"
+#include "support.h"
+
+namespace {
+std::string refusal(const Parameters& p, int stage = 0) {
+    char message[256];
+    std::memset(message, 'x', sizeof message);
+    const int result = korvoCheckParameters(&p, stage, message, sizeof message);
+    EXPECT_EQ(result != 0, message[0] != '\0') << message;
+    return result != 0 ? std::string(message) : std::string();
+}
+
+Parameters defaults(const Vec3<int>& size, int stage = 0, float sigma = 0.1f) {
+    Parameters p;
+    std::memset(&p, 0xAB, sizeof p);  // every field must be set
+    korvoDefaultParameters(&p, stage, size, sigma);
+    return p;
+}
+
+// A match storage with room for the rows the services ask for, plus guard rows.
+struct Storage {
+    static constexpr int kGuard = 3;
+    std::vector<int> counts;
+    std::vector<Vec3<int>> positions, relative;
+    BlockMatchStorage record{};
+    Storage(long rows, int entries)
+        : counts(static_cast<size_t>(rows + kGuard), -7),
+          positions(counts.size() * static_cast<size_t>(entries), Vec3<int>{-7, -7, -7}),
+          relative(positions.size()) {
+        record = {entries, counts.data(), positions.data(), relative.data(), 0, 0};
+    }
+    bool guardsIntact(long rows) const {
+        for (size_t r = static_cast<size_t>(rows); r < counts.size(); ++r) {
+            if (counts[r] != -7) return false;
+        }
+        return true;
+    }
+};
+
+korvo_detail::StageStatus runHT(const std::vector<float>& noisy, Parameters p, std::vector<float>& out,
+                                BlockMatchStorage* storage = nullptr) {
+    const float psd = 0.01f;
+    out.assign(noisy.size(), 0.0f);
+    return korvo_detail::runStageHT(noisy.data(), &psd, &p, nullptr, out.data(), storage);
+}
+}  // namespace
+
+TEST(DefaultParameters, FollowThePackageAndPassTheCheck) {
+    const Parameters v = defaults({40, 30, 20}, 0, 0.5f);
+    EXPECT_EQ(v.blockSize, (Vec3<int>{4, 4, 4}));
+    EXPECT_EQ(v.step, (Vec3<int>{3, 3, 3}));
+    EXPECT_EQ(v.searchWindow, (Vec3<int>{5, 5, 5}));
+    EXPECT_EQ(v.psdWorkSize, (Vec3<int>{16, 16, 16}));
+    EXPECT_EQ(v.maxGroupSize, 16);
+    EXPECT_FLOAT_EQ(v.matchThreshold, 9.0f * 64 * 0.25f);
+    EXPECT_EQ(v.axisArrayLength, (Vec3<int>{0, 0, 0}));
+    EXPECT_EQ(v.axisArrays.x, nullptr);
+    const Parameters w = defaults({40, 30, 20}, 1, 0.5f);
+    EXPECT_EQ(w.maxGroupSize, 32);
+    EXPECT_FLOAT_EQ(w.matchThreshold, 3.0f * 64 * 0.25f);
+
+    const Parameters i = defaults({50, 14, 1});
+    EXPECT_EQ(i.blockSize, (Vec3<int>{8, 8, 1}));
+    EXPECT_EQ(i.step, (Vec3<int>{3, 3, 1}));
+    EXPECT_EQ(i.psdWorkSize, (Vec3<int>{32, 32, 1}));
+    EXPECT_EQ(i.searchWindow, (Vec3<int>{11, 6, 0}));  // clamped to what the image serves
+    EXPECT_EQ(defaults({6, 5, 7}).searchWindow, (Vec3<int>{2, 1, 3}));
+    for (const Vec3<int>& size : {Vec3<int>{40, 30, 20}, Vec3<int>{50, 14, 1}, Vec3<int>{4, 4, 4}}) {
+        for (int stage : {0, 1}) EXPECT_EQ(refusal(defaults(size, stage), stage), "");
+    }
+}
+
+TEST(CheckParameters, RefusesWhatTheStageCannotServe) {
+    const float nan = std::nanf("");
+    const float offsets[2] = {1.0f, 3e9f};
+    const struct {
+        const char* field;  // named in the reason
+        std::function<void(Parameters&)> change;
+    } cases[] = {
+        {"imageSize", [](Parameters& p) { p.imageSize.y = 0; }},
+        {"imageSize", [](Parameters& p) { p.imageSize = {2048, 2048, 1024}; }},
+        {"blockSize", [](Parameters& p) { p.blockSize.z = 0; }},
+        {"blockSize", [](Parameters& p) { p.imageSize.z = 3; }},
+        {"step", [](Parameters& p) { p.step.x = 0; }},
+        {"step", [](Parameters& p) { p.step.y = 5; }},
+        {"maxGroupSize", [](Parameters& p) { p.maxGroupSize = 12; }},
+        {"maxGroupSize", [](Parameters& p) { p.maxGroupSize = 128; }},
+        {"maxGroupSize", [](Parameters& p) { p.maxGroupSize = 0; }},
+        {"varianceGroupLimit", [](Parameters& p) { p.varianceGroupLimit = -1; }},
+        {"varianceGroupLimit", [](Parameters& p) { p.varianceGroupLimit = 65; }},
+        {"minReduceCount", [](Parameters& p) { p.minReduceCount = 3; }},
+        {"minReduceCount", [](Parameters& p) { p.minReduceCount = 0; }},
+        {"psdWorkSize", [](Parameters& p) { p.psdWorkSize.x = 12; }},
+        {"psdWorkSize", [](Parameters& p) { p.psdWorkSize.z = 1; }},
+        {"psdWorkSize", [](Parameters& p) { p.psdWorkSize = {64, 64, 16}; }},
+        {"psdSize", [](Parameters& p) { p.psdSize.x = 0; }},
+        {"searchWindow", [](Parameters& p) { p.searchWindow.z = -1; }},
+        {"searchWindow", [](Parameters& p) { p.searchWindow = {1000, 1000, 1000}; }},
+        {"thresholdFactor", [=](Parameters& p) { p.thresholdFactor = nan; }},
+        {"thresholdFactor", [](Parameters& p) { p.thresholdFactor = -1.0f; }},
+        {"wienerFactor", [](Parameters& p) { p.wienerFactor = 0.0f; }},
+        {"matchVarianceWeight", [](Parameters& p) { p.matchVarianceWeight = INFINITY; }},
+        {"matchThreshold", [](Parameters& p) { p.matchThreshold = -2.0f; }},
+        {"sharpenExponent", [](Parameters& p) { p.sharpen = true; p.sharpenExponent = 0.0f; }},
+        {"axisArrays", [](Parameters& p) { p.axisArrayLength.y = 3; }},
+        {"axisArrays", [&](Parameters& p) { p.axisArrayLength.z = 2; p.axisArrays.z = offsets; }},
+    };
+    for (const auto& c : cases) {
+        Parameters p = defaults({24, 20, 16});
+        c.change(p);
+        const std::string reason = refusal(p);
+        EXPECT_NE(reason.find(c.field), std::string::npos) << c.field << ": '" << reason << "'";
+    }
+    Parameters p = defaults({24, 20, 16});
+    EXPECT_NE(refusal(p, 2).find("stage"), std::string::npos);
+    EXPECT_EQ(korvoCheckParameters(nullptr, 0, nullptr, 0), 1);
+    // Truncated to the buffer, always terminated.
+    p.step.x = 0;
+    char tiny[6];
+    EXPECT_EQ(korvoCheckParameters(&p, 0, tiny, sizeof tiny), 1);
+    EXPECT_EQ(std::strlen(tiny), 5u);
+    // A step beyond the block is harmless where the image is no wider than the block.
+    p = defaults({24, 8, 1});
+    p.step = {3, 9, 4};
+    EXPECT_EQ(refusal(p), "");
+}
+
+// Random small records: whatever the check accepts must run both stages, record
+// and replay, without stopping on an assertion.
+TEST(CheckParameters, EveryAcceptedRecordRuns) {
+    std::mt19937 rng(11);
+    auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+    int accepted = 0;
+    for (int trial = 0; trial < 400 && accepted < 40; ++trial) {
+        const bool plane = pick(0, 2) == 0;
+        const Vec3<int> size{pick(3, 18), pick(3, 18), plane ? 1 : pick(3, 14)};
+        Parameters p = defaults(size, pick(0, 1));
+        p.blockSize = plane || pick(0, 3) == 0 ? Vec3<int>{8, 8, 1} : Vec3<int>{4, 4, 4};
+        p.step = {pick(0, 5), pick(1, 5), pick(1, 5)};
+        p.searchWindow = {pick(0, 7), pick(0, 7), pick(0, 4)};
+        p.maxGroupSize = 1 << pick(0, 6);
+        p.varianceGroupLimit = pick(0, 40);
+        p.minReduceCount = pick(1, 2);
+        const int work[] = {4, 8, 16, 32};
+        p.psdWorkSize = {work[pick(0, 3)], work[pick(0, 3)], p.blockSize.z == 1 ? pick(0, 1) * 7 + 1 : work[pick(0, 2)]};
+        p.useRealFft = pick(0, 1) == 1;
+        p.matchVarianceWeight = static_cast<float>(pick(0, 2));
+        p.matchThreshold = pick(0, 1) ? 0.0f : 1e3f;
+        for (bool& flag : p.splitBlockExtraction) flag = pick(0, 1) == 1;
+        p.sharpen = pick(0, 3) == 0;
+        p.numThreads = pick(1, 3);
+        if (korvoCheckParameters(&p, 0, nullptr, 0) != 0) continue;
+        ++accepted;
+        SCOPED_TRACE(testing::Message() << "trial " << trial);
+        const auto scene = korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, static_cast<unsigned>(trial));
+        Storage storage(korvoMatchStorageRows(&p), p.maxGroupSize);
+        std::vector<float> basic, replayed;
+        ASSERT_EQ(runHT(scene.noisy, p, basic, &storage.record), korvo_detail::StageStatus::Completed);
+        EXPECT_TRUE(storage.guardsIntact(korvoMatchStorageRows(&p)));
+        char message[256] = "";
+        EXPECT_EQ(korvoCheckMatchStorage(&p, &storage.record, message, sizeof message), 0) << message;
+        storage.record.filled = 1;
+        ASSERT_EQ(runHT(scene.noisy, p, replayed, &storage.record), korvo_detail::StageStatus::Completed);
+        EXPECT_EQ(basic, replayed);
+        std::vector<float> final(basic.size(), 0.0f);
+        const float psd = 0.01f;
+        Parameters second = p;
+        EXPECT_EQ(korvo_detail::runStageWie(scene.noisy.data(), &psd, &second, nullptr, basic.data(),
+                                            final.data(), nullptr),
+                  korvo_detail::StageStatus::Completed);
+        for (float v : final) ASSERT_TRUE(std::isfinite(v));
+    }
+    EXPECT_GE(accepted, 20);
+}
+
+TEST(MatchStorageRows, CoverEveryRowTheStageWrites) {
+    const float shift[3] = {-2.0f, 3.0f, 5.0f};
+    const struct {
+        Vec3<int> size, step;
+        bool offsets;
+    } cases[] = {{{23, 19, 13}, {3, 3, 3}, false}, {{20, 17, 1}, {3, 2, 1}, false},
+                 {{21, 18, 14}, {2, 3, 4}, true}, {{17, 22, 1}, {4, 5, 1}, true}};
+    for (const auto& c : cases) {
+        Parameters p = defaults(c.size);
+        p.step = c.step;
+        p.numThreads = 2;
+        if (c.offsets) {
+            p.axisArrayLength = {3, 3, 3};
+            p.axisArrays = {shift, shift, shift};
+        }
+        const long rows = korvoMatchStorageRows(&p);
+        Storage storage(rows, p.maxGroupSize);
+        std::vector<float> out;
+        ASSERT_EQ(runHT(korvo_phantom::volume(c.size.x, c.size.y, c.size.z), p, out, &storage.record),
+                  korvo_detail::StageStatus::Completed);
+        EXPECT_TRUE(storage.guardsIntact(rows));
+        EXPECT_LE(storage.record.rows, rows);
+        // Tight: the last row is written (or reported).
+        EXPECT_TRUE(storage.counts[static_cast<size_t>(rows - 1)] != -7 || storage.record.rows == rows);
+    }
+}
+
+TEST(CheckMatchStorage, RefusesStoragesTheReplayCannotRead) {
+    const Vec3<int> size{20, 18, 14};
+    Parameters p = defaults(size);
+    p.numThreads = 1;
+    p.splitBlockExtraction[2] = true;
+    const long rows = korvoMatchStorageRows(&p);
+    Storage recorded(rows, p.maxGroupSize);
+    std::vector<float> out;
+    ASSERT_EQ(runHT(korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, 1).noisy, p, out, &recorded.record),
+              korvo_detail::StageStatus::Completed);
+    recorded.record.filled = 1;
+    EXPECT_EQ(korvoCheckMatchStorage(&p, &recorded.record, nullptr, 0), 0);
+    // A larger group limit replays the recorded sizes; the row stride stays.
+    Parameters larger = p;
+    larger.maxGroupSize = 64;
+    EXPECT_EQ(korvoCheckMatchStorage(&larger, &recorded.record, nullptr, 0), 0);
+
+    // A row on the first plane holding a group of at least four blocks.
+    const auto start = [&](int r) { return static_cast<size_t>(r) * static_cast<size_t>(p.maxGroupSize); };
+    int row = 0;
+    while (recorded.counts[static_cast<size_t>(row)] < 4 || recorded.positions[start(row)].z != 0) ++row;
+    const size_t first = start(row);
+    const struct {
+        const char* what;  // in the reason
+        std::function<void(Storage&, Parameters&)> change;
+    } cases[] = {
+        {"blocks", [&](Storage& s, Parameters&) { s.counts[static_cast<size_t>(row)] = 3; }},
+        {"blocks", [&](Storage& s, Parameters&) { s.counts[static_cast<size_t>(row)] = 0; }},
+        {"blocks", [&](Storage&, Parameters& q) { q.maxGroupSize = 2; }},
+        {"not a block position", [&](Storage& s, Parameters&) { s.positions[first + 1].x = size.x - 3; }},
+        {"not a block position", [&](Storage& s, Parameters&) { s.positions[first + 1].y = -1; }},
+        {"search window", [&](Storage& s, Parameters&) { s.positions[first + 1].z = 10; }},
+        {"relative position", [&](Storage& s, Parameters&) { s.relative[first].x += 1; }},
+        {"entriesPerReference", [&](Storage& s, Parameters&) { s.record.entriesPerReference = 0; }},
+        {"reports", [&](Storage& s, Parameters&) { s.record.rows = static_cast<int>(rows) + 1; }},
+        {"counts", [&](Storage& s, Parameters&) { s.record.counts = nullptr; }},
+    };
+    for (const auto& c : cases) {
+        Storage copy = recorded;
+        copy.record = {p.maxGroupSize, copy.counts.data(), copy.positions.data(), copy.relative.data(),
+                       recorded.record.rows, 1};
+        Parameters q = p;
+        c.change(copy, q);
+        char message[256] = "";
+        EXPECT_EQ(korvoCheckMatchStorage(&q, &copy.record, message, sizeof message), 1) << c.what;
+        EXPECT_NE(std::string(message).find(c.what), std::string::npos) << c.what << ": " << message;
+    }
+}
+
+TEST(CollectionBytes, WholeBandsOncePerImageSplitBandsPerWorker) {
+    Parameters p = defaults({30, 26, 22});
+    p.numThreads = 3;
+    const long long block = 64 * 4;
+    EXPECT_EQ(korvoCollectionBytes(&p, 0), 27LL * 23 * 19 * block);
+    EXPECT_EQ(korvoCollectionBytes(&p, 1), 2 * 27LL * 23 * 19 * block);
+    p.splitBlockExtraction[2] = true;  // band of 2 * 5 + 3 positions along z
+    EXPECT_EQ(korvoCollectionBytes(&p, 0), 3 * 27LL * 23 * 13 * block);
+    p.searchWindow.z = 12;  // the band covers the image: whole again
+    EXPECT_EQ(korvoCollectionBytes(&p, 1), 2 * 27LL * 23 * 19 * block);
+    p.blockSize.x = 0;
+    EXPECT_EQ(korvoCollectionBytes(&p, 0), 0);
+    EXPECT_EQ(korvoMatchStorageRows(&p), 0);
+}
+
+TEST(StageStatus, ThreadStartFailureLeavesThePoolReusable) {
+    const Vec3<int> size{16, 16, 12};
+    const auto scene = korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, 2);
+    Parameters p = defaults(size);
+    p.numThreads = 4;
+    std::vector<float> reference, failed, again;
+    ASSERT_EQ(runHT(scene.noisy, p, reference), korvo_detail::StageStatus::Completed);
+    for (int worker : {1, 3}) {
+        korvo_detail::failThreadStartAt(worker);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(runHT(scene.noisy, p, failed), korvo_detail::StageStatus::ThreadStartFailed);
+        EXPECT_NE(testing::internal::GetCapturedStderr().find("Could not start 4 threads"), std::string::npos);
+        ASSERT_EQ(runHT(scene.noisy, p, again), korvo_detail::StageStatus::Completed);
+        EXPECT_EQ(again, reference);
+    }
+    // The exported entry point reports on stderr and returns.
+    korvo_detail::failThreadStartAt(2);
+    Parameters q = p;
+    std::vector<float> out(scene.noisy.size(), 0.0f);
+    const float psd = 0.01f;
+    testing::internal::CaptureStderr();
+    korvoInterfaceHT(scene.noisy.data(), &psd, &q, nullptr, out.data(), nullptr);
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(runHT(scene.noisy, p, again), korvo_detail::StageStatus::Completed);
+}
+
+TEST(StageStatus, CancelAndMemoryFailuresAreToldApart) {
+    const Vec3<int> size{16, 16, 12};
+    const auto scene = korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, 2);
+    Parameters p = defaults(size);
+    std::vector<float> out;
+    korvo_detail::StageMonitor monitor;
+    monitor.cancel.store(true);
+    korvo_detail::setStageMonitor(&monitor);
+    EXPECT_EQ(runHT(scene.noisy, p, out), korvo_detail::StageStatus::Cancelled);
+    korvo_detail::setStageMonitor(nullptr);
+
+    Parameters huge = defaults({1024, 1024, 1024});
+    std::vector<float> tiny(16, 0.0f);
+    const float psd = 0.01f;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(korvo_detail::runStageHT(tiny.data(), &psd, &huge, nullptr, tiny.data(), nullptr),
+              korvo_detail::StageStatus::OutOfMemory);
+    testing::internal::GetCapturedStderr();
+}
