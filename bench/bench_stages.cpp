@@ -1,5 +1,6 @@
 // Throughput of both stages on a 128x128x64 volume (white and coloured noise, 1
-// and 2 threads), and where the time of the hard-thresholding stage goes.
+// and 2 threads), the baseline kernels against the fastest ones the processor
+// runs, and where the time of the hard-thresholding stage goes with each.
 //
 //   cmake -S . -B build/bench -DKORVO_BUILD_BENCH=ON && cmake --build build/bench
 //   build/bench/bench/bench_stages [NX NY NZ]
@@ -11,6 +12,7 @@
 
 #include "BlockCollection.h"
 #include "KORVO.h"
+#include "Kernels.h"
 #include "korvo/Threading.h"
 #include "korvo/matching.h"
 #include "noise/psd.h"
@@ -41,9 +43,14 @@ struct Case {
     float matchVarianceWeight;
 };
 
+constexpr int kPieces = 7;
+const char* const kPieceNames[kPieces] = {"noise preparation", "forward block transforms", "block matching",
+                                          "group transform", "coefficient variances", "inverse transforms",
+                                          "aggregation"};
+
 // The hard-thresholding stage's pieces, run one after another on one thread
-// over the same reference grid as the stage loop.
-void breakdown(const Case& c, const Vec3<int>& size) {
+// over the same reference grid as the stage loop; seconds per piece.
+std::vector<double> breakdown(const Case& c, const Vec3<int>& size) {
     Parameters p = benchParameters(size);
     p.psdSize = c.psdSize;
     p.matchVarianceWeight = c.matchVarianceWeight;
@@ -82,7 +89,6 @@ void breakdown(const Case& c, const Vec3<int>& size) {
     ImageDataMutable<float> numerator(num.data(), size, false), weights(den.data(), size, false);
     const Vec3<int> last{size.x - p.blockSize.x, size.y - p.blockSize.y, size.z - p.blockSize.z};
     const long V = p.blockSize.volume();
-    long groups = 0;
     for (int z = 0; z < last.z + p.step.z; z += p.step.z) {
         for (int y = 0; y < last.y + p.step.y; y += p.step.y) {
             for (int x = 0; x < last.x + p.step.x; x += p.step.x) {
@@ -119,24 +125,13 @@ void breakdown(const Case& c, const Vec3<int>& size) {
                 tVariance += seconds(d, e);
                 tInverse += seconds(e, f);
                 tAggregate += seconds(f, g);
-                ++groups;
             }
         }
     }
     std::free(kernel);
     std::free(local);
     ThreadPool::THREAD_POOL.clearPool();
-    const double total = tNoise + tForward + tMatch + tGroup + tVariance + tInverse + tAggregate;
-    std::printf("\nwhere the hard-thresholding stage spends its time (%s noise, 1 thread, %ld groups, %.2f s):\n",
-                c.name, groups, total);
-    const struct {
-        const char* what;
-        double t;
-    } rows[] = {{"noise preparation", tNoise},           {"forward block transforms", tForward},
-                {"block matching", tMatch},              {"group transform", tGroup},
-                {"coefficient variances", tVariance},    {"inverse transforms", tInverse},
-                {"aggregation", tAggregate}};
-    for (const auto& r : rows) std::printf("  %-26s %8.3f s  %5.1f %%\n", r.what, r.t, 100.0 * r.t / total);
+    return {tNoise, tForward, tMatch, tGroup, tVariance, tInverse, tAggregate};
 }
 }  // namespace
 
@@ -161,29 +156,68 @@ int main(int argc, char** argv) {
 
     std::printf("volume %d x %d x %d, blocks 4x4x4, step 3, search window +-4, groups of 16\n", size.x, size.y,
                 size.z);
+    // Throughput (Mvoxel/s) of both stages and the PSNR of the result.
+    struct Run {
+        double ht, wiener, psnr;
+    };
+    auto run = [&](const Case& c, int threads) {
+        Parameters p = benchParameters(size);
+        p.psdSize = c.psdSize;
+        p.matchVarianceWeight = c.matchVarianceWeight;
+        p.numThreads = threads;
+        std::vector<float> basic(count, 0.0f), result(count, 0.0f);
+        Parameters first = p, second = p;
+        auto t0 = Clock::now();
+        korvo_detail::runStageHT(c.noisy.data(), c.psd.data(), &first, nullptr, basic.data(), nullptr);
+        auto t1 = Clock::now();
+        korvo_detail::runStageWie(c.noisy.data(), c.psd.data(), &second, nullptr, basic.data(), result.data(),
+                                  nullptr);
+        auto t2 = Clock::now();
+        return Run{static_cast<double>(count) / seconds(t0, t1) * 1e-6,
+                   static_cast<double>(count) / seconds(t1, t2) * 1e-6, korvo_phantom::psnr(result, clean)};
+    };
+    const char* fast = korvo_detail::activeKernelName();
+    std::printf("kernels: %s, against the baseline ones\n\n", fast);
     std::printf("| noise | threads | hard thresholding (Mvox/s) | Wiener (Mvox/s) | PSNR in -> out (dB) |\n");
     std::printf("|---|---|---|---|---|\n");
     for (const Case& c : cases) {
         for (int threads : {1, 2}) {
-            Parameters p = benchParameters(size);
-            p.psdSize = c.psdSize;
-            p.matchVarianceWeight = c.matchVarianceWeight;
-            p.numThreads = threads;
-            std::vector<float> basic(count, 0.0f), result(count, 0.0f);
-            Parameters first = p, second = p;
-            auto t0 = Clock::now();
-            korvo_detail::runStageHT(c.noisy.data(), c.psd.data(), &first, nullptr, basic.data(), nullptr);
-            auto t1 = Clock::now();
-            korvo_detail::runStageWie(c.noisy.data(), c.psd.data(), &second, nullptr, basic.data(), result.data(),
-                                      nullptr);
-            auto t2 = Clock::now();
-            std::printf("| %s | %d | %.3f | %.3f | %.2f -> %.2f |\n", c.name, threads,
-                        static_cast<double>(count) / seconds(t0, t1) * 1e-6,
-                        static_cast<double>(count) / seconds(t1, t2) * 1e-6, korvo_phantom::psnr(c.noisy, clean),
-                        korvo_phantom::psnr(result, clean));
+            const Run r = run(c, threads);
+            std::printf("| %s | %d | %.3f | %.3f | %.2f -> %.2f |\n", c.name, threads, r.ht, r.wiener,
+                        korvo_phantom::psnr(c.noisy, clean), r.psnr);
             std::fflush(stdout);
         }
     }
-    for (const Case& c : cases) breakdown(c, size);
+    // Baseline against the chosen set, each measured right after the other.
+    std::printf("\n| noise (1 thread) | stage | %s (Mvox/s) | baseline (Mvox/s) | %s / baseline |\n", fast, fast);
+    std::printf("|---|---|---|---|---|\n");
+    for (const Case& c : cases) {
+        const Run f = run(c, 1);
+        korvo_detail::forceBaselineKernels(true);
+        const Run b = run(c, 1);
+        korvo_detail::forceBaselineKernels(false);
+        std::printf("| %s | hard thresholding | %.3f | %.3f | %.2f |\n", c.name, f.ht, b.ht, f.ht / b.ht);
+        std::printf("| %s | Wiener | %.3f | %.3f | %.2f |\n", c.name, f.wiener, b.wiener, f.wiener / b.wiener);
+        std::fflush(stdout);
+    }
+    for (const Case& c : cases) {
+        const std::vector<double> t = breakdown(c, size);
+        korvo_detail::forceBaselineKernels(true);
+        const std::vector<double> base = breakdown(c, size);
+        korvo_detail::forceBaselineKernels(false);
+        double total = 0, baseTotal = 0;
+        for (int i = 0; i < kPieces; ++i) {
+            total += t[size_t(i)];
+            baseTotal += base[size_t(i)];
+        }
+        std::printf("\nwhere the hard-thresholding stage spends its time (%s noise, 1 thread):\n", c.name);
+        std::printf("  %-26s %9s %7s %10s %8s\n", "", fast, "", "baseline", "ratio");
+        for (int i = 0; i < kPieces; ++i) {
+            const double a = t[size_t(i)], b = base[size_t(i)];
+            std::printf("  %-26s %8.3f s %5.1f %% %8.3f s %7.2f\n", kPieceNames[i], a, 100.0 * a / total, b,
+                        a > 0 ? b / a : 0.0);
+        }
+        std::printf("  %-26s %8.3f s         %8.3f s %7.2f\n", "total", total, baseTotal, baseTotal / total);
+    }
     return 0;
 }

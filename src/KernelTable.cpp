@@ -1,8 +1,9 @@
-// This instruction set's kernels, gathered for the run-time choice.
+// This instruction set's kernels, gathered for the run-time choice (extern: a
+// namespace-scope constant would otherwise stay inside this unit).
 #include "Kernels.h"
 
 namespace KORVO_KERNEL_NS {
-const KernelSet kernelSet = {
+extern const KernelSet kernelSet = {
     KORVO_KERNEL_NAME,
     &transf3D,
     &groupFromMatches,
