@@ -98,6 +98,84 @@ CollectionBands collectionBands(const Parameters& params) {
                        2LL * band.z + 1 >= size.z;
     return {band, whole};
 }
+
+namespace {
+struct PlaneRange {
+    int first = 1;
+    int last = 0;  // empty while last < first
+    bool empty() const { return last < first; }
+    void add(int a, int b) {
+        if (empty()) {
+            first = a;
+            last = b;
+        } else {
+            first = std::min(first, a);
+            last = std::max(last, b);
+        }
+    }
+};
+
+// Planes along the slice axis that the groups of slice k can reach: every
+// reference position the axis array's offsets can give, widened by the search
+// window and the block.
+PlaneRange slicePlanes(const Parameters& p, const ReferenceGrid& grid, int k) {
+    const bool alongZ = grid.sliceAxis == 2;
+    const int step = alongZ ? p.step.z : p.step.y;
+    const int last = alongZ ? grid.last.z : grid.last.y;
+    const int window = alongZ ? p.searchWindow.z : p.searchWindow.y;
+    const int block = alongZ ? p.blockSize.z : p.blockSize.y;
+    const int offsets = alongZ ? p.axisArrayLength.z : p.axisArrayLength.y;
+    const float* offset = alongZ ? p.axisArrays.z : p.axisArrays.y;
+    PlaneRange range;
+    for (int v = 0; v < offsets; ++v) {
+        // As referencePosition computes it.
+        const int position = std::max(static_cast<int>(static_cast<float>(k * step) - offset[v]), 0);
+        if (position >= last + step) continue;
+        const int r = std::min(position, last);
+        range.add(std::max(r - window, 0), std::min(r + window, last) + block - 1);
+    }
+    return range;
+}
+
+PlaneRange intersect(const PlaneRange& a, const PlaneRange& b) {
+    PlaneRange r;
+    r.first = std::max(a.first, b.first);
+    r.last = std::min(a.last, b.last);
+    return r;
+}
+}  // namespace
+
+SlicePlan planSlices(const Parameters& params, int threads) {
+    const ReferenceGrid grid(params);
+    const int slices = grid.slices();
+    const int extent = grid.sliceAxis == 2 ? params.imageSize.z : params.imageSize.y;
+    std::vector<PlaneRange> reach(static_cast<size_t>(slices));
+    for (int k = 0; k < slices; ++k) reach[static_cast<size_t>(k)] = slicePlanes(params, grid, k);
+    for (int workers = std::max(threads, 1);; --workers) {
+        SlicePlan plan;
+        plan.workers = workers;
+        plan.perWorker = static_cast<int>(std::ceil(static_cast<float>(slices) / static_cast<float>(workers)));
+        plan.busy = std::min(workers, (slices + plan.perWorker - 1) / std::max(plan.perWorker, 1));
+        std::vector<PlaneRange> ranges(static_cast<size_t>(workers));
+        long long held = 0;
+        for (int t = 0; t < workers; ++t) {
+            PlaneRange& own = ranges[static_cast<size_t>(t)];
+            for (int k = t * plan.perWorker; k < std::min((t + 1) * plan.perWorker, slices); ++k) {
+                const PlaneRange& r = reach[static_cast<size_t>(k)];
+                if (!r.empty()) own.add(r.first, r.last);
+            }
+            PlaneRange shared;
+            for (int u = 0; u < t; ++u) {
+                const PlaneRange both = intersect(own, ranges[static_cast<size_t>(u)]);
+                if (!both.empty()) shared.add(both.first, both.last);
+            }
+            plan.slabFirst.push_back(shared.empty() ? 0 : shared.first);
+            plan.slabCount.push_back(shared.empty() ? 0 : shared.last - shared.first + 1);
+            held += plan.slabCount.back();
+        }
+        if (workers == 1 || held <= extent) return plan;
+    }
+}
 }  // namespace korvo_detail
 
 // Extract afresh, slide, or nothing, by which axes of the band are narrower than
@@ -212,6 +290,48 @@ struct StageResources {
         std::free(meta.groupForwardKinds);
         std::free(meta.groupInverseKinds);
         ThreadPool::THREAD_POOL.clearPool();
+    }
+};
+
+// A worker's slab: numerator and weights of the planes it shares with
+// lower-numbered workers, zeroed, allocated once per stage.
+template <typename T>
+struct SlabBuffers {
+    T* numerator = nullptr;
+    float* weights = nullptr;
+    long offset = 0;  // of the slab's first element in the accumulators
+    long elements = 0;
+
+    SlabBuffers() = default;
+    SlabBuffers(const SlabBuffers&) = delete;
+    SlabBuffers& operator=(const SlabBuffers&) = delete;
+    ~SlabBuffers() {
+        std::free(numerator);
+        std::free(weights);
+    }
+
+    bool allocate(const Parameters& params, const korvo_detail::ReferenceGrid& grid,
+                  const korvo_detail::SlicePlan& plan, int worker, AggregationSlab<T>& slab) {
+        const size_t w = static_cast<size_t>(worker);
+        if (plan.slabCount[w] == 0) return true;
+        const Vec3<int>& size = params.imageSize;
+        slab.sliceAxis = grid.sliceAxis;
+        slab.first = plan.slabFirst[w];
+        slab.count = plan.slabCount[w];
+        slab.stride = grid.sliceAxis == 2 ? static_cast<long>(size.x) * size.y : size.x;
+        offset = slab.first * slab.stride;
+        elements = slab.count * slab.stride;
+        numerator = static_cast<T*>(std::calloc(static_cast<size_t>(elements), sizeof(T)));
+        weights = static_cast<float*>(std::calloc(static_cast<size_t>(elements), sizeof(float)));
+        slab.numerator = numerator;
+        slab.weights = weights;
+        return numerator != nullptr && weights != nullptr;
+    }
+
+    void mergeInto(T* output, float* sharedWeights) const {
+        if (numerator == nullptr || weights == nullptr) return;
+        for (long i = 0; i < elements; ++i) output[offset + i] += numerator[i];
+        for (long i = 0; i < elements; ++i) sharedWeights[offset + i] += weights[i];
     }
 };
 
@@ -355,9 +475,21 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
     std::atomic<bool> failed{false};
     const Vec3<T*> moveTransforms{const_cast<T*>(meta.forward.x), const_cast<T*>(meta.forward.y),
                                   const_cast<T*>(meta.forward.z)};
+    const korvo_detail::SlicePlan plan = korvo_detail::planSlices(params, pool.getNumThreads());
+    std::vector<SlabBuffers<T>> slabs(static_cast<size_t>(plan.workers));
 
     pool.newLoopJob([&](int t) {
+        const int slices = grid.slices();
+        const int first = t * plan.perWorker;
+        const int end = std::min(first + plan.perWorker, slices);
+        if (t >= plan.workers || first >= end) return;
         const FlushSubnormals flush;
+        AggregationSlab<T> slab;
+        if (!slabs[static_cast<size_t>(t)].allocate(params, grid, plan, t, slab)) {
+            report("Failed to allocate memory for buffer.");
+            failed.store(true);
+            return;
+        }
         ThreadMemory<T> tm(params, kept);
         if (!tm.memory.allocated || !tm.tempMemory.allocated) {
             report("Error: could not allocate working memory");
@@ -383,11 +515,6 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
         BlockCollection<T>* noisyColl = tm.noisyCollection.get();
         BlockCollection<T>* pilotColl = stage == Wiener ? tm.pilotCollection.get() : nullptr;
 
-        const int slices = grid.slices();
-        const int perWorker =
-            static_cast<int>(std::ceil(static_cast<float>(slices) / static_cast<float>(pool.getNumThreads())));
-        const int first = t * perWorker;
-        const int end = std::min(first + perWorker, slices);
         const int rowCount = grid.rowsPerSlice();
         bool havePrevious = false;
         Vec3<int> previous{0, 0, 0};
@@ -412,7 +539,7 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
                     processReferenceLocation<stage, T>(
                         position, params, meta, resources.distanceCorrection, resources.kernel,
                         resources.localVariance, referenceIndex, *noisyColl, output, weights,
-                        tm.memory, tm.tempMemory, pilotColl, storage);
+                        tm.memory, tm.tempMemory, pilotColl, storage, &slab);
                 }
             }
             if (monitor != nullptr) monitor->slicesDone.fetch_add(1);
@@ -424,6 +551,8 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
     }
     if (failed.load()) return false;
 
+    // Each worker's slab after the planes it shares, in worker order.
+    for (const SlabBuffers<T>& slab : slabs) slab.mergeInto(output.data(), weights.data());
     T* out = output.data();
     const float* w = weights.data();
     const long voxels = static_cast<long>(imageSize.x) * imageSize.y * imageSize.z;

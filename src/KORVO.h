@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <vector>
 
 #include "ImageData.h"
 #include "common.h"
@@ -81,6 +82,21 @@ struct CollectionBands {
     bool whole;
 };
 CollectionBands collectionBands(const Parameters& params);
+
+// How the slices of the reference grid are shared among the workers. Worker t
+// walks slices [t * perWorker, (t + 1) * perWorker) in order and keeps a slab
+// for the planes along the slice axis, [slabFirst[t], slabFirst[t] + slabCount[t]),
+// that lower-numbered workers can also touch. The slabs together never hold more
+// planes than the image: where they would, fewer workers share the slices.
+struct SlicePlan {
+    int workers = 1;  // workers sharing the slices, at most the pool's threads
+    int busy = 1;     // those whose share is not empty
+    int perWorker = 0;
+    std::vector<int> slabFirst;
+    std::vector<int> slabCount;
+};
+// For a record with normalised axis arrays.
+SlicePlan planSlices(const Parameters& params, int threads);
 }  // namespace korvo_detail
 
 template <StageName stage, typename T>

@@ -127,7 +127,8 @@ void alphaRooting(float exponent, float exponentFlat, bool updateVariances,
 template <typename T>
 void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int groupSize,
                const Cube4D<T>& group, const float* blockVariances, const float* window,
-               float meanVariance, ImageDataMutable<T>& numerator, ImageDataMutable<float>& weights) {
+               float meanVariance, ImageDataMutable<T>& numerator, ImageDataMutable<float>& weights,
+               const AggregationSlab<T>* slab) {
     const int bx = blockSize.x, by = blockSize.y, bz = blockSize.z;
     if (groupSize < 1 || bz < 1 || by < 1 || bx < 1) return;
     // The weight floor is relative to the group; the numerator's is absolute. Kept apart on purpose.
@@ -137,6 +138,17 @@ void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int 
     const long planeStride = numerator._planeSize;
     T* num = numerator.data();
     float* wts = weights.data();
+    const bool slabbed = slab != nullptr && slab->count > 0;
+    const bool alongZ = !slabbed || slab->sliceAxis == 2;
+    const int slabFirst = slabbed ? slab->first : 0;
+    const int slabEnd = slabbed ? slab->first + slab->count : 0;
+    // Start of row (y, z) of the block at p: in the slab on the planes it holds.
+    auto row = [&](auto* shared, auto* own, const Vec3<int>& p, int y, int z) {
+        const long offset = p.x + (p.y + y) * rowStride + (p.z + z) * planeStride;
+        const int plane = alongZ ? p.z + z : p.y + y;
+        if (plane >= slabFirst && plane < slabEnd) return own + (offset - slabFirst * slab->stride);
+        return shared + offset;
+    };
     for (int k = 0; k < groupSize; ++k) {
         const float v = blockVariances[k];
         const float vN = std::max(v, 1e-8f);
@@ -145,18 +157,16 @@ void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int 
         const T* block = group.data + k * slot;
         for (int z = 0; z < bz; ++z) {
             for (int y = 0; y < by; ++y) {
-                const long offset = p.x + (p.y + y) * rowStride + (p.z + z) * planeStride;
                 const T* g = block + bx * (y + by * z);
                 const float* w = window + bx * (y + by * z);
-                T* KORVO_RESTRICT numRow = num + offset;
+                T* KORVO_RESTRICT numRow = row(num, slabbed ? slab->numerator : num, p, y, z);
                 for (int x = 0; x < bx; ++x) numRow[x] += g[x] * w[x] / vN;
             }
         }
         for (int z = 0; z < bz; ++z) {
             for (int y = 0; y < by; ++y) {
-                const long offset = p.x + (p.y + y) * rowStride + (p.z + z) * planeStride;
                 const float* w = window + bx * (y + by * z);
-                float* KORVO_RESTRICT wRow = wts + offset;
+                float* KORVO_RESTRICT wRow = row(wts, slabbed ? slab->weights : wts, p, y, z);
                 for (int x = 0; x < bx; ++x) wRow[x] += w[x] / vW;
             }
         }
@@ -170,7 +180,8 @@ void processReferenceLocation(const Vec3<int>& referencePosition, const Paramete
                               int referenceIndex, const BlockCollection<T>& collection,
                               ImageDataMutable<T>& numerator, ImageDataMutable<float>& weights,
                               Memory<T>& memory, TempMemory<T>& tempMemory,
-                              BlockCollection<T>* pilotCollection, BlockMatchStorage* storage) {
+                              BlockCollection<T>* pilotCollection, BlockMatchStorage* storage,
+                              const AggregationSlab<T>* slab) {
     static std::mutex aggregationMutex;
     const BlockCollection<T>& matchCollection = stage == Wiener ? *pilotCollection : collection;
     gatherGroup(referencePosition, params, distanceCorrection, referenceIndex, matchCollection,
@@ -241,20 +252,21 @@ void processReferenceLocation(const Vec3<int>& referencePosition, const Paramete
 
     std::lock_guard<std::mutex> lock(aggregationMutex);
     aggregate<T>(memory.matches, blockSize, n, memory.estimate, memory.blockVariances, meta.window,
-                 meanVariance, numerator, weights);
+                 meanVariance, numerator, weights, slab);
 }
 
 template void alphaRooting<float>(float, float, bool, Cube4D<float>&, Cube4D<float>&);
 template void aggregate<float>(const BlockDistance<float>*, const Vec3<int>&, int,
                                const Cube4D<float>&, const float*, const float*, float,
-                               ImageDataMutable<float>&, ImageDataMutable<float>&);
+                               ImageDataMutable<float>&, ImageDataMutable<float>&,
+                               const AggregationSlab<float>*);
 template void processReferenceLocation<HardThresholding, float>(
     const Vec3<int>&, const Parameters&, const TransformsMeta<float>&, const float*, const float*,
     const float*, int, const BlockCollection<float>&, ImageDataMutable<float>&,
     ImageDataMutable<float>&, Memory<float>&, TempMemory<float>&, BlockCollection<float>*,
-    BlockMatchStorage*);
+    BlockMatchStorage*, const AggregationSlab<float>*);
 template void processReferenceLocation<Wiener, float>(
     const Vec3<int>&, const Parameters&, const TransformsMeta<float>&, const float*, const float*,
     const float*, int, const BlockCollection<float>&, ImageDataMutable<float>&,
     ImageDataMutable<float>&, Memory<float>&, TempMemory<float>&, BlockCollection<float>*,
-    BlockMatchStorage*);
+    BlockMatchStorage*, const AggregationSlab<float>*);

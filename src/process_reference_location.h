@@ -10,6 +10,20 @@
 template <typename T>
 class BlockCollection;
 
+// One worker's private accumulators for the planes along the slice axis that
+// lower-numbered workers also touch: contributions there are added here and
+// merged in worker order after the stage, so that the order of the additions
+// into the shared accumulators does not depend on thread timing.
+template <typename T>
+struct AggregationSlab {
+    int sliceAxis = 2;  // 2: planes along z; 1: rows along y (a single plane)
+    int first = 0;      // first plane held
+    int count = 0;      // planes held; 0: everything goes to the shared accumulators
+    long stride = 0;    // elements of one plane
+    T* numerator = nullptr;
+    float* weights = nullptr;
+};
+
 template <StageName stage, typename T>
 void processReferenceLocation(const Vec3<int>& referencePosition, const Parameters& params,
                               const TransformsMeta<T>& meta, const float* distanceCorrection,
@@ -17,7 +31,8 @@ void processReferenceLocation(const Vec3<int>& referencePosition, const Paramete
                               int referenceIndex, const BlockCollection<T>& collection,
                               ImageDataMutable<T>& numerator, ImageDataMutable<float>& weights,
                               Memory<T>& memory, TempMemory<T>& tempMemory,
-                              BlockCollection<T>* pilotCollection, BlockMatchStorage* storage);
+                              BlockCollection<T>* pilotCollection, BlockMatchStorage* storage,
+                              const AggregationSlab<T>* slab = nullptr);
 
 // Sharpens the surviving coefficients relative to the group DC; the DC itself
 // and its variance are never changed.
@@ -26,8 +41,10 @@ void alphaRooting(float exponent, float exponentFlat, bool updateVariances,
                   Cube4D<T>& coefficients, Cube4D<T>& variances);
 
 // Adds every filtered block, windowed and weighted by its inverse variance, into
-// the accumulators. The caller holds the stage's aggregation lock.
+// the accumulators (into `slab` instead on the planes it holds). The caller
+// holds the stage's aggregation lock.
 template <typename T>
 void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int groupSize,
                const Cube4D<T>& group, const float* blockVariances, const float* window,
-               float meanVariance, ImageDataMutable<T>& numerator, ImageDataMutable<float>& weights);
+               float meanVariance, ImageDataMutable<T>& numerator, ImageDataMutable<float>& weights,
+               const AggregationSlab<T>* slab = nullptr);

@@ -333,6 +333,10 @@ long long korvoCollectionBytes(const Parameters* params, int stage) {
         BlockCollection<float>::bandBlockCount(params->imageSize, params->blockSize, bands.halfExtent) *
         params->blockSize.volume() * static_cast<long long>(sizeof(float));
     const long long images = stage == Wiener ? 2 : 1;  // the Wiener stage also keeps the pilot's blocks
-    const long long copies = bands.whole ? 1 : korvo_detail::poolThreadCount(params->numThreads);
+    Parameters p = *params;
+    korvo_detail::normaliseAxisArrays(p);
+    // Split bands: one set per worker that gets slices.
+    const long long copies =
+        bands.whole ? 1 : korvo_detail::planSlices(p, korvo_detail::poolThreadCount(p.numThreads)).busy;
     return perCollection * images * copies;
 }
