@@ -52,11 +52,21 @@ int main(int argc, char** argv) {
         else if (std::strcmp(argv[i], "--out") == 0) outPath = argv[i + 1];
         else return usage();
     }
-    const bool plane = nz == 1;
-    const int minExtent = plane ? 8 : 4;
-    if (nx < minExtent || ny < minExtent || (!plane && nz < 4) || nz < 1 || !(sigma > 0.0f)) return usage();
+    if (nx < 1 || ny < 1 || nz < 1 || !(sigma > 0.0f)) return usage();
     const size_t count = static_cast<size_t>(nx) * ny * nz;
 
+    // The package's defaults for each stage, checked before anything is allocated.
+    Parameters stages[2];
+    for (int stage = 0; stage < 2; ++stage) {
+        korvoDefaultParameters(&stages[stage], stage, {nx, ny, nz}, sigma);
+        char reason[256];
+        if (korvoCheckParameters(&stages[stage], stage, reason, sizeof reason) != 0) {
+            std::fprintf(stderr, "cannot denoise this volume: %s\n", reason);
+            return 1;
+        }
+        std::printf("stage %d keeps %.1f MiB of pre-transformed blocks\n", stage,
+                    static_cast<double>(korvoCollectionBytes(&stages[stage], stage)) / (1 << 20));
+    }
     std::vector<float> noisy, clean;
     if (phantom) {
         korvo_phantom::Scene scene = korvo_phantom::whiteNoiseScene(nx, ny, nz, sigma, 2024);
@@ -73,16 +83,13 @@ int main(int argc, char** argv) {
         }
     }
 
-    const Parameters p = korvo_phantom::exampleParameters({nx, ny, nz});
     const float psd = sigma * sigma;
 
     std::vector<float> basic(count, 0.0f), result(count, 0.0f);
     const auto t0 = std::chrono::steady_clock::now();
-    Parameters first = p;
-    korvoInterfaceHT(noisy.data(), &psd, &first, nullptr, basic.data(), nullptr);
+    korvoInterfaceHT(noisy.data(), &psd, &stages[0], nullptr, basic.data(), nullptr);
     const auto t1 = std::chrono::steady_clock::now();
-    Parameters second = p;
-    korvoInterfaceWie(noisy.data(), &psd, &second, nullptr, basic.data(), result.data(), nullptr);
+    korvoInterfaceWie(noisy.data(), &psd, &stages[1], nullptr, basic.data(), result.data(), nullptr);
     const auto t2 = std::chrono::steady_clock::now();
     const double s1 = std::chrono::duration<double>(t1 - t0).count();
     const double s2 = std::chrono::duration<double>(t2 - t1).count();
