@@ -118,13 +118,13 @@ def run(quick, sigma, seed):
         for kind in noises:
             if kind == "white":
                 noisy = clean + sigma * rng.standard_normal(clean.shape)
-                model = sigma
+                model = dict(sigma=sigma)
             else:
                 noisy = clean + korvo.coloured_noise(KERNEL, clean.shape, sigma, rng)
-                model = korvo.psd_from_kernel(KERNEL, (16, 16, 16), sigma)
+                model = dict(psd=korvo.psd_from_kernel(KERNEL, (16, 16, 16), sigma))
             psnr0, ssim0 = metrics(noisy, clean)
             rows.append((name, kind, "noisy input", "", psnr0, ssim0, 0.0, 0))
-            estimate, seconds, memory = measure(lambda: korvo.korvo(noisy, model))
+            estimate, seconds, memory = measure(lambda: korvo.korvo(noisy, **model))
             rows.append((name, kind, "korvo", "defaults", *metrics(estimate, clean), seconds, memory))
             for method, settings in competitors(sigma).items():
                 best = None

@@ -22,11 +22,12 @@ def main():
     sigmas = (0.05, 0.2)
     channels = [clean + s * rng.standard_normal(clean.shape) for s in sigmas]
 
-    alone = korvo.korvo(channels[1], sigmas[1])
+    alone = korvo.korvo(channels[1], sigma=sigmas[1])
 
+    # One call for all channels: the first records its groups, the others replay them.
     store = korvo.MatchStorage()
-    korvo.korvo(channels[0], sigmas[0], matches=store)  # matches and records
-    shared = korvo.korvo(channels[1], sigmas[1], matches=store)  # replays the groups
+    both = korvo.korvo(np.stack(channels), sigma=sigmas, channel_axis=0, matches=store)
+    shared = both[1]
 
     print(f"noisy channel:               {psnr(channels[1], clean):6.2f} dB")
     print(f"denoised on its own:         {psnr(alone, clean):6.2f} dB")

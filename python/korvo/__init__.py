@@ -2,15 +2,18 @@
 groups of similar blocks, with white or coloured noise.
 
     >>> import korvo
-    >>> y = korvo.korvo(z, sigma)                 # white noise of std sigma
-    >>> y = korvo.korvo(z, psd)                   # coloured noise with this PSD
-    >>> y = korvo.korvo(z, korvo.estimate_sigma(z))
+    >>> y = korvo.korvo(z, sigma=s)               # white noise of std s
+    >>> y = korvo.korvo(z, psd=psd)               # coloured noise with this PSD
+    >>> y = korvo.korvo(z, sigma=korvo.estimate_sigma(z))
+    >>> y = korvo.korvo(rgb, sigma=s, channel_axis=-1)
 
 Arrays are (rows, columns) or (slices, rows, columns); every per-axis setting
 of :class:`KORVOProfile` is an (x, y, z) tuple with x the array's last axis.
 """
 
-from ._core import MatchStorage, StageMatches, available_memory, korvo
+from .denoise import korvo
+from .matches import MatchStorage, StageMatches
+from .memory import available_memory
 from .noise import coloured_noise, estimate_sigma, psd_from_kernel, psd_sigma, white_psd
 from .phantom import phantom
 from .profile import KORVOProfile, StageProfile

@@ -1,19 +1,25 @@
-// Python binding of the two filtering stages. Buffers are taken as they are
-// (float32, C-contiguous, checked here, never converted), the interpreter lock
+// Python binding of the library: the parameter record as a typed class, the
+// record services (defaults, checks, sizes) and the two filtering stages.
+// Stage buffers are taken as they are (float32, C-contiguous, checked here, never
+// converted), every record is checked before a stage runs, the interpreter lock
 // is released while a stage runs, and a stage can be watched and cancelled
 // through a Monitor from another Python thread.
-#include <pybind11/pybind11.h>
 #include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
 
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <tuple>
 
 #include "KORVO.h"
 
 namespace py = pybind11;
 
 namespace {
+
+using Triple = std::tuple<int, int, int>;
 
 // The library's thread pool takes one driving thread at a time.
 std::mutex& nativeMutex() {
@@ -30,6 +36,41 @@ struct Monitor {
     void cancel() { state.cancel.store(true); }
 };
 
+Parameters blankParameters() {
+    Parameters p{};
+    p.axisArrayLength = {0, 0, 0};  // no per-axis grid offsets
+    p.axisArrays = {nullptr, nullptr, nullptr};
+    return p;
+}
+
+// Exposes a Vec3<int> field as an (x, y, z) tuple.
+template <Vec3<int> Parameters::*field>
+void vec3Field(py::class_<Parameters>& cls, const char* name) {
+    cls.def_property(
+        name,
+        [](const Parameters& p) {
+            const Vec3<int>& v = p.*field;
+            return Triple{v.x, v.y, v.z};
+        },
+        [](Parameters& p, const Triple& t) {
+            p.*field = {std::get<0>(t), std::get<1>(t), std::get<2>(t)};
+        });
+}
+
+// Python-visible field names, in the record's order.
+const char* const kFields[] = {"block_size", "psd_work_size", "use_real_fft", "max_group_size",
+                               "variance_group_limit", "threshold_factor", "wiener_factor",
+                               "match_variance_weight", "search_window", "image_size", "psd_size",
+                               "step", "min_reduce_count", "match_threshold",
+                               "split_block_extraction", "sharpen", "sharpen_variances",
+                               "sharpen_exponent", "sharpen_exponent_flat", "num_threads"};
+
+std::string checkParameters(const Parameters& params, int stage) {
+    char message[512];
+    return korvoCheckParameters(&params, stage, message, sizeof message) == 0 ? std::string()
+                                                                             : std::string(message);
+}
+
 void requireBuffer(const py::array& array, const char* name, bool writable, py::ssize_t count) {
     if (!py::array_t<float>::check_(array)) {
         throw py::type_error(std::string(name) + " must be a float32 array");
@@ -40,7 +81,7 @@ void requireBuffer(const py::array& array, const char* name, bool writable, py::
     if (writable && !array.writeable()) {
         throw py::value_error(std::string(name) + " must be writable");
     }
-    if (count >= 0 && array.size() != count) {
+    if (array.size() != count) {
         throw py::value_error(std::string(name) + " has " + std::to_string(array.size()) +
                               " elements, expected " + std::to_string(count));
     }
@@ -52,54 +93,57 @@ void requireInt32(const py::array& array, const char* name, py::ssize_t count) {
         throw py::type_error(std::string(name) + " must be a writable C-contiguous int32 array");
     }
     if (array.size() < count) {
-        throw py::value_error(std::string(name) + " is too small for the match storage");
+        throw py::value_error(std::string(name) + " holds " + std::to_string(array.size()) +
+                              " values, the match storage needs " + std::to_string(count));
     }
 }
 
-Vec3<int> vec3(const py::dict& values, const char* key) {
-    auto t = values[key].cast<std::tuple<int, int, int>>();
-    return {std::get<0>(t), std::get<1>(t), std::get<2>(t)};
+// A match storage over the arrays of korvo.StageMatches: (counts, positions,
+// relative positions, entries per reference, rows, filled). The arrays stay
+// referenced by the caller's tuple while the record points into them.
+BlockMatchStorage toStorage(const py::tuple& s, const Parameters& params) {
+    if (s.size() != 6) {
+        throw py::value_error("storage must be (counts, positions, relative, entries, rows, filled)");
+    }
+    const int entries = s[3].cast<int>();
+    const bool filled = s[5].cast<bool>();
+    if (entries < 1) throw py::value_error("match storage rows must hold at least one entry");
+    // Recording writes up to maxGroupSize entries per row; replay reads the counts.
+    if (!filled && entries < params.maxGroupSize) {
+        throw py::value_error("match storage rows are shorter than the largest group");
+    }
+    const py::ssize_t rows = korvoMatchStorageRows(&params);
+    py::array counts = s[0].cast<py::array>();
+    py::array positions = s[1].cast<py::array>();
+    py::array relative = s[2].cast<py::array>();
+    requireInt32(counts, "counts", rows);
+    requireInt32(positions, "positions", rows * entries * 3);
+    requireInt32(relative, "relative_positions", rows * entries * 3);
+    BlockMatchStorage storage{};
+    storage.entriesPerReference = entries;
+    storage.counts = static_cast<std::int32_t*>(counts.mutable_data());
+    storage.positions = static_cast<Vec3<int>*>(positions.mutable_data());
+    storage.relativePositions = static_cast<Vec3<int>*>(relative.mutable_data());
+    storage.rows = filled ? s[4].cast<std::int32_t>() : 0;
+    storage.filled = filled ? 1 : 0;
+    return storage;
 }
 
-Parameters toParameters(const py::dict& v) {
-    Parameters p{};
-    p.blockSize = vec3(v, "block_size");
-    p.psdWorkSize = vec3(v, "psd_work_size");
-    p.useRealFft = v["use_real_fft"].cast<bool>();
-    p.maxGroupSize = v["max_group_size"].cast<int>();
-    p.varianceGroupLimit = v["variance_group_limit"].cast<int>();
-    p.thresholdFactor = v["threshold_factor"].cast<float>();
-    p.wienerFactor = v["wiener_factor"].cast<float>();
-    p.matchVarianceWeight = v["match_variance_weight"].cast<float>();
-    p.searchWindow = vec3(v, "search_window");
-    p.imageSize = vec3(v, "image_size");
-    p.psdSize = vec3(v, "psd_size");
-    p.step = vec3(v, "step");
-    p.minReduceCount = v["min_reduce_count"].cast<int>();
-    p.matchThreshold = v["match_threshold"].cast<float>();
-    auto split = v["split_block_extraction"].cast<std::tuple<bool, bool, bool>>();
-    p.splitBlockExtraction[0] = std::get<0>(split);
-    p.splitBlockExtraction[1] = std::get<1>(split);
-    p.splitBlockExtraction[2] = std::get<2>(split);
-    // No per-axis grid offsets: the entry points substitute their zero table.
-    p.axisArrayLength = {0, 0, 0};
-    p.axisArrays = {nullptr, nullptr, nullptr};
-    p.sharpen = v["sharpen"].cast<bool>();
-    p.sharpenVariances = v["sharpen_variances"].cast<bool>();
-    p.sharpenExponent = v["sharpen_exponent"].cast<float>();
-    p.sharpenExponentFlat = v["sharpen_exponent_flat"].cast<float>();
-    p.numThreads = v["num_threads"].cast<int>();
-    return p;
+std::string checkStorage(const Parameters& params, const BlockMatchStorage& storage) {
+    char message[512];
+    return korvoCheckMatchStorage(&params, &storage, message, sizeof message) == 0
+               ? std::string()
+               : std::string(message);
 }
 
-// Runs one stage. Returns (completed, rows): completed is false when the stage
-// stopped early (allocation failure or cancellation, which the monitor tells
-// apart); rows is the number of match-storage rows written (0 without storage).
-py::tuple runStage(int stage, const py::array& noisy, const py::array& psd, const py::dict& values,
-                   const py::object& pilotObject, py::array output,
-                   const py::object& storageObject, Monitor& monitor) {
-    if (stage != 0 && stage != 1) throw py::value_error("stage must be 0 or 1");
-    Parameters params = toParameters(values);
+// Runs one stage. Returns (status, rows): how the stage ended and the number of
+// match-storage rows written (0 without storage).
+py::tuple runStage(int stage, const py::array& noisy, const py::array& psd, Parameters params,
+                   const py::object& pilotObject, py::array output, const py::object& storageObject,
+                   Monitor& monitor) {
+    if (stage != HardThresholding && stage != Wiener) throw py::value_error("stage must be 0 or 1");
+    const std::string refused = checkParameters(params, stage);
+    if (!refused.empty()) throw py::value_error(refused);
     const py::ssize_t voxels = static_cast<py::ssize_t>(params.imageSize.x) * params.imageSize.y *
                                params.imageSize.z;
     const py::ssize_t psdCount =
@@ -110,7 +154,7 @@ py::tuple runStage(int stage, const py::array& noisy, const py::array& psd, cons
 
     const float* pilot = nullptr;
     py::array pilotArray;
-    if (stage == 1) {
+    if (stage == Wiener) {
         if (pilotObject.is_none()) throw py::value_error("the Wiener stage needs a pilot");
         pilotArray = pilotObject.cast<py::array>();
         requireBuffer(pilotArray, "pilot", false, voxels);
@@ -119,27 +163,14 @@ py::tuple runStage(int stage, const py::array& noisy, const py::array& psd, cons
 
     BlockMatchStorage storage{};
     BlockMatchStorage* storagePointer = nullptr;
-    py::array counts, positions, relative;
+    py::tuple storageTuple;
     if (!storageObject.is_none()) {
-        auto s = storageObject.cast<py::tuple>();
-        if (s.size() != 5) throw py::value_error("storage must be (counts, positions, relative, entries, filled)");
-        counts = s[0].cast<py::array>();
-        positions = s[1].cast<py::array>();
-        relative = s[2].cast<py::array>();
-        const int entries = s[3].cast<int>();
-        if (entries < params.maxGroupSize) {
-            throw py::value_error("match storage rows are shorter than the largest group");
+        storageTuple = storageObject.cast<py::tuple>();
+        storage = toStorage(storageTuple, params);
+        if (storage.filled) {
+            const std::string bad = checkStorage(params, storage);
+            if (!bad.empty()) throw py::value_error("the stored matches cannot be replayed: " + bad);
         }
-        const py::ssize_t rows = counts.size();
-        requireInt32(counts, "counts", rows);
-        requireInt32(positions, "positions", rows * entries * 3);
-        requireInt32(relative, "relative_positions", rows * entries * 3);
-        storage.entriesPerReference = entries;
-        storage.counts = static_cast<std::int32_t*>(counts.mutable_data());
-        storage.positions = static_cast<Vec3<int>*>(positions.mutable_data());
-        storage.relativePositions = static_cast<Vec3<int>*>(relative.mutable_data());
-        storage.rows = 0;
-        storage.filled = s[4].cast<bool>() ? 1 : 0;
         storagePointer = &storage;
     }
 
@@ -148,7 +179,7 @@ py::tuple runStage(int stage, const py::array& noisy, const py::array& psd, cons
     float* outputData = static_cast<float*>(output.mutable_data());
     Transforms<float> builtIn{};  // null first member: the library's built-in sets
 
-    bool completed = false;
+    korvo_detail::StageStatus status = korvo_detail::StageStatus::Completed;
     std::string missingTransform;
     {
         py::gil_scoped_release release;
@@ -157,11 +188,11 @@ py::tuple runStage(int stage, const py::array& noisy, const py::array& psd, cons
         monitor.state.slicesTotal.store(0);
         korvo_detail::setStageMonitor(&monitor.state);
         try {
-            completed = stage == 0
-                            ? korvo_detail::runStageHT(noisyData, psdData, &params, &builtIn,
-                                                       outputData, storagePointer)
-                            : korvo_detail::runStageWie(noisyData, psdData, &params, &builtIn, pilot,
-                                                        outputData, storagePointer);
+            status = stage == HardThresholding
+                         ? korvo_detail::runStageHT(noisyData, psdData, &params, &builtIn,
+                                                    outputData, storagePointer)
+                         : korvo_detail::runStageWie(noisyData, psdData, &params, &builtIn, pilot,
+                                                     outputData, storagePointer);
         } catch (const MissingTransformException& e) {
             missingTransform = e.what();
         } catch (...) {
@@ -171,7 +202,7 @@ py::tuple runStage(int stage, const py::array& noisy, const py::array& psd, cons
         korvo_detail::setStageMonitor(nullptr);
     }
     if (!missingTransform.empty()) throw py::value_error(missingTransform);
-    return py::make_tuple(completed, storagePointer ? storage.rows : 0);
+    return py::make_tuple(status, storagePointer ? storage.rows : 0);
 }
 
 }  // namespace
@@ -179,13 +210,98 @@ py::tuple runStage(int stage, const py::array& noisy, const py::array& psd, cons
 PYBIND11_MODULE(_native, m) {
     m.doc() = "Native stages of the korvo denoiser (internal; use korvo.korvo).";
 
+    py::class_<Parameters> params(m, "Parameters",
+                                  "The library's parameter record of one stage; per-axis "
+                                  "fields are (x, y, z) tuples.");
+    params.def(py::init(&blankParameters))
+        .def(py::init<const Parameters&>(), py::arg("other"))
+        .def_readwrite("use_real_fft", &Parameters::useRealFft)
+        .def_readwrite("max_group_size", &Parameters::maxGroupSize)
+        .def_readwrite("variance_group_limit", &Parameters::varianceGroupLimit)
+        .def_readwrite("threshold_factor", &Parameters::thresholdFactor)
+        .def_readwrite("wiener_factor", &Parameters::wienerFactor)
+        .def_readwrite("match_variance_weight", &Parameters::matchVarianceWeight)
+        .def_readwrite("min_reduce_count", &Parameters::minReduceCount)
+        .def_readwrite("match_threshold", &Parameters::matchThreshold)
+        .def_readwrite("sharpen", &Parameters::sharpen)
+        .def_readwrite("sharpen_variances", &Parameters::sharpenVariances)
+        .def_readwrite("sharpen_exponent", &Parameters::sharpenExponent)
+        .def_readwrite("sharpen_exponent_flat", &Parameters::sharpenExponentFlat)
+        .def_readwrite("num_threads", &Parameters::numThreads)
+        .def_property(
+            "split_block_extraction",
+            [](const Parameters& p) {
+                return std::make_tuple(p.splitBlockExtraction[0], p.splitBlockExtraction[1],
+                                       p.splitBlockExtraction[2]);
+            },
+            [](Parameters& p, const std::tuple<bool, bool, bool>& t) {
+                p.splitBlockExtraction[0] = std::get<0>(t);
+                p.splitBlockExtraction[1] = std::get<1>(t);
+                p.splitBlockExtraction[2] = std::get<2>(t);
+            });
+    vec3Field<&Parameters::blockSize>(params, "block_size");
+    vec3Field<&Parameters::psdWorkSize>(params, "psd_work_size");
+    vec3Field<&Parameters::searchWindow>(params, "search_window");
+    vec3Field<&Parameters::imageSize>(params, "image_size");
+    vec3Field<&Parameters::psdSize>(params, "psd_size");
+    vec3Field<&Parameters::step>(params, "step");
+    params.attr("FIELDS") = py::cast(std::vector<std::string>(std::begin(kFields), std::end(kFields)));
+    params.def("__repr__", [](const py::object& self) {
+        std::string text = "Parameters(";
+        for (const char* name : kFields) {
+            if (text.back() != '(') text += ", ";
+            text += std::string(name) + "=" + py::repr(self.attr(name)).cast<std::string>();
+        }
+        return text + ")";
+    });
+    params.def("__eq__", [](const py::object& self, const py::object& other) {
+        if (!py::isinstance<Parameters>(other)) return false;
+        for (const char* name : kFields) {
+            if (!self.attr(name).equal(other.attr(name))) return false;
+        }
+        return true;
+    });
+
+    py::enum_<korvo_detail::StageStatus>(m, "StageStatus")
+        .value("COMPLETED", korvo_detail::StageStatus::Completed)
+        .value("OUT_OF_MEMORY", korvo_detail::StageStatus::OutOfMemory)
+        .value("THREAD_START_FAILED", korvo_detail::StageStatus::ThreadStartFailed)
+        .value("CANCELLED", korvo_detail::StageStatus::Cancelled);
+
     py::class_<Monitor>(m, "Monitor")
         .def(py::init<>())
         .def_property_readonly("slices_done", &Monitor::slicesDone)
         .def_property_readonly("slices_total", &Monitor::slicesTotal)
         .def_property_readonly("cancelled", &Monitor::cancelled)
-        .def("cancel", &Monitor::cancel, "Ask the running stage to stop at the next slice.");
+        .def("cancel", &Monitor::cancel, "Ask the running stage to stop at the next row.");
 
+    m.def(
+        "default_parameters",
+        [](int stage, const Triple& image, float sigma) {
+            Parameters p = blankParameters();
+            korvoDefaultParameters(&p, stage, {std::get<0>(image), std::get<1>(image), std::get<2>(image)},
+                                   sigma);
+            return p;
+        },
+        py::arg("stage"), py::arg("image_size"), py::arg("sigma"),
+        "The package defaults of one stage for an image of this (x, y, z) size and white noise.");
+    m.def("check_parameters", &checkParameters, py::arg("params"), py::arg("stage"),
+          "Why a stage cannot run this record, or an empty string when it can.");
+    m.def(
+        "check_match_storage",
+        [](const Parameters& p, const py::tuple& storage) {
+            return checkStorage(p, toStorage(storage, p));
+        },
+        py::arg("params"), py::arg("storage"),
+        "Why these filled match lists cannot be replayed with this record, or an empty string.");
+    m.def(
+        "match_storage_rows", [](const Parameters& p) { return korvoMatchStorageRows(&p); },
+        py::arg("params"), "Reference rows a stage running this record records.");
+    m.def(
+        "collection_bytes",
+        [](const Parameters& p, int stage) { return korvoCollectionBytes(&p, stage); },
+        py::arg("params"), py::arg("stage"),
+        "Bytes of block collections a stage running this record allocates.");
     m.def("run_stage", &runStage, py::arg("stage"), py::arg("noisy"), py::arg("psd"),
           py::arg("params"), py::arg("pilot"), py::arg("output"), py::arg("storage"),
           py::arg("monitor"),

@@ -7,8 +7,9 @@ axis of a 3-D array.  A value printed by the native library, such as
 written: ``True`` on z splits along the array's first axis.
 
 A setting left at ``None`` is chosen per call from the data (2-D image or 3-D
-volume, its shape, the memory the machine has); :meth:`KORVOProfile.resolve`
-shows what a call would use.
+volume, its shape, the memory the machine has), from the library's own
+defaults; :meth:`KORVOProfile.resolve` shows the native records a call would
+use.
 """
 
 from __future__ import annotations
@@ -16,8 +17,16 @@ from __future__ import annotations
 import copy
 import math
 import numbers
+import os
+import re
 
-__all__ = ["StageProfile", "KORVOProfile", "BLOCK_SIZES", "FFT_LENGTHS"]
+import numpy as np
+
+from . import _native
+from .memory import choose_split, split_budget
+
+__all__ = ["StageProfile", "KORVOProfile", "BLOCK_SIZES", "FFT_LENGTHS", "stage_parameters",
+           "shape_xyz", "STAGE_KEYS"]
 
 # Block sizes with built-in transform sets: cubes for volumes, squares for planes.
 BLOCK_SIZES = ((4, 4, 4), (8, 8, 1))
@@ -27,6 +36,13 @@ FFT_LENGTHS = (1, 4, 8, 16, 32, 64)
 # in a signed 32-bit integer).
 MAX_WORK_POINTS = 46340
 MAX_GROUP = 64
+# Bounds of the factors: far beyond any useful value, and small enough that the
+# squared threshold times a coefficient variance stays a finite float32.
+MAX_FACTOR = 1e3
+# A mean squared difference per voxel, in units of the noise variance: larger
+# than any distance of data within the supported dynamic range.
+MAX_MATCH_THRESHOLD = 1e30
+STAGE_KEYS = ("ht", "wiener")
 
 
 def _axis_tuple(name, value, minimum, allow_none=True):
@@ -121,18 +137,22 @@ class StageProfile(_Validated):
         (4, 4, 4) for volumes, (8, 8, 1) for planes (usable on volumes too).
         None: (4, 4, 4) for a 3-D array, (8, 8, 1) for a 2-D one.
     step
-        Distance between reference blocks (x, y, z). None: 3 on every axis of
-        the block's extent (1 along z for plane blocks).
+        Distance between reference blocks (x, y, z), at most the block extent
+        on every axis (a larger step leaves voxels uncovered and is refused).
+        None: 3 on every axis of the block's extent (1 along z for plane
+        blocks).
     search_window
         Half extents (x, y, z) of the window searched for similar blocks; the
         window holds (2x+1)(2y+1)(2z+1) positions. None: the stage default.
+        A call clamps each extent to what the data can serve (extent minus
+        block), which changes no group.
     max_group_size
         Largest group of blocks, reference included: a power of two, 1 to 64.
     match_threshold
         Largest accepted distance between a block and the reference, as a mean
         squared difference per voxel in units of the noise variance (the
         expected noise part is removed first when ``match_variance_weight`` is
-        positive).
+        positive). At most 1e30.
     """
 
     _defaults = dict(block_size=None, step=None, search_window=None,
@@ -155,7 +175,7 @@ class StageProfile(_Validated):
                 raise ValueError(f"max_group_size must be a power of two, got {value}")
             return value
         if name == "match_threshold":
-            return _number(name, value, 0.0)
+            return _number(name, value, 0.0, MAX_MATCH_THRESHOLD)
         return value
 
 
@@ -174,10 +194,11 @@ class KORVOProfile(_Validated):
         :class:`StageProfile` of the hard-thresholding and the Wiener stage.
     hard_threshold
         Hard-threshold lambda: a group coefficient is dropped when its
-        magnitude is below lambda times its noise standard deviation.
+        magnitude is below lambda times its noise standard deviation. 0 to
+        1000 (its square must stay a useful single-precision factor).
     wiener_factor
         Multiplier of the noise variance in the empirical Wiener gain
-        pilot^2 / (factor * variance + pilot^2).
+        pilot^2 / (factor * variance + pilot^2); above 0, at most 1000.
     psd_work_size
         Grid (x, y, z) on which the noise PSD is resampled and the noise
         variances are computed; each extent one of 1, 4, 8, 16, 32, 64, at
@@ -188,7 +209,7 @@ class KORVOProfile(_Validated):
         evenly). 0 to 64.
     match_variance_weight
         Weight of the expected noise distance subtracted from every block
-        distance before matching (0: none).
+        distance before matching (0: none); at most 1000.
     sharpen, sharpen_exponent, sharpen_exponent_flat, sharpen_variances
         Alpha-rooting of the thresholded spectrum: each coefficient c becomes
         |dc|^(1-e) |c|^e sign(c); exponents below 1 sharpen. The flat exponent
@@ -226,9 +247,9 @@ class KORVOProfile(_Validated):
                 raise TypeError(f"{name} must be a StageProfile")
             return value
         if name == "hard_threshold":
-            return _number(name, value, 0.0)
+            return _number(name, value, 0.0, MAX_FACTOR)
         if name == "wiener_factor":
-            return _number(name, value, 0.0, low_open=True)
+            return _number(name, value, 0.0, MAX_FACTOR, low_open=True)
         if name == "psd_work_size":
             value = _axis_tuple(name, value, 1)
             if value is None:
@@ -242,7 +263,7 @@ class KORVOProfile(_Validated):
         if name == "variance_group_limit":
             return _number(name, value, 0, MAX_GROUP, integer=True)
         if name == "match_variance_weight":
-            return _number(name, value, 0.0)
+            return _number(name, value, 0.0, MAX_FACTOR)
         if name in ("sharpen", "sharpen_variances"):
             return _flag(name, value)
         if name in ("sharpen_exponent", "sharpen_exponent_flat"):
@@ -264,13 +285,101 @@ class KORVOProfile(_Validated):
         return value
 
     def resolve(self, shape):
-        """Concrete per-stage settings a call on an array of this shape would use.
+        """The native records a call on an array of this shape would use.
 
-        Returns a dict with the keys ``"ht"`` and ``"wiener"``, each a dict of
-        (x, y, z) tuples and numbers. Shape-dependent checks (a block larger
-        than the data, a work grid smaller than the block) raise ValueError.
-        ``split_block_extraction`` stays None here when unset: it depends on
-        the machine and is decided by the call.
+        Returns ``{"ht": record, "wiener": record}``: ``korvo._native.Parameters``
+        with every per-axis value an (x, y, z) tuple, for noise of standard
+        deviation 1 (what the stages see after normalisation) given by sigma.
+        Thresholds appear in the library's units: ``threshold_factor`` is
+        ``hard_threshold`` squared, ``match_threshold`` the per-voxel value
+        times the block volume. Settings that cannot work on this shape raise
+        ValueError.
         """
-        from ._core import _resolve_profile  # local: the core imports this module
-        return _resolve_profile(self, tuple(shape))
+        shape = tuple(int(n) for n in shape)
+        if len(shape) not in (2, 3):
+            raise ValueError(f"expected a 2-D or 3-D shape, got {len(shape)} dimensions")
+        budget = split_budget(2 * 4 * math.prod(shape))
+        return {key: stage_parameters(self, stage, shape, budget=budget)
+                for stage, key in enumerate(STAGE_KEYS)}
+
+
+def shape_xyz(shape):
+    """Array shape (z, y, x) or (y, x) -> library extents (x, y, z)."""
+    if len(shape) == 2:
+        return (int(shape[1]), int(shape[0]), 1)
+    return (int(shape[2]), int(shape[1]), int(shape[0]))
+
+
+def _cpu_count():
+    try:
+        return max(1, len(os.sched_getaffinity(0)))
+    except (AttributeError, OSError):
+        return max(1, os.cpu_count() or 1)
+
+
+def _single(name, value):
+    """``value`` as the float32 the record holds; a value that does not fit is refused."""
+    single = np.float32(value)
+    if not np.isfinite(single):
+        raise ValueError(f"{name} = {value:.3g} in the library's units does not fit in single "
+                         f"precision; lower it or the noise level")
+    return float(single)
+
+
+def stage_parameters(profile, stage, shape, *, noise_std=1.0, psd_shape=None, budget=None):
+    """The native record of one stage (0: hard thresholding, 1: Wiener) of a
+    call on an array of ``shape`` whose noise, as the stages see it, has
+    standard deviation ``noise_std`` and the PSD shape ``psd_shape`` (None:
+    white, one value). Every unit conversion between the profile and the
+    library happens here. Unset profile values come from the library's
+    defaults; an unset split is chosen to fit ``budget`` bytes (None: no
+    limit). Combinations a stage cannot run raise ValueError."""
+    settings = getattr(profile, STAGE_KEYS[stage])
+    extents = shape_xyz(shape)
+    record = _native.default_parameters(stage, extents, noise_std)
+    block = settings.block_size or record.block_size
+    if block != record.block_size:
+        # Defaults that follow the block come from the data kind it is made for.
+        kind = extents if block[2] > 1 else extents[:2] + (1,)
+        derived = _native.default_parameters(stage, kind, noise_std)
+        record.step, record.psd_work_size = derived.step, derived.psd_work_size
+    record.block_size = block
+    record.step = settings.step or record.step
+    record.psd_work_size = profile.psd_work_size or record.psd_work_size
+    # A window wider than the data can serve changes no group, only time and memory.
+    window = settings.search_window or (record.search_window if block == record.block_size
+                                        else (5, 5, 5))
+    record.search_window = tuple(min(w, max(n - b, 0)) for w, n, b in zip(window, extents, block))
+    record.max_group_size = settings.max_group_size
+    record.variance_group_limit = profile.variance_group_limit
+    # Squared in single precision, as the library squares its own default.
+    threshold = np.float32(profile.hard_threshold)
+    record.threshold_factor = _single("hard_threshold squared", threshold * threshold)
+    record.wiener_factor = _single("wiener_factor", profile.wiener_factor)
+    record.match_variance_weight = _single("match_variance_weight", profile.match_variance_weight)
+    # Per-voxel mean squared distance in units of the noise variance -> a sum
+    # over the block in the stages' units.
+    record.match_threshold = _single(f"{STAGE_KEYS[stage]}.match_threshold",
+                                     settings.match_threshold * math.prod(block) * noise_std ** 2)
+    record.sharpen = profile.sharpen
+    record.sharpen_variances = profile.sharpen_variances
+    record.sharpen_exponent = profile.sharpen_exponent
+    record.sharpen_exponent_flat = profile.sharpen_exponent_flat
+    record.num_threads = profile.num_threads or _cpu_count()
+    if psd_shape is not None:
+        record.psd_size = shape_xyz(psd_shape)
+    _refuse(record, stage)
+    if profile.split_block_extraction is None:
+        choose_split(record, stage, budget, _native)
+    else:
+        record.split_block_extraction = profile.split_block_extraction
+    return record
+
+
+def _refuse(record, stage):
+    reason = _native.check_parameters(record, stage)
+    if reason:
+        # The library names its record's fields; the profile spells them in snake case.
+        words = re.sub(r"(?<=[a-z])([A-Z])", lambda m: "_" + m.group(1).lower(), reason)
+        words = words.replace("image_size", "the data's (x, y, z) extents")
+        raise ValueError(f"profile.{STAGE_KEYS[stage]}: {words}")

@@ -22,43 +22,39 @@ def test_volume_and_image_are_denoised(volume, image, rng):
 
 def test_any_real_dtype_and_layout(volume, rng):
     noisy = volume + 0.1 * rng.standard_normal(volume.shape)
-    reference = korvo.korvo(noisy.astype(np.float32), 0.1, SERIAL)
+    reference = korvo.korvo(noisy.astype(np.float32), 0.1, profile=SERIAL)
     # float64, a non-contiguous view and integers all reach the same float32 data
-    np.testing.assert_allclose(korvo.korvo(noisy, 0.1, SERIAL), reference, atol=1e-4)
+    np.testing.assert_allclose(korvo.korvo(noisy, 0.1, profile=SERIAL), reference, atol=1e-4)
     transposed = np.ascontiguousarray(noisy.astype(np.float32).transpose(2, 1, 0)).transpose(2, 1, 0)
     assert not transposed.flags.c_contiguous
-    np.testing.assert_allclose(korvo.korvo(transposed, 0.1, SERIAL), reference, atol=1e-4)
+    np.testing.assert_allclose(korvo.korvo(transposed, 0.1, profile=SERIAL), reference, atol=1e-4)
     counts = np.round(noisy * 1000).astype(np.int16)
-    out = korvo.korvo(counts, 100.0)
+    out = korvo.korvo(counts, np.float64(100.0))
     assert out.dtype == np.float32
     assert psnr(out / 1000, volume) > psnr(counts / 1000, volume) + 6
 
 
 def test_unit_invariance(volume, rng):
     noisy = volume + 0.1 * rng.standard_normal(volume.shape)
-    base = korvo.korvo(noisy, 0.1, SERIAL).astype(np.float64)
+    base = korvo.korvo(noisy, 0.1, profile=SERIAL).astype(np.float64)
     for a, b in ((3.0, 7.0), (0.01, -2.5), (250.0, 1000.0)):
-        scaled = korvo.korvo(a * noisy + b, a * 0.1, SERIAL).astype(np.float64)
+        scaled = korvo.korvo(a * noisy + b, a * 0.1, profile=SERIAL).astype(np.float64)
         np.testing.assert_allclose(scaled, a * base + b, rtol=0, atol=1e-5 * (a + abs(b)))
-
-
-def test_unit_invariance_with_psd(volume, rng):
-    noisy = volume + 0.1 * rng.standard_normal(volume.shape)
     psd = korvo.white_psd(0.1, (8, 8, 8)).astype(np.float64)
-    base = korvo.korvo(noisy, psd, SERIAL).astype(np.float64)
-    scaled = korvo.korvo(4.0 * noisy - 3.0, 16.0 * psd, SERIAL).astype(np.float64)
+    base = korvo.korvo(noisy, psd=psd, profile=SERIAL).astype(np.float64)
+    scaled = korvo.korvo(4.0 * noisy - 3.0, psd=16.0 * psd, profile=SERIAL).astype(np.float64)
     np.testing.assert_allclose(scaled, 4.0 * base - 3.0, atol=1e-4)
 
 
 def test_sigma_equals_flat_psd_of_any_shape(volume, image, rng):
     noisy = volume + 0.1 * rng.standard_normal(volume.shape)
-    by_sigma = korvo.korvo(noisy, 0.1, SERIAL)
+    by_sigma = korvo.korvo(noisy, 0.1, profile=SERIAL)
     for shape in ((16, 16, 16), (5, 7, 3), (32, 32), (1, 1, 1)):
         psd = np.full(shape, 0.01 * np.prod(shape))
-        np.testing.assert_allclose(korvo.korvo(noisy, psd, SERIAL), by_sigma, atol=2e-4)
+        np.testing.assert_allclose(korvo.korvo(noisy, psd=psd, profile=SERIAL), by_sigma, atol=2e-4)
     noisy2 = image + 0.1 * rng.standard_normal(image.shape)
-    np.testing.assert_allclose(korvo.korvo(noisy2, np.full((24, 24), 0.01 * 576), SERIAL),
-                               korvo.korvo(noisy2, 0.1, SERIAL), atol=2e-4)
+    np.testing.assert_allclose(korvo.korvo(noisy2, psd=np.full((24, 24), 0.01 * 576), profile=SERIAL),
+                               korvo.korvo(noisy2, 0.1, profile=SERIAL), atol=2e-4)
 
 
 def test_coloured_noise_psd_beats_white_assumption(rng):
@@ -68,19 +64,20 @@ def test_coloured_noise_psd_beats_white_assumption(rng):
     noisy = clean + noise
     psd = korvo.psd_from_kernel(kernel, (16, 16, 16), 0.1)
     assert korvo.psd_sigma(psd) == pytest.approx(0.1, rel=1e-3)
-    with_psd = psnr(korvo.korvo(noisy, psd), clean)
+    with_psd = psnr(korvo.korvo(noisy, psd=psd), clean)
     white = psnr(korvo.korvo(noisy, korvo.psd_sigma(psd)), clean)
     assert with_psd > white + 0.5
 
 
 def test_stage_control(volume, rng):
     noisy = volume + 0.15 * rng.standard_normal(volume.shape)
-    both = korvo.korvo(noisy, 0.15, SERIAL)
-    ht = korvo.korvo(noisy, 0.15, SERIAL, stages="ht")
+    both = korvo.korvo(noisy, 0.15, profile=SERIAL)
+    ht = korvo.korvo(noisy, 0.15, profile=SERIAL, stages="ht")
     assert psnr(ht, volume) > psnr(noisy, volume) + 5
     assert psnr(both, volume) > psnr(ht, volume)
-    # The Wiener stage with the first stage's result as pilot is the two-stage run.
-    wiener = korvo.korvo(noisy, 0.15, SERIAL, stages="wiener", pilot=ht)
+    # The Wiener stage with the first stage's result as pilot is the two-stage
+    # run, up to the rounding of that pilot to the data's units.
+    wiener = korvo.korvo(noisy, 0.15, profile=SERIAL, stages="wiener", pilot=ht)
     np.testing.assert_allclose(wiener, both, atol=2e-3)
     # A perfect pilot helps the Wiener stage more than the estimate does.
     oracle = korvo.korvo(noisy, 0.15, stages="wiener", pilot=volume)
@@ -93,9 +90,9 @@ def test_match_reuse_across_channels(volume, rng):
                 0.5 * volume[:, ::-1] + sigma * rng.standard_normal(volume.shape)]
     store = korvo.MatchStorage()
     assert store.recorded == {"ht": False, "wiener": False}
-    first = korvo.korvo(channels[0], sigma, SERIAL, matches=store)
+    first = korvo.korvo(channels[0], sigma, profile=SERIAL, matches=store)
     assert store.recorded == {"ht": True, "wiener": True}
-    np.testing.assert_allclose(first, korvo.korvo(channels[0], sigma, SERIAL), atol=1e-5)
+    np.testing.assert_allclose(first, korvo.korvo(channels[0], sigma, profile=SERIAL), atol=1e-5)
     ht_groups = store.ht.groups()
     assert store.ht.rows > 0 and len(ht_groups) == store.ht.rows
     sizes = store.ht.counts[:store.ht.rows]
@@ -103,45 +100,93 @@ def test_match_reuse_across_channels(volume, rng):
     counts_before = store.wiener.counts.copy()
     positions_before = store.wiener.positions.copy()
 
-    # Replaying channel 0's groups on channel 0 reproduces the recording run.
-    np.testing.assert_allclose(korvo.korvo(channels[0], sigma, SERIAL, matches=store), first, atol=1e-5)
+    # Replaying channel 0's groups on channel 0 reproduces the recording run,
+    # also with room for larger groups than were recorded.
+    np.testing.assert_array_equal(korvo.korvo(channels[0], sigma, profile=SERIAL, matches=store),
+                                  first)
+    roomy = SERIAL.copy()
+    roomy.ht.max_group_size = roomy.wiener.max_group_size = 64
+    np.testing.assert_array_equal(korvo.korvo(channels[0], sigma, profile=roomy, matches=store),
+                                  first)
     # On channel 1 the groups are those of channel 0, not channel 1's own.
-    replayed = korvo.korvo(channels[1], sigma, SERIAL, matches=store)
-    own = korvo.korvo(channels[1], sigma, SERIAL)
+    replayed = korvo.korvo(channels[1], sigma, profile=SERIAL, matches=store)
+    own = korvo.korvo(channels[1], sigma, profile=SERIAL)
     assert np.abs(replayed - own).max() > 1e-3
     assert psnr(replayed, 0.5 * volume[:, ::-1]) > psnr(channels[1], 0.5 * volume[:, ::-1]) + 5
     np.testing.assert_array_equal(store.wiener.counts, counts_before)
     np.testing.assert_array_equal(store.wiener.positions, positions_before)
 
-    # Replay needs the same geometry.
+    # Replay needs the same geometry, and room for the largest stored group.
     with pytest.raises(ValueError, match="shape"):
         korvo.korvo(channels[0][:, :16], sigma, matches=store)
     profile = korvo.KORVOProfile()
     profile.ht.step = 2
     with pytest.raises(ValueError, match="step"):
-        korvo.korvo(channels[0], sigma, profile, matches=store)
+        korvo.korvo(channels[0], sigma, profile=profile, matches=store)
     profile = korvo.KORVOProfile()
     profile.wiener.max_group_size = 8
     with pytest.raises(ValueError, match="max_group_size"):
-        korvo.korvo(channels[0], sigma, profile, matches=store)
+        korvo.korvo(channels[0], sigma, profile=profile, matches=store)
     store.clear()
     assert store.recorded == {"ht": False, "wiener": False}
+
+
+def test_channel_axis_denoises_each_channel(volume, image, rng):
+    rgb = np.stack([image, image[::-1], image.T], axis=-1)
+    noisy = rgb + 0.1 * rng.standard_normal(rgb.shape)
+    sigmas = [0.1, 0.1, 0.12]
+    out = korvo.korvo(noisy, sigmas, channel_axis=-1, profile=SERIAL)
+    assert out.shape == rgb.shape and out.dtype == np.float32
+    for c in range(3):
+        np.testing.assert_array_equal(out[..., c], korvo.korvo(noisy[..., c], sigmas[c], profile=SERIAL))
+
+    # A 4-D volume with channels first; with a storage the first channel's
+    # groups serve the others, exactly as separate calls would.
+    stack = np.stack([volume, 0.5 * volume]) + 0.1 * rng.standard_normal((2,) + volume.shape)
+    store, expected_store = korvo.MatchStorage(), korvo.MatchStorage()
+    out = korvo.korvo(stack, 0.1, channel_axis=0, profile=SERIAL, matches=store)
+    for c in range(2):
+        np.testing.assert_array_equal(
+            out[c], korvo.korvo(stack[c], 0.1, profile=SERIAL, matches=expected_store))
+    np.testing.assert_array_equal(store.ht.counts, expected_store.ht.counts)
 
 
 def test_threads_and_band_splitting_agree(volume, rng, fast_profile):
     noisy = volume + 0.1 * rng.standard_normal(volume.shape)
     results = []
-    for threads, split in ((1, (False, False, False)), (2, (False, False, True)),
-                           (2, (False, True, True))):
+    for threads, split in ((1, (False, False, False)), (2, (False, False, False)),
+                           (2, (False, False, True)), (2, (False, True, True))):
         p = fast_profile.copy()
         p.num_threads = threads
         p.split_block_extraction = split
-        results.append(korvo.korvo(noisy, 0.1, p))
+        results.append(korvo.korvo(noisy, 0.1, profile=p))
     for other in results[1:]:
         # Summation order differs between thread counts: last-bit differences,
         # rarely amplified by a tie in matching.
         assert np.abs(other - results[0]).mean() < 1e-5
         np.testing.assert_allclose(other, results[0], atol=2e-3)
+
+
+def test_two_threads_repeat_to_the_last_bit(volume, rng):
+    noisy = volume + 0.1 * rng.standard_normal(volume.shape)
+    for split in ((False, False, False), (False, False, True)):
+        p = korvo.KORVOProfile(num_threads=2, split_block_extraction=split)
+        for stages in ("ht", "both"):
+            np.testing.assert_array_equal(korvo.korvo(noisy, 0.1, profile=p, stages=stages),
+                                          korvo.korvo(noisy, 0.1, profile=p, stages=stages))
+
+
+def test_search_window_beyond_the_data_changes_nothing(rng):
+    clean = korvo.phantom((20, 20, 20))
+    noisy = clean + 0.1 * rng.standard_normal(clean.shape)
+    results = []
+    for window in (16, 30, 1000):  # 16 = extent - block: every position already
+        p = SERIAL.copy()
+        p.ht.search_window = p.wiener.search_window = window
+        assert p.resolve(clean.shape)["ht"].search_window == (16, 16, 16)
+        results.append(korvo.korvo(noisy, 0.1, profile=p))
+    for other in results[1:]:
+        np.testing.assert_array_equal(other, results[0])
 
 
 def test_without_normalisation(volume, rng):
@@ -154,14 +199,14 @@ def test_profile_settings_reach_the_library(volume, rng):
     noisy = volume + 0.1 * rng.standard_normal(volume.shape)
     base = korvo.korvo(noisy, 0.1, stages="ht")
     p = korvo.KORVOProfile(hard_threshold=0.0)  # nothing is thresholded: output ~ input
-    kept = korvo.korvo(noisy, 0.1, p, stages="ht")
+    kept = korvo.korvo(noisy, 0.1, profile=p, stages="ht")
     assert np.abs(kept - noisy).max() < 1e-3
     p = korvo.KORVOProfile(sharpen=True, sharpen_exponent=0.7, sharpen_exponent_flat=0.7)
-    assert np.abs(korvo.korvo(noisy, 0.1, p, stages="ht") - base).max() > 1e-3
+    assert np.abs(korvo.korvo(noisy, 0.1, profile=p, stages="ht") - base).max() > 1e-3
     p = korvo.KORVOProfile()
     p.ht.block_size = (8, 8, 1)
-    p.ht.step = (3, 3, 1)
-    assert psnr(korvo.korvo(noisy, 0.1, p, stages="ht"), volume) > psnr(noisy, volume) + 4
+    assert p.resolve(volume.shape)["ht"].step == (3, 3, 1)
+    assert psnr(korvo.korvo(noisy, 0.1, profile=p, stages="ht"), volume) > psnr(noisy, volume) + 4
 
 
 def test_estimate_sigma(volume, image, rng):

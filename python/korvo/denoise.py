@@ -1,0 +1,269 @@
+"""The denoising call: checks, unit normalisation, channels, stage driving."""
+
+from __future__ import annotations
+
+import threading
+
+import numpy as np
+
+from . import _native
+from .matches import MatchStorage
+from .memory import SPLIT_ADVICE, split_budget
+from .profile import KORVOProfile, stage_parameters
+from .progress import make_reporter
+from .validation import check_channels, check_data, check_noise, check_range
+
+__all__ = ["korvo"]
+
+_STAGES = {"both": (0, 1), "ht": (0,), "wiener": (1,)}
+_STAGE_LABELS = ("korvo hard thresholding", "korvo Wiener")
+
+# One native run at a time: the library's thread pool has a single driver.
+_NATIVE_LOCK = threading.Lock()
+# How often the driving thread looks at progress and for an interrupt.
+_POLL_SECONDS = 0.1
+# Elements normalised per chunk (bounds the float64 temporaries).
+_CHUNK = 1 << 22
+
+
+def _to_float32(a, offset, scale, out=None):
+    """(a - offset) / scale as C-contiguous float32, in chunks of the first axis."""
+    if out is None:
+        out = np.empty(a.shape, dtype=np.float32)
+    rows = max(1, _CHUNK // max(1, a[0].size))
+    inverse = 1.0 / scale
+    for start in range(0, a.shape[0], rows):
+        part = np.asarray(a[start:start + rows], dtype=np.float64)
+        out[start:start + rows] = (part - offset) * inverse
+    return out
+
+
+def _run_stage(stage, noisy, psd, record, pilot, output, storage, reporter, label):
+    """Run one native stage on a helper thread while this thread watches progress
+    and Ctrl-C. Returns the number of match rows written."""
+    monitor = _native.Monitor()
+    outcome = {}
+    # Completion is signalled by an event, not by Thread.join: a join that Ctrl-C
+    # interrupts can leave the thread looking finished while it still runs.
+    finished = threading.Event()
+
+    def work():
+        try:
+            outcome["result"] = _native.run_stage(stage, noisy, psd, record, pilot, output,
+                                                  storage, monitor)
+        except BaseException as exc:  # handed to the calling thread
+            outcome["error"] = exc
+        finally:
+            finished.set()
+
+    worker = threading.Thread(target=work, name="korvo-stage", daemon=True)
+    try:
+        reporter.start(label)
+        worker.start()
+        while not finished.wait(_POLL_SECONDS):
+            reporter.update(monitor.slices_done, monitor.slices_total)
+    except BaseException:
+        # Ctrl-C (or any other interruption): stop the stage, wait for it, re-raise.
+        monitor.cancel()
+        while worker.ident is not None and not finished.is_set():
+            try:  # a second Ctrl-C must not leave native code running unobserved
+                finished.wait(_POLL_SECONDS)
+            except KeyboardInterrupt:
+                pass
+        reporter.close()
+        raise
+    reporter.update(monitor.slices_done, monitor.slices_total)
+    reporter.close()
+    if "error" in outcome:
+        raise outcome["error"]
+    status, rows = outcome["result"]
+    if status == _native.StageStatus.THREAD_START_FAILED:
+        raise MemoryError(f"could not start {record.num_threads} worker threads for the "
+                          f"{_STAGE_LABELS[stage]} stage (the system refused them); lower "
+                          f"num_threads: pro = KORVOProfile(num_threads=2)")
+    if status == _native.StageStatus.CANCELLED:
+        raise KeyboardInterrupt
+    if status != _native.StageStatus.COMPLETED:
+        raise MemoryError(
+            f"{_STAGE_LABELS[stage]} stage could not allocate its memory "
+            f"(split_block_extraction was {list(record.split_block_extraction)}); "
+            f"{SPLIT_ADVICE}: pro = KORVOProfile(); "
+            f"pro.split_block_extraction = [False, False, True]; y = korvo(z, sigma, profile=pro)")
+    return rows
+
+
+class _Channel:
+    """One 2-D or 3-D array checked and described in the stages' units."""
+
+    def __init__(self, z, sigma, psd, pilot, normalize):
+        self.z, lo, hi = check_data("z", z)
+        self.sigma = sigma
+        if normalize:
+            self.offset, self.scale = float(np.mean(self.z, dtype=np.float64)), sigma
+        else:
+            self.offset, self.scale = 0.0, 1.0
+        self.unit = sigma / self.scale  # noise std as the stages see it
+        if psd is None:
+            self.psd = None
+        else:
+            self.psd = np.ascontiguousarray(psd * (self.unit / sigma) ** 2, dtype=np.float32)
+        check_range("z", lo, hi, self.offset, self.scale, self.unit, self.psd)
+        self.pilot = None
+        if pilot is not None:
+            self.pilot, plo, phi = check_data("pilot", pilot)
+            if self.pilot.shape != self.z.shape:
+                raise ValueError(f"pilot shape {self.pilot.shape} differs from the data shape "
+                                 f"{self.z.shape}")
+            check_range("pilot", plo, phi, self.offset, self.scale, self.unit)
+
+    def records(self, profile, run, budget):
+        psd_shape = None if self.psd is None else self.psd.shape
+        return {stage: stage_parameters(profile, stage, self.z.shape, noise_std=self.unit,
+                                        psd_shape=psd_shape, budget=budget) for stage in run}
+
+    def native_psd(self):
+        """White noise is the one-value PSD sigma^2 (the record's psd_size (1, 1, 1))."""
+        if self.psd is not None:
+            return self.psd
+        return np.full((1, 1, 1), self.unit * self.unit, dtype=np.float32)
+
+
+def _restore(channel, result, normalize):
+    """The stages' result back in the data's units, in place; never non-finite."""
+    if normalize:
+        result *= np.float32(channel.scale)
+        result += np.float32(channel.offset)
+    bad = result.size - np.count_nonzero(np.isfinite(result))
+    if bad:
+        raise FloatingPointError(
+            f"the stages produced {bad} non-finite values; the data's range or the noise "
+            f"description is beyond what single precision carries (check sigma/psd and outliers)")
+    return result
+
+
+def _denoise(channel, records, run, matches, reporter, normalize, label_suffix=""):
+    z = channel.z
+    if normalize or z.dtype != np.float32 or not z.flags.c_contiguous:
+        noisy = _to_float32(z, channel.offset, channel.scale)
+    else:
+        noisy = z
+    pilot = None
+    if channel.pilot is not None:
+        pilot = _to_float32(channel.pilot, channel.offset, channel.scale)
+    result = None
+    with _NATIVE_LOCK:
+        for stage in run:
+            if result is not None:
+                pilot = result  # the first estimate, still in the stages' units
+            record = records[stage]
+            stored = None if matches is None else matches.for_stage(stage, z.shape, record)
+            result = np.zeros(z.shape, dtype=np.float32)
+            rows = _run_stage(stage, noisy, channel.native_psd(), record,
+                              pilot if stage == 1 else None, result,
+                              None if stored is None else stored.native(), reporter,
+                              _STAGE_LABELS[stage] + label_suffix)
+            if stored is not None and not stored.filled:
+                stored.rows, stored.filled = rows, True
+    del pilot, noisy
+    return _restore(channel, result, normalize)
+
+
+def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, stages="both", pilot=None,
+          matches=None, progress=False, normalize=True):
+    """Denoise a 2-D image or a 3-D volume corrupted by additive noise.
+
+    Parameters
+    ----------
+    z : array_like, 2-D (rows, columns) or 3-D (slices, rows, columns)
+        The noisy data, any real dtype. The last axis is the fastest (x), the
+        first of a volume the slowest (z); profile tuples are (x, y, z). With
+        ``channel_axis``, one more axis holds channels.
+    sigma : float, or a sequence of floats with ``channel_axis``
+        Standard deviation of white noise (one per channel, or one for all).
+    psd : array_like, 2-D or 3-D, any shape
+        Instead of ``sigma``: the noise power spectral density,
+        PSD = E|fftn(noise)|^2 over the PSD's own shape (white noise of std s
+        on N elements: s*s*N everywhere), resampled to
+        ``profile.psd_work_size``. One PSD serves every channel.
+    profile : KORVOProfile, optional
+        Tunables; the defaults when omitted.
+    channel_axis : int, optional
+        Axis of ``z`` that holds channels: an image with channels
+        (rows, columns, 3) is ``channel_axis=-1``. Each channel is denoised
+        on its own (with ``matches``, the first channel records the groups and
+        the others replay them).
+    stages : {"both", "ht", "wiener"}
+        "both" (default): hard thresholding, then Wiener filtering with its
+        result as pilot. "ht": hard thresholding only. "wiener": Wiener
+        filtering only, with the caller's ``pilot`` (same shape and units as z).
+    matches : MatchStorage, optional
+        Records the groups of this call, or replays those of an earlier call.
+    progress : bool or callable
+        Show progress (tqdm when installed, else a plain line on stderr), or
+        call ``progress(stage_label, slices_done, slices_total)``.
+    normalize : bool
+        True (default): the data are shifted by their mean and divided by the
+        noise level before the native stages and restored afterwards, so that
+        the result does not depend on units: korvo(a*z + b, sigma=a*s) equals
+        a*korvo(z, sigma=s) + b to float precision. This costs one float32
+        working copy. False: a C-contiguous float32 ``z`` reaches the native
+        code without any copy; thresholds are still scaled to the noise level,
+        but the result then depends slightly on the data's offset.
+
+    Returns
+    -------
+    numpy.ndarray
+        The estimate, float32, of z's shape.
+
+    Raises
+    ------
+    TypeError, ValueError
+        Bad inputs, or data beyond the range single precision carries, before
+        any native stage runs.
+    MemoryError
+        The native stages could not allocate their memory (the message says
+        how to set ``split_block_extraction``) or start their threads.
+    FloatingPointError
+        The result holds non-finite values (it is never returned).
+    KeyboardInterrupt
+        Ctrl-C stops the run within a fraction of a second.
+    """
+    if profile is None:
+        profile = KORVOProfile()
+    elif not isinstance(profile, KORVOProfile):
+        raise TypeError("profile must be a KORVOProfile")
+    if stages not in _STAGES:
+        raise ValueError(f"stages must be one of {sorted(_STAGES)}, got {stages!r}")
+    if stages == "wiener" and pilot is None:
+        raise ValueError("stages='wiener' needs a pilot estimate (pilot=...)")
+    if stages != "wiener" and pilot is not None:
+        raise ValueError("a pilot is only used with stages='wiener'")
+    if matches is not None and not isinstance(matches, MatchStorage):
+        raise TypeError("matches must be a MatchStorage")
+    if not isinstance(normalize, bool):
+        raise TypeError("normalize must be True or False")
+    reporter = make_reporter(progress)
+    split = check_channels(z, channel_axis)
+    z = np.asarray(z)
+    sigmas, psd = check_noise(sigma, psd, split.count if split.axis is not None else None)
+    if pilot is not None:
+        pilot = np.asarray(pilot)
+        if pilot.shape != z.shape:
+            raise ValueError(f"pilot shape {pilot.shape} differs from the data shape {z.shape}")
+    run = _STAGES[stages]
+
+    # Every channel is checked, and its records built, before any stage runs.
+    channels = [_Channel(split.view(z, i), sigmas[i], psd,
+                         None if pilot is None else split.view(pilot, i), normalize)
+                for i in range(split.count)]
+    buffers = (len(run) + 2) * 4 * channels[0].z.size
+    budget = split_budget(buffers) if profile.split_block_extraction is None else None
+    plans = [channel.records(profile, run, budget) for channel in channels]
+
+    if split.axis is None:
+        return _denoise(channels[0], plans[0], run, matches, reporter, normalize)
+    out = np.empty(z.shape, dtype=np.float32)
+    for i, (channel, records) in enumerate(zip(channels, plans)):
+        split.view(out, i)[...] = _denoise(channel, records, run, matches, reporter, normalize,
+                                           f" [channel {i + 1}/{split.count}]")
+    return out

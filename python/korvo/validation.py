@@ -1,0 +1,192 @@
+"""Input checks of a korvo call: data, noise description, channel axis and the
+numeric range the single-precision stages can serve. Nothing here runs native
+code; every refusal is a TypeError or ValueError that says what to pass instead.
+"""
+
+from __future__ import annotations
+
+import math
+import numbers
+
+import numpy as np
+
+from .noise import psd_sigma
+
+__all__ = ["check_data", "check_noise", "check_channels", "check_range", "ChannelSplit"]
+
+# Largest sample magnitude the stages see, in units of the noise level. Group
+# coefficients reach 64 times a sample and are squared, block distances sum 64
+# squared differences, aggregation weights reach 1e8: 1e15 keeps all of them
+# finite in single precision with a margin for the threshold factors.
+MAX_DYNAMIC_RANGE = 1e15
+# The result is float32: data and noise levels beyond this cannot be restored.
+MAX_MAGNITUDE = 1e38
+# Without normalisation the stages square the noise level and scale the PSD by
+# transform energies; outside this range those leave single precision.
+NOISE_RANGE = (1e-12, 1e12)
+# A 3-D array whose last axis is this short next to the others looks like a
+# colour image; "much larger" means at least this factor.
+COLOUR_SAMPLES = (3, 4)
+COLOUR_RATIO = 8
+
+
+def _as_real(name, value):
+    try:
+        a = value if isinstance(value, np.ndarray) else np.asarray(value)
+    except Exception as exc:
+        raise TypeError(f"{name} must be a numeric array") from exc
+    if a.dtype.kind not in "iuf":
+        raise TypeError(f"{name} must hold real numbers, got dtype {a.dtype}")
+    return a
+
+
+def check_data(name, z):
+    """A 2-D or 3-D real array with finite samples; returns (array, min, max)
+    with min and max as floats (they bound what the stages will see)."""
+    a = _as_real(name, z)
+    if a.ndim not in (2, 3):
+        raise ValueError(f"{name} must be 2-D (rows, columns) or 3-D (slices, rows, columns), "
+                         f"got {a.ndim} dimensions with shape {a.shape}")
+    if a.size == 0:
+        raise ValueError(f"{name} is empty (shape {a.shape})")
+    if a.size >= 2 ** 31:
+        raise ValueError(f"{name} has {a.size} elements; at most 2**31 - 1 are supported")
+    lo, hi = np.min(a), np.max(a)  # NaN propagates, inf shows at an end
+    lo, hi = float(lo), float(hi)
+    if not (math.isfinite(lo) and math.isfinite(hi)):
+        raise ValueError(f"{name} contains NaN or infinite samples")
+    if max(-lo, hi) > MAX_MAGNITUDE:
+        raise ValueError(f"{name} holds values up to {max(-lo, hi):.3g}; the result is float32, "
+                         f"so magnitudes above {MAX_MAGNITUDE:.0e} cannot be represented")
+    return a, lo, hi
+
+
+def _positive_sigma(value, what="sigma"):
+    if isinstance(value, (bool, np.bool_)) or not isinstance(value, (numbers.Real, np.ndarray)):
+        raise TypeError(f"{what} must be a number (the noise standard deviation), got {value!r}")
+    sigma = float(value)
+    if not math.isfinite(sigma):
+        raise ValueError(f"{what} must be finite, got {sigma}")
+    if sigma <= 0:
+        raise ValueError(f"{what} must be positive, got {sigma}")
+    return sigma
+
+
+def _check_psd(psd):
+    a = _as_real("psd", psd)
+    if a.ndim not in (2, 3):
+        raise ValueError(f"the PSD must be 2-D or 3-D, got {a.ndim} dimensions")
+    if a.size == 0:
+        raise ValueError("the PSD is empty")
+    if a.size >= 2 ** 31:
+        raise ValueError("the PSD is too large")
+    a = a.astype(np.float64)
+    if not np.isfinite(a).all():
+        raise ValueError("the PSD contains NaN or infinite values")
+    if (a < 0).any():
+        raise ValueError("the PSD contains negative values")
+    sigma = psd_sigma(a)
+    if not sigma > 0:
+        raise ValueError("the PSD is zero everywhere")
+    return sigma, a
+
+
+def check_noise(sigma, psd, channels=None):
+    """Exactly one of ``sigma`` and ``psd``. Returns (sigmas, psd): one noise
+    standard deviation per channel (a list of length ``channels``, or of one
+    without channels) and the PSD as float64 or None."""
+    if sigma is None and psd is None:
+        raise ValueError("pass the noise level: sigma= (standard deviation of white noise) or "
+                         "psd= (power spectrum of coloured noise); korvo.estimate_sigma(z) "
+                         "estimates sigma")
+    if sigma is not None and psd is not None:
+        raise ValueError("pass either sigma= or psd=, not both")
+    count = channels or 1
+    if psd is not None:
+        level, a = _check_psd(psd)
+        return [level] * count, a
+    if isinstance(sigma, np.ndarray) and sigma.ndim == 0:
+        sigma = sigma[()]
+    if isinstance(sigma, (numbers.Real, np.generic)) or isinstance(sigma, (bool, str, bytes)):
+        return [_positive_sigma(sigma)] * count, None
+    try:
+        values = np.asarray(sigma)
+    except Exception as exc:
+        raise TypeError(f"sigma must be a number, got {type(sigma).__name__}") from exc
+    if channels is not None and values.shape == (channels,):
+        return [_positive_sigma(v, f"sigma[{i}]") for i, v in enumerate(values.tolist())], None
+    per_channel = f" or one value per channel ({channels})" if channels is not None else ""
+    raise ValueError(f"sigma must be one number{per_channel}, got an array of shape "
+                     f"{values.shape}. A per-voxel noise map is not supported (yet); a noise "
+                     f"power spectrum must be passed as psd=, not as sigma=")
+
+
+class ChannelSplit:
+    """Where the channels of an array are: ``count`` channels along ``axis``
+    (None: a single channel, the array itself)."""
+
+    def __init__(self, axis, count):
+        self.axis = axis
+        self.count = count
+
+    def view(self, a, i):
+        """A view of channel i of ``a`` (writable when ``a`` is)."""
+        if self.axis is None:
+            return a
+        index = [slice(None)] * a.ndim
+        index[self.axis] = i
+        return a[tuple(index)]
+
+
+def check_channels(z, channel_axis):
+    """The channel layout of ``z``; refuses layouts that would silently be
+    read as something else."""
+    a = _as_real("z", z)
+    if channel_axis is None:
+        if a.ndim == 4:
+            raise ValueError(f"z has 4 dimensions {a.shape}: pass channel_axis= to name the axis "
+                             f"of channels (each channel, a 3-D volume, is denoised on its own)")
+        if a.ndim == 3 and a.shape[2] in COLOUR_SAMPLES and \
+                min(a.shape[:2]) >= COLOUR_RATIO * a.shape[2]:
+            raise ValueError(f"z of shape {a.shape} looks like a colour image (rows, columns, "
+                             f"{a.shape[2]}): pass channel_axis=-1 to denoise each channel as an "
+                             f"image; if it really is a volume, put its short axis first "
+                             f"(np.moveaxis(z, -1, 0))")
+        return ChannelSplit(None, 1)
+    if isinstance(channel_axis, (bool, np.bool_)) or not isinstance(channel_axis, numbers.Integral):
+        raise TypeError(f"channel_axis must be None or an integer axis, got {channel_axis!r}")
+    if a.ndim not in (3, 4):
+        raise ValueError(f"with channel_axis, z must be 3-D (an image with channels) or 4-D "
+                         f"(a volume with channels), got shape {a.shape}")
+    axis = int(channel_axis)
+    if not -a.ndim <= axis < a.ndim:
+        raise ValueError(f"channel_axis {axis} is out of range for z of shape {a.shape}")
+    axis %= a.ndim
+    return ChannelSplit(axis, a.shape[axis])
+
+
+def check_range(name, lo, hi, offset, scale, unit, psd=None):
+    """Refuse data the single-precision stages cannot carry.
+
+    The samples, between ``lo`` and ``hi``, reach the stages as
+    (sample - offset) / scale, with noise of standard deviation ``unit``;
+    ``psd`` is the float32 PSD the stages get."""
+    if not 1 / MAX_MAGNITUDE <= scale <= MAX_MAGNITUDE:
+        raise ValueError(f"the noise standard deviation {scale:.3g} is outside the range of "
+                         f"single precision, in which the result is restored")
+    if not NOISE_RANGE[0] <= unit <= NOISE_RANGE[1]:
+        raise ValueError(f"the noise standard deviation {unit:.3g} is outside "
+                         f"[{NOISE_RANGE[0]:.0e}, {NOISE_RANGE[1]:.0e}]: without normalisation the "
+                         f"stages square it in single precision; pass normalize=True")
+    extreme = lo if offset - lo > hi - offset else hi
+    reach = abs(extreme - offset) / scale
+    if reach > MAX_DYNAMIC_RANGE:
+        where = "times the noise standard deviation from the mean" if unit == 1 else \
+            "without normalisation"
+        raise ValueError(
+            f"{name} holds {extreme:.3g}, which reaches the stages as {reach:.3g} ({where}); at "
+            f"most {MAX_DYNAMIC_RANGE:.0e} is supported, because the stages square sums of "
+            f"samples in single precision. Check sigma/psd, or clip outliers")
+    if psd is not None and not float(np.max(psd)) <= MAX_DYNAMIC_RANGE ** 2:
+        raise ValueError(f"the PSD reaches {float(np.max(psd)):.3g} in the stages' units, more "
+                         f"than {MAX_DYNAMIC_RANGE ** 2:.0e}")
