@@ -18,7 +18,11 @@ from .noise import coloured_noise, estimate_sigma, psd_from_kernel, psd_sigma, w
 from .phantom import phantom
 from .profile import KORVOProfile, StageProfile
 
-__version__ = "0.1.0"
+try:  # one source: the VERSION file, through the installed package's metadata
+    from importlib.metadata import version as _installed_version
+    __version__ = _installed_version("korvo")
+except Exception:  # pragma: no cover - running from a source tree
+    __version__ = "0+unknown"
 
 __all__ = [
     "korvo",

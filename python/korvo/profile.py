@@ -24,6 +24,7 @@ import numpy as np
 
 from . import _native
 from .memory import choose_split, split_budget
+from .validation import MAX_DYNAMIC_RANGE
 
 __all__ = ["StageProfile", "KORVOProfile", "BLOCK_SIZES", "FFT_LENGTHS", "stage_parameters",
            "shape_xyz", "STAGE_KEYS"]
@@ -39,9 +40,11 @@ MAX_GROUP = 64
 # Bounds of the factors: far beyond any useful value, and small enough that the
 # squared threshold times a coefficient variance stays a finite float32.
 MAX_FACTOR = 1e3
-# A mean squared difference per voxel, in units of the noise variance: larger
-# than any distance of data within the supported dynamic range.
-MAX_MATCH_THRESHOLD = 1e30
+FACTOR_LIMIT = (" (far beyond any useful value; the library multiplies noise variances by it, "
+                "squared for hard_threshold, in single precision)")
+# A mean squared difference per voxel, in units of the noise variance: the
+# largest distance of data within the supported dynamic range.
+MAX_MATCH_THRESHOLD = (2 * MAX_DYNAMIC_RANGE) ** 2
 STAGE_KEYS = ("ht", "wiener")
 
 
@@ -70,7 +73,7 @@ def _axis_tuple(name, value, minimum, allow_none=True):
     return tuple(out)
 
 
-def _number(name, value, low=None, high=None, low_open=False, integer=False):
+def _number(name, value, low=None, high=None, low_open=False, integer=False, why=""):
     if isinstance(value, bool) or not isinstance(value, numbers.Real):
         raise TypeError(f"{name} must be a number, got {value!r}")
     if integer:
@@ -84,7 +87,7 @@ def _number(name, value, low=None, high=None, low_open=False, integer=False):
     if low is not None and (value <= low if low_open else value < low):
         raise ValueError(f"{name} must be {'greater than' if low_open else 'at least'} {low}, got {value}")
     if high is not None and value > high:
-        raise ValueError(f"{name} must be at most {high}, got {value}")
+        raise ValueError(f"{name} must be at most {high:g}{why}, got {value:g}")
     return value
 
 
@@ -152,7 +155,7 @@ class StageProfile(_Validated):
         Largest accepted distance between a block and the reference, as a mean
         squared difference per voxel in units of the noise variance (the
         expected noise part is removed first when ``match_variance_weight`` is
-        positive). At most 1e30.
+        positive). At most 4e30, which accepts every block.
     """
 
     _defaults = dict(block_size=None, step=None, search_window=None,
@@ -175,7 +178,9 @@ class StageProfile(_Validated):
                 raise ValueError(f"max_group_size must be a power of two, got {value}")
             return value
         if name == "match_threshold":
-            return _number(name, value, 0.0, MAX_MATCH_THRESHOLD)
+            return _number(name, value, 0.0, MAX_MATCH_THRESHOLD,
+                           why=" (the largest distance of data within the supported range: every block "
+                               "is accepted)")
         return value
 
 
@@ -247,9 +252,9 @@ class KORVOProfile(_Validated):
                 raise TypeError(f"{name} must be a StageProfile")
             return value
         if name == "hard_threshold":
-            return _number(name, value, 0.0, MAX_FACTOR)
+            return _number(name, value, 0.0, MAX_FACTOR, why=FACTOR_LIMIT)
         if name == "wiener_factor":
-            return _number(name, value, 0.0, MAX_FACTOR, low_open=True)
+            return _number(name, value, 0.0, MAX_FACTOR, low_open=True, why=FACTOR_LIMIT)
         if name == "psd_work_size":
             value = _axis_tuple(name, value, 1)
             if value is None:
@@ -263,7 +268,7 @@ class KORVOProfile(_Validated):
         if name == "variance_group_limit":
             return _number(name, value, 0, MAX_GROUP, integer=True)
         if name == "match_variance_weight":
-            return _number(name, value, 0.0, MAX_FACTOR)
+            return _number(name, value, 0.0, MAX_FACTOR, why=FACTOR_LIMIT)
         if name in ("sharpen", "sharpen_variances"):
             return _flag(name, value)
         if name in ("sharpen_exponent", "sharpen_exponent_flat"):
