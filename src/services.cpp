@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <vector>
 
 #include "BlockCollection.h"
 #include "KORVO.h"
@@ -175,13 +176,50 @@ int checkAxisArrays(const Parameters& p, const Reason& refuse) {
     return 0;
 }
 
+// Without offsets a step no larger than the block covers every voxel; offsets
+// can shift whole rows of references away, leaving voxels that no reference
+// block covers and that the final division turns into 0/0.
+int checkCoverage(const Parameters& record, const Reason& refuse) {
+    const Vec3<int>& n = record.axisArrayLength;
+    if (n.x < 2 && n.y < 2 && n.z < 2) return 0;
+    Parameters p = record;
+    korvo_detail::normaliseAxisArrays(p);
+    const Vec3<int>& size = p.imageSize;
+    const Vec3<int>& b = p.blockSize;
+    std::vector<bool> covered(static_cast<size_t>(product(size)), false);
+    const korvo_detail::ReferenceGrid grid(p);
+    for (int k = 0; k < grid.slices(); ++k) {
+        for (int j = 0; j < grid.rowsPerSlice(); ++j) {
+            for (int i = 0; i < grid.counts.x; ++i) {
+                Vec3<int> r;
+                if (!korvo_detail::referencePosition(p, grid, grid.raw(p.step, k, j, i), r)) continue;
+                for (int z = r.z; z < r.z + b.z; ++z) {
+                    for (int y = r.y; y < r.y + b.y; ++y) {
+                        const size_t row = static_cast<size_t>(size.x) * (y + static_cast<size_t>(size.y) * z);
+                        std::fill_n(covered.begin() + static_cast<long>(row + r.x), b.x, true);
+                    }
+                }
+            }
+        }
+    }
+    for (size_t v = 0; v < covered.size(); ++v) {
+        if (covered[v]) continue;
+        const long long x = static_cast<long long>(v % size.x), yz = static_cast<long long>(v / size.x);
+        return refuse("the per-axis offsets (axisArrays) leave voxel (%lld, %lld, %lld) uncovered by any "
+                      "reference block",
+                      x, yz % size.y, yz / size.y);
+    }
+    return 0;
+}
+
 int checkRecord(const Parameters* p, int stage, const Reason& refuse) {
     if (p == nullptr) return refuse("no parameter record was given");
     if (stage != HardThresholding && stage != Wiener) {
         return refuse("stage must be 0 (hard thresholding) or 1 (Wiener), got %d", stage);
     }
     if (checkVectors(*p, refuse) != 0 || checkNumbers(*p, refuse) != 0) return 1;
-    return checkAxisArrays(*p, refuse);
+    if (checkAxisArrays(*p, refuse) != 0) return 1;
+    return checkCoverage(*p, refuse);
 }
 
 // The largest row index the stage loop can write, plus one: the last grid point

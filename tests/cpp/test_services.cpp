@@ -85,6 +85,7 @@ TEST(DefaultParameters, FollowThePackageAndPassTheCheck) {
 TEST(CheckParameters, RefusesWhatTheStageCannotServe) {
     const float nan = std::nanf("");
     const float offsets[2] = {1.0f, 3e9f};
+    const float shifted[2] = {-5.0f, -5.0f};  // every row of references starts at x = 5
     const struct {
         const char* field;  // named in the reason
         std::function<void(Parameters&)> change;
@@ -116,6 +117,7 @@ TEST(CheckParameters, RefusesWhatTheStageCannotServe) {
         {"sharpenExponent", [](Parameters& p) { p.sharpen = true; p.sharpenExponent = 0.0f; }},
         {"axisArrays", [](Parameters& p) { p.axisArrayLength.y = 3; }},
         {"axisArrays", [&](Parameters& p) { p.axisArrayLength.z = 2; p.axisArrays.z = offsets; }},
+        {"uncovered", [&](Parameters& p) { p.axisArrayLength.x = 2; p.axisArrays.x = shifted; }},
     };
     for (const auto& c : cases) {
         Parameters p = defaults({24, 20, 16});
@@ -186,7 +188,7 @@ TEST(CheckParameters, EveryAcceptedRecordRuns) {
 }
 
 TEST(MatchStorageRows, CoverEveryRowTheStageWrites) {
-    const float shift[3] = {-2.0f, 3.0f, 5.0f};
+    const float shift[2] = {3.0f, 3.0f};  // brings grid points beyond the last position back
     const struct {
         Vec3<int> size, step;
         bool offsets;
@@ -197,10 +199,11 @@ TEST(MatchStorageRows, CoverEveryRowTheStageWrites) {
         p.step = c.step;
         p.numThreads = 2;
         if (c.offsets) {
-            p.axisArrayLength = {3, 3, 3};
-            p.axisArrays = {shift, shift, shift};
+            p.axisArrayLength = {0, 2, 2};
+            p.axisArrays = {nullptr, shift, shift};
         }
         const long rows = korvoMatchStorageRows(&p);
+        ASSERT_GT(rows, 0);
         Storage storage(rows, p.maxGroupSize);
         std::vector<float> out;
         ASSERT_EQ(runHT(korvo_phantom::volume(c.size.x, c.size.y, c.size.z), p, out, &storage.record),
