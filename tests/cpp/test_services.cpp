@@ -187,6 +187,19 @@ TEST(CheckParameters, EveryAcceptedRecordRuns) {
     EXPECT_GE(accepted, 20);
 }
 
+// The distance-correction table is built from pairs of blocks, also when a
+// stage's groups hold one block (its working memory once had room for one).
+TEST(CheckParameters, GroupsOfOneBlockRunWithNoiseCorrection) {
+    const Vec3<int> size{14, 12, 10};
+    Parameters p = defaults(size);
+    p.maxGroupSize = 1;
+    ASSERT_EQ(refusal(p), "");
+    std::vector<float> out;
+    ASSERT_EQ(runHT(korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, 3).noisy, p, out),
+              korvo_detail::StageStatus::Completed);
+    for (float v : out) ASSERT_TRUE(std::isfinite(v));
+}
+
 TEST(MatchStorageRows, CoverEveryRowTheStageWrites) {
     const float shift[2] = {3.0f, 3.0f};  // brings grid points beyond the last position back
     const struct {
