@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "Kernels.h"
+#include "fused.h"
 
 namespace KORVO_KERNEL_NS {
 namespace {
@@ -31,10 +32,10 @@ void exactVariances(const float* k3fT3, const float* power, long planeStride, lo
             for (long f = 0; f < frequencies; ++f) {
                 const float* KORVO_RESTRICT record = k3fT3 + f * b + e0;
                 const float q0 = p0[f], q1 = p1[f], q2 = p2[f], q3 = p3[f];
-                for (int e = 0; e < kLanes; ++e) a0[e] = std::fma(record[e], q0, a0[e]);
-                for (int e = 0; e < kLanes; ++e) a1[e] = std::fma(record[e], q1, a1[e]);
-                for (int e = 0; e < kLanes; ++e) a2[e] = std::fma(record[e], q2, a2[e]);
-                for (int e = 0; e < kLanes; ++e) a3[e] = std::fma(record[e], q3, a3[e]);
+                for (int e = 0; e < kLanes; ++e) a0[e] = fusedMultiplyAdd(record[e], q0, a0[e]);
+                for (int e = 0; e < kLanes; ++e) a1[e] = fusedMultiplyAdd(record[e], q1, a1[e]);
+                for (int e = 0; e < kLanes; ++e) a2[e] = fusedMultiplyAdd(record[e], q2, a2[e]);
+                for (int e = 0; e < kLanes; ++e) a3[e] = fusedMultiplyAdd(record[e], q3, a3[e]);
             }
             float* o = out + static_cast<long>(j0) * b + e0;
             for (int e = 0; e < kLanes; ++e) {
@@ -52,7 +53,7 @@ void exactVariances(const float* k3fT3, const float* power, long planeStride, lo
         const float* p = power + static_cast<long>(j) * planeStride;
         for (long f = 0; f < frequencies; ++f) {
             const float* record = k3fT3 + f * b;
-            for (int e = eFrom; e < b; ++e) row[e] = std::fma(record[e], p[f], row[e]);
+            for (int e = eFrom; e < b; ++e) row[e] = fusedMultiplyAdd(record[e], p[f], row[e]);
         }
     };
     for (int j = 0; j < fullRows; ++j) {
@@ -138,7 +139,7 @@ void transformVariancePlane(const Vec3<int>& workSize, const Vec3<int>& keptSize
                     KORVO_KERNEL_NS::fftComplex(ny, in, out);
                     for (int y = 0; y < ny; ++y) {
                         power.setCoeff(Vec4i{z, y, x, j},
-                                       std::fma(out[y].real, out[y].real, out[y].imag * out[y].imag));
+                                       fusedMultiplyAdd(out[y].real, out[y].real, out[y].imag * out[y].imag));
                     }
                 }
             }
@@ -148,7 +149,7 @@ void transformVariancePlane(const Vec3<int>& workSize, const Vec3<int>& keptSize
             for (int z = 0; z < nz; ++z) {
                 for (int x = 0; x < kx; ++x) {
                     const Complex v = grid.at(Vec4i{x, 0, z, j});
-                    power.setCoeff(Vec4i{z, 0, x, j}, std::fma(v.real, v.real, v.imag * v.imag));
+                    power.setCoeff(Vec4i{z, 0, x, j}, fusedMultiplyAdd(v.real, v.real, v.imag * v.imag));
                 }
             }
         }
@@ -222,7 +223,7 @@ void calculateVariances(int n, const Vec3<int>& blockSize, const Vec3<int>& work
         for (int j = m; j < n; ++j) {
             float* row = out + static_cast<long>(j) * b;
             for (int e = 0; e < b; ++e) {
-                row[e] = std::fma(count, localVariances[e], -sum[e]) / share;
+                row[e] = fusedMultiplyAdd(count, localVariances[e], -sum[e]) / share;
             }
         }
     }

@@ -3,10 +3,10 @@
 // their instruction set's namespace, so each compiled copy keeps its own code.
 #pragma once
 
-#include <cmath>
 #include <cstddef>
 
 #include "common.h"
+#include "fused.h"
 
 #if !defined(KORVO_KERNEL_NS)
 #error "product.h belongs to the kernel units"
@@ -24,7 +24,7 @@ inline void scaleRow(const float* KORVO_RESTRICT src, float f, float* KORVO_REST
 // dst[i] = fma(src[i], f, dst[i])
 inline void fmaRow(const float* KORVO_RESTRICT src, float f, float* KORVO_RESTRICT dst,
                    std::ptrdiff_t count) {
-    for (std::ptrdiff_t i = 0; i < count; ++i) dst[i] = std::fma(src[i], f, dst[i]);
+    for (std::ptrdiff_t i = 0; i < count; ++i) dst[i] = fusedMultiplyAdd(src[i], f, dst[i]);
 }
 
 // Output row k = row(0)*M[k*n] followed by fused multiply-adds with row(j)*M[k*n + j]
@@ -42,7 +42,7 @@ void productOverRows(Rows row, const float* KORVO_RESTRICT m, int n, float* KORV
         for (std::ptrdiff_t i = 0; i < count; ++i) {
             for (int k = 0; k < N; ++k) {
                 float acc = in[0][i] * m[k * N];
-                for (int j = 1; j < N; ++j) acc = std::fma(in[j][i], m[k * N + j], acc);
+                for (int j = 1; j < N; ++j) acc = fusedMultiplyAdd(in[j][i], m[k * N + j], acc);
                 out[k * outStride + i] = acc;
             }
         }
@@ -60,7 +60,8 @@ void productOverRows(Rows row, const float* KORVO_RESTRICT m, int n, float* KORV
                 for (std::ptrdiff_t i = 0; i < kBlock; ++i) acc[i] = r0[i] * mk[0];
                 for (int j = 1; j < n; ++j) {
                     const float* rj = row(j) + i0;
-                    for (std::ptrdiff_t i = 0; i < kBlock; ++i) acc[i] = std::fma(rj[i], mk[j], acc[i]);
+                    for (std::ptrdiff_t i = 0; i < kBlock; ++i)
+                        acc[i] = fusedMultiplyAdd(rj[i], mk[j], acc[i]);
                 }
                 for (std::ptrdiff_t i = 0; i < kBlock; ++i) dst[i0 + i] = acc[i];
             }

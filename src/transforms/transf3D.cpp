@@ -3,6 +3,7 @@
 #include <cstddef>
 
 #include "Kernels.h"
+#include "fused.h"
 #include "transforms/product.h"
 
 namespace KORVO_KERNEL_NS {
@@ -37,7 +38,7 @@ void productAlongLines(const float* KORVO_RESTRICT in, float* KORVO_RESTRICT out
         for (int k = 0; k < np; ++k) dst[k] = x0 * mt[k * ks];
         for (int j = 1; j < np; ++j) {
             const float xj = src[j];
-            for (int k = 0; k < np; ++k) dst[k] = std::fma(xj, mt[j * js + k * ks], dst[k]);
+            for (int k = 0; k < np; ++k) dst[k] = fusedMultiplyAdd(xj, mt[j * js + k * ks], dst[k]);
         }
     }
 }
