@@ -1,8 +1,14 @@
 // This instruction set's kernels, gathered for the run-time choice (extern: a
 // namespace-scope constant would otherwise stay inside this unit).
 #include "Kernels.h"
+#include "fused.h"
 
 namespace KORVO_KERNEL_NS {
+void fusedRows(const float* KORVO_RESTRICT a, const float* KORVO_RESTRICT b, const float* KORVO_RESTRICT c,
+               float* KORVO_RESTRICT out, long n) {
+    for (long i = 0; i < n; ++i) out[i] = fusedMultiplyAdd(a[i], b[i], c[i]);
+}
+
 extern const KernelSet kernelSet = {
     KORVO_KERNEL_NAME,
     &transf3D,
@@ -16,5 +22,6 @@ extern const KernelSet kernelSet = {
     &fftReal,
     &fftComplex,
     &FFTComplex64,
+    &fusedRows,
 };
 }  // namespace KORVO_KERNEL_NS

@@ -1,7 +1,8 @@
 // The hot kernels (block-matching sums, block and group transforms, coefficient
 // variances and their FFTs) are compiled once per instruction set, each copy in its
 // own namespace, and one copy is chosen at run time. Both copies give the same bits:
-// fused multiply-adds are written out (std::fma) and nothing else is contracted.
+// fused multiply-adds are written out (fusedMultiplyAdd, fused.h) and nothing else is
+// contracted.
 #pragma once
 
 #include "BlockCollection.h"
@@ -50,6 +51,9 @@ struct KernelSet {
     int (*fftReal)(int, Complex*, Complex*);
     int (*fftComplex)(int, Complex*, Complex*);
     void (*fft64)(const creal32_T*, creal32_T*);
+    // out[i] = fma(a[i], b[i], c[i]) as the kernels compute it, so the sets' arithmetic
+    // can be compared element by element.
+    void (*fusedRows)(const float*, const float*, const float*, float*, long);
 };
 
 namespace korvo_kernels_base {
@@ -104,5 +108,6 @@ void calculateVariancePairs(const Vec3<int>& centre, const Vec3<int>& extent,
 int fftReal(int n, Complex* in, Complex* out);
 int fftComplex(int n, Complex* in, Complex* out);
 void FFTComplex64(const creal32_T* in, creal32_T* out);
+void fusedRows(const float* a, const float* b, const float* c, float* out, long n);
 }  // namespace KORVO_KERNEL_NS
 #endif
