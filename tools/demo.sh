@@ -10,5 +10,5 @@ require "command -v g++" g++
 require "command -v python3" python3
 install_missing
 
-python_env progress
+python_env progress plot
 build/venv/bin/korvo demo "$@"
