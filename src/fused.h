@@ -43,16 +43,16 @@ inline float fusedMultiplyAdd(float a, float b, float c) {
     std::uint64_t bits, eBits;
     std::memcpy(&bits, &s, sizeof bits);
     std::memcpy(&eBits, &e, sizeof eBits);
-    // Round to odd: an inexact sum with an even last bit moves one unit towards the
-    // exact value (the odd neighbour). s is infinite or NaN exactly when e is NaN:
-    // then, as when e is zero, s stays. Integer masks only, which SSE2 vectorises
-    // (it has no 64-bit compares, and a select on a double compare does not vectorise).
+    // Round to odd: truncate towards zero (s one unit smaller in magnitude when the
+    // error points the other way), then set the last bit when inexact. s is infinite
+    // or NaN exactly when e is NaN: then, as when e is zero, s stays. Integer
+    // arithmetic only: SSE2 has no 64-bit compares, and GCC does not vectorise a
+    // select on a double compare here.
     constexpr std::uint64_t kMagnitude = ~std::uint64_t{0} >> 1;
-    const std::uint64_t eMagnitude = eBits & kMagnitude;
-    const std::uint64_t keep = ((eMagnitude - 1) | (eMagnitude + (std::uint64_t{1} << 52))) >> 63;
-    const std::uint64_t even = (bits & 1) - 1;        // all ones when the last bit is 0
-    const std::uint64_t down = (bits ^ eBits) >> 63;  // error against s's sign: magnitude shrinks
-    bits += (1 - 2 * down) & even & (keep - 1);
+    const std::uint64_t m = eBits & kMagnitude;
+    const std::uint64_t inexact = ~((m - 1) | (m + (std::uint64_t{1} << 52))) >> 63;  // 0 < |e| < inf
+    const std::uint64_t down = (bits ^ eBits) >> 63;
+    bits = (bits - (down & inexact)) | inexact;
     double odd;
     std::memcpy(&odd, &bits, sizeof odd);
     return static_cast<float>(odd);
