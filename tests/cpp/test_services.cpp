@@ -142,12 +142,17 @@ TEST(CheckParameters, RefusesWhatTheStageCannotServe) {
 // Random small records: whatever the check accepts must run both stages, record
 // and replay, without stopping on an assertion.
 TEST(CheckParameters, EveryAcceptedRecordRuns) {
+#if defined(__SANITIZE_THREAD__)
+    const int records = 8;  // the thread sanitizer runs the stages ten times slower
+#else
+    const int records = 24;
+#endif
     std::mt19937 rng(11);
     auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
     int accepted = 0;
-    for (int trial = 0; trial < 400 && accepted < 40; ++trial) {
+    for (int trial = 0; trial < 400 && accepted < records; ++trial) {
         const bool plane = pick(0, 2) == 0;
-        const Vec3<int> size{pick(3, 18), pick(3, 18), plane ? 1 : pick(3, 14)};
+        const Vec3<int> size{pick(3, 16), pick(3, 16), plane ? 1 : pick(3, 10)};
         Parameters p = defaults(size, pick(0, 1));
         p.blockSize = plane || pick(0, 3) == 0 ? Vec3<int>{8, 8, 1} : Vec3<int>{4, 4, 4};
         p.step = {pick(0, 5), pick(1, 5), pick(1, 5)};
@@ -184,7 +189,7 @@ TEST(CheckParameters, EveryAcceptedRecordRuns) {
                   korvo_detail::StageStatus::Completed);
         for (float v : final) ASSERT_TRUE(std::isfinite(v));
     }
-    EXPECT_GE(accepted, 20);
+    EXPECT_EQ(accepted, records);
 }
 
 // The distance-correction table is built from pairs of blocks, also when a
