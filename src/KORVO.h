@@ -72,6 +72,22 @@ struct ReferenceGrid {
 bool referencePosition(const Parameters& p, const ReferenceGrid& grid, const Vec3<int>& raw,
                        Vec3<int>& position);
 
+// Calls visit(row, position) for every reference position in the stage's order,
+// skipped grid points left out; stops when visit returns false (then false).
+template <typename Visit>
+bool forEachReference(const Parameters& p, const ReferenceGrid& grid, Visit&& visit) {
+    for (int k = 0; k < grid.slices(); ++k) {
+        for (int j = 0; j < grid.rowsPerSlice(); ++j) {
+            for (int i = 0; i < grid.counts.x; ++i) {
+                Vec3<int> position;
+                if (!referencePosition(p, grid, grid.raw(p.step, k, j, i), position)) continue;
+                if (!visit(grid.index(k, j, i), position)) return false;
+            }
+        }
+    }
+    return true;
+}
+
 // Rows a stage reports in BlockMatchStorage::rows after recording.
 long long reportedStorageRows(const Parameters& params);
 

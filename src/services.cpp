@@ -188,20 +188,15 @@ int checkCoverage(const Parameters& record, const Reason& refuse) {
     const Vec3<int>& b = p.blockSize;
     std::vector<bool> covered(static_cast<size_t>(product(size)), false);
     const korvo_detail::ReferenceGrid grid(p);
-    for (int k = 0; k < grid.slices(); ++k) {
-        for (int j = 0; j < grid.rowsPerSlice(); ++j) {
-            for (int i = 0; i < grid.counts.x; ++i) {
-                Vec3<int> r;
-                if (!korvo_detail::referencePosition(p, grid, grid.raw(p.step, k, j, i), r)) continue;
-                for (int z = r.z; z < r.z + b.z; ++z) {
-                    for (int y = r.y; y < r.y + b.y; ++y) {
-                        const size_t row = static_cast<size_t>(size.x) * (y + static_cast<size_t>(size.y) * z);
-                        std::fill_n(covered.begin() + static_cast<long>(row + r.x), b.x, true);
-                    }
-                }
+    korvo_detail::forEachReference(p, grid, [&](int, const Vec3<int>& r) {
+        for (int z = r.z; z < r.z + b.z; ++z) {
+            for (int y = r.y; y < r.y + b.y; ++y) {
+                const size_t row = static_cast<size_t>(size.x) * (y + static_cast<size_t>(size.y) * z);
+                std::fill_n(covered.begin() + static_cast<long>(row + r.x), b.x, true);
             }
         }
-    }
+        return true;
+    });
     for (size_t v = 0; v < covered.size(); ++v) {
         if (covered[v]) continue;
         const long long x = static_cast<long long>(v % size.x), yz = static_cast<long long>(v / size.x);
@@ -344,15 +339,10 @@ int korvoCheckMatchStorage(const Parameters* params, const BlockMatchStorage* st
     }
     // Every row the stage reads, in its order.
     const korvo_detail::ReferenceGrid grid(p);
-    for (int k = 0; k < grid.slices(); ++k) {
-        for (int j = 0; j < grid.rowsPerSlice(); ++j) {
-            for (int i = 0; i < grid.counts.x; ++i) {
-                Vec3<int> reference;
-                if (!korvo_detail::referencePosition(p, grid, grid.raw(p.step, k, j, i), reference)) continue;
-                if (checkGroup(p, *storage, grid.index(k, j, i), reference, refuse) != 0) return 1;
-            }
-        }
-    }
+    const bool valid = korvo_detail::forEachReference(p, grid, [&](int row, const Vec3<int>& reference) {
+        return checkGroup(p, *storage, row, reference, refuse) == 0;
+    });
+    if (!valid) return 1;
     if (message != nullptr && capacity > 0) message[0] = '\0';
     return 0;
 }
