@@ -278,6 +278,15 @@ int checkGroup(const Parameters& p, const BlockMatchStorage& s, long long row, c
 }
 }  // namespace
 
+void korvoFitSearchWindow(Parameters* params) {
+    if (params == nullptr) return;
+    auto serve = [](int w, int extent, int block) { return std::min(w, std::max(extent - block, 0)); };
+    const Vec3<int>& n = params->imageSize;
+    const Vec3<int>& b = params->blockSize;
+    Vec3<int>& w = params->searchWindow;
+    w = {serve(w.x, n.x, b.x), serve(w.y, n.y, b.y), serve(w.z, n.z, b.z)};
+}
+
 void korvoDefaultParameters(Parameters* params, int stage, Vec3<int> imageSize, float sigma) {
     if (params == nullptr) return;
     const bool plane = imageSize.z == 1;
@@ -290,13 +299,9 @@ void korvoDefaultParameters(Parameters* params, int stage, Vec3<int> imageSize, 
     p.thresholdFactor = 2.7f * 2.7f;
     p.wienerFactor = 0.75f;
     p.matchVarianceWeight = 1.0f;
-    // The stage clips windows at the border anyway; a window the image cannot
-    // serve only costs time in the distance-correction table.
-    const Vec3<int> window = plane ? Vec3<int>{11, 11, 0} : Vec3<int>{5, 5, 5};
-    auto serve = [](int w, int extent, int block) { return std::min(w, std::max(extent - block, 0)); };
-    p.searchWindow = {serve(window.x, imageSize.x, p.blockSize.x), serve(window.y, imageSize.y, p.blockSize.y),
-                      serve(window.z, imageSize.z, p.blockSize.z)};
+    p.searchWindow = plane ? Vec3<int>{11, 11, 0} : Vec3<int>{5, 5, 5};
     p.imageSize = imageSize;
+    korvoFitSearchWindow(&p);
     p.psdSize = {1, 1, 1};
     p.step = {3, 3, p.blockSize.z == 1 ? 1 : 3};
     p.minReduceCount = 1;

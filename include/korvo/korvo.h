@@ -70,6 +70,11 @@ KORVO_API void korvoInterfaceWie(const float* noisy, const float* psd, Parameter
 KORVO_API void korvoDefaultParameters(Parameters* params, int stage, Vec3<int> imageSize,
                                       float sigma);
 
+// Narrows searchWindow per axis to what imageSize can serve with blockSize (the
+// stages clip windows at the border, so no group changes; a wider window only
+// costs time and memory).
+KORVO_API void korvoFitSearchWindow(Parameters* params);
+
 // 0 when a stage can run `params`; otherwise 1, with the reason (one sentence
 // naming the fields) copied into `message` (at most capacity - 1 characters and a
 // terminating zero). Covers every combination the stage loop would stop on with

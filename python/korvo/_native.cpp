@@ -285,6 +285,9 @@ PYBIND11_MODULE(_native, m) {
         },
         py::arg("stage"), py::arg("image_size"), py::arg("sigma"),
         "The package defaults of one stage for an image of this (x, y, z) size and white noise.");
+    m.def(
+        "fit_search_window", [](Parameters& p) { korvoFitSearchWindow(&p); }, py::arg("params"),
+        "Narrow the record's search window to what its image size can serve (in place).");
     m.def("check_parameters", &checkParameters, py::arg("params"), py::arg("stage"),
           "Why a stage cannot run this record, or an empty string when it can.");
     m.def(

@@ -352,9 +352,8 @@ def stage_parameters(profile, stage, shape, *, noise_std=1.0, psd_shape=None, bu
     record.step = settings.step or record.step
     record.psd_work_size = profile.psd_work_size or record.psd_work_size
     # A window wider than the data can serve changes no group, only time and memory.
-    window = settings.search_window or (record.search_window if block == record.block_size
-                                        else (5, 5, 5))
-    record.search_window = tuple(min(w, max(n - b, 0)) for w, n, b in zip(window, extents, block))
+    record.search_window = settings.search_window or record.search_window
+    _native.fit_search_window(record)
     record.max_group_size = settings.max_group_size
     record.variance_group_limit = profile.variance_group_limit
     # Squared in single precision, as the library squares its own default.
