@@ -9,13 +9,12 @@ script prints a markdown table of
 - the PSNR of korvo denoising with the estimated PSD, the true PSD, and the
   white-noise assumption at korvo.estimate_sigma's level.
 
-    python bench/psd_eval.py [--threads 2] [--volumes mri4d,mri_t1,phantom]
+    python bench/psd_eval.py [--threads 2] [--volumes mri_epi,mri_t1_small,phantom]
 """
 
 from __future__ import annotations
 
 import argparse
-import inspect
 import os
 import sys
 import time
@@ -30,35 +29,15 @@ GRID = (16, 16, 16)
 SIGMA = 0.1
 
 
-def _nibabel_volume(name, index=None):
-    import nibabel
-    path = os.path.join(os.path.dirname(nibabel.__file__), "tests", "data", name)
-    data = np.asanyarray(nibabel.load(path).dataobj).astype(np.float64)
-    if index is not None:
-        data = data[..., index]
-    return np.ascontiguousarray(data.transpose(2, 1, 0))   # (x, y, z) -> (slices, rows, columns)
-
-
 def _volumes(names):
     sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-    try:
-        import datasets   # CT and microscopy volumes, when present
-    except ImportError:
-        datasets = None
-    loaders = {
-        "mri4d": lambda: _nibabel_volume("example4d.nii.gz", 0),
-        "mri_t1": lambda: _nibabel_volume("anatomical.nii"),
-        "phantom": lambda: korvo.phantom((48, 96, 96)).astype(np.float64),
-    }
+    import datasets  # real volumes from installed packages, scaled to [0, 1]
+
     for name in names:
-        if name in loaders:
-            volume = loaders[name]()
-        elif datasets is not None:
-            volume = np.asarray(datasets.load(name), dtype=np.float64)
+        if name == "phantom":
+            yield name, korvo.phantom((48, 96, 96)).astype(np.float64)
         else:
-            raise SystemExit(f"unknown volume {name!r} (no bench/datasets.py)")
-        volume = volume - volume.min()
-        yield name, volume / volume.max()
+            yield name, datasets.load(name)[0].astype(np.float64)
 
 
 def _separable(taps):
@@ -100,13 +79,8 @@ def _spectra():
 
 
 def _denoiser(threads):
-    """korvo.korvo with the noise given as sigma= or psd=, for the old
-    (z, sigma_psd, profile) and the new (z, sigma=None, *, psd=None) call."""
     profile = korvo.KORVOProfile(num_threads=threads)
-    if "psd" in inspect.signature(korvo.korvo).parameters:
-        return lambda z, sigma=None, psd=None: korvo.korvo(z, sigma, psd=psd, profile=profile)
-    return lambda z, sigma=None, psd=None: korvo.korvo(
-        z, sigma if psd is None else psd, profile)
+    return lambda z, sigma=None, psd=None: korvo.korvo(z, sigma, psd=psd, profile=profile)
 
 
 def _psnr(estimate, clean):
@@ -115,7 +89,7 @@ def _psnr(estimate, clean):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--volumes", default="mri4d,mri_t1,phantom")
+    parser.add_argument("--volumes", default="mri_epi,mri_t1_small,phantom")
     parser.add_argument("--threads", type=int, default=2)
     parser.add_argument("--no-denoise", action="store_true", help="PSD errors only")
     args = parser.parse_args()
