@@ -5,6 +5,7 @@ groups of similar blocks, with white or coloured noise.
     >>> y = korvo.korvo(z, sigma=s)               # white noise of std s
     >>> y = korvo.korvo(z, psd=psd)               # coloured noise with this PSD
     >>> y = korvo.korvo(z, sigma=korvo.estimate_sigma(z))
+    >>> y = korvo.korvo(z, psd=korvo.estimate_psd(z))  # coloured noise, PSD unknown
     >>> y = korvo.korvo(rgb, sigma=s, channel_axis=-1)
 
 Arrays are (rows, columns) or (slices, rows, columns); every per-axis setting
@@ -14,9 +15,11 @@ of :class:`KORVOProfile` is an (x, y, z) tuple with x the array's last axis.
 from .denoise import korvo
 from .matches import MatchStorage, StageMatches
 from .memory import available_memory
-from .noise import coloured_noise, estimate_sigma, psd_from_kernel, psd_sigma, white_psd
+from .noise import (coloured_noise, estimate_sigma, psd_concentration, psd_from_kernel, psd_sigma,
+                    white_psd)
 from .phantom import phantom
 from .profile import KORVOProfile, StageProfile
+from .spectrum import estimate_psd
 
 try:  # one source: the VERSION file, through the installed package's metadata
     from importlib.metadata import version as _installed_version
@@ -31,9 +34,11 @@ __all__ = [
     "MatchStorage",
     "StageMatches",
     "estimate_sigma",
+    "estimate_psd",
     "white_psd",
     "psd_from_kernel",
     "psd_sigma",
+    "psd_concentration",
     "coloured_noise",
     "phantom",
     "available_memory",

@@ -7,9 +7,10 @@ import threading
 import numpy as np
 
 from . import _native
-from .matches import MatchStorage
+from .matches import MatchStorage, StageMatches
 from .memory import SPLIT_ADVICE, split_budget
-from .profile import KORVOProfile, stage_parameters
+from .noise import prewhiten
+from .profile import KORVOProfile, PSDAdaptation, stage_parameters
 from .progress import make_reporter
 from .validation import check_channels, check_data, check_noise, check_range
 
@@ -17,6 +18,7 @@ __all__ = ["korvo"]
 
 _STAGES = {"both": (0, 1), "ht": (0,), "wiener": (1,)}
 _STAGE_LABELS = ("korvo hard thresholding", "korvo Wiener")
+_MATCH_LABEL = "korvo matching on prewhitened data"
 
 # One native run at a time: the library's thread pool has a single driver.
 _NATIVE_LOCK = threading.Lock()
@@ -116,10 +118,19 @@ class _Channel:
                                  f"{self.z.shape}")
             check_range("pilot", plo, phi, self.offset, self.scale, self.unit)
 
-    def records(self, profile, run, budget):
+    def records(self, profile, run, budget, adaptation):
+        """Native records by stage, and under "match" the prewhitened matching
+        pass's when the groups are matched on a prewhitened copy."""
         psd_shape = None if self.psd is None else self.psd.shape
-        return {stage: stage_parameters(profile, stage, self.z.shape, noise_std=self.unit,
-                                        psd_shape=psd_shape, budget=budget) for stage in run}
+        records = {stage: stage_parameters(profile, stage, self.z.shape, noise_std=self.unit,
+                                           psd_shape=psd_shape, budget=budget,
+                                           adaptation=adaptation) for stage in run}
+        if adaptation.prewhiten:
+            records["match"] = stage_parameters(profile, 0, self.z.shape,
+                                                noise_std=self.unit * adaptation.match_std,
+                                                budget=budget, adaptation=adaptation,
+                                                matching=True)
+        return records
 
     def native_psd(self):
         """White noise is the one-value PSD sigma^2 (the record's psd_size (1, 1, 1))."""
@@ -141,6 +152,19 @@ def _restore(channel, result, normalize):
     return result
 
 
+def _prewhitened_groups(channel, noisy, record, reporter, label_suffix):
+    """Groups matched on a prewhitened copy of ``noisy`` (stage units), for
+    both stages to replay; the pass's own estimate is discarded."""
+    whitened, std = prewhiten(noisy, channel.psd)
+    groups = StageMatches(noisy.shape, record)
+    scratch = np.zeros(noisy.shape, dtype=np.float32)
+    white = np.full((1, 1, 1), std * std, dtype=np.float32)
+    groups.rows = _run_stage(0, whitened, white, record, None, scratch, groups.native(), reporter,
+                             _MATCH_LABEL + label_suffix)
+    groups.filled = True
+    return groups
+
+
 def _denoise(channel, records, run, matches, reporter, normalize, label_suffix=""):
     z = channel.z
     if normalize or z.dtype != np.float32 or not z.flags.c_contiguous:
@@ -152,6 +176,10 @@ def _denoise(channel, records, run, matches, reporter, normalize, label_suffix="
         pilot = _to_float32(channel.pilot, channel.offset, channel.scale)
     result = None
     with _NATIVE_LOCK:
+        if "match" in records and (matches is None or not matches.recorded["ht"]):
+            shared = _prewhitened_groups(channel, noisy, records["match"], reporter, label_suffix)
+            matches = matches if matches is not None else MatchStorage()
+            matches.ht = matches.wiener = shared
         for stage in run:
             if result is not None:
                 pilot = result  # the first estimate, still in the stages' units
@@ -256,9 +284,11 @@ def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, stages="b
     channels = [_Channel(split.view(z, i), sigmas[i], psd,
                          None if pilot is None else split.view(pilot, i), normalize)
                 for i in range(split.count)]
-    buffers = (len(run) + 2) * 4 * channels[0].z.size
+    adaptation = PSDAdaptation.of(profile, channels[0].z.shape, psd)
+    # Volumes held at once: data, pilot, outputs; the prewhitened copy and its scratch output.
+    buffers = (len(run) + 2 + 2 * adaptation.prewhiten) * 4 * channels[0].z.size
     budget = split_budget(buffers) if profile.split_block_extraction is None else None
-    plans = [channel.records(profile, run, budget) for channel in channels]
+    plans = [channel.records(profile, run, budget, adaptation) for channel in channels]
 
     if split.axis is None:
         return _denoise(channels[0], plans[0], run, matches, reporter, normalize)

@@ -10,7 +10,8 @@ from __future__ import annotations
 
 import numpy as np
 
-__all__ = ["estimate_sigma", "white_psd", "psd_from_kernel", "psd_sigma", "coloured_noise"]
+__all__ = ["estimate_sigma", "white_psd", "psd_from_kernel", "psd_sigma", "coloured_noise",
+           "psd_concentration", "whitening_gain", "prewhiten"]
 
 # Median of |X| for X standard normal: turns a median absolute value into a
 # standard deviation.
@@ -89,3 +90,75 @@ def psd_sigma(psd):
     """Noise standard deviation per element described by a PSD: sqrt(mean(PSD) / N)."""
     psd = np.asarray(psd, dtype=np.float64)
     return float(np.sqrt(psd.mean() / psd.size))
+
+
+def psd_concentration(psd):
+    """c = mean(PSD^2) / mean(PSD)^2: 1 for white noise, larger the more the
+    noise power is concentrated in frequency. By Parseval it is also the sum
+    of the squared normalised noise autocorrelation over all lags, i.e. the
+    number of samples whose noise is effectively shared."""
+    p = np.asarray(psd, dtype=np.float64)
+    return float(np.mean(p * p) / np.mean(p) ** 2)
+
+
+def _psd_on_grid(psd, shape):
+    """The PSD resampled to ``shape`` through its autocovariance (lags within
+    half the PSD grid, Nyquist lags shared between both signs), normalised to
+    mean 1. A PSD of fewer dimensions than ``shape`` is flat along the leading
+    axes, as the stages read it."""
+    p = np.asarray(psd, dtype=np.float64)
+    if p.ndim > len(shape):  # a plane of 3-D noise: the spectrum averaged over kz
+        p = p.reshape((-1,) + p.shape[-len(shape):]).mean(axis=0)
+    p = p.reshape((1,) * (len(shape) - p.ndim) + p.shape)
+    autocov = np.fft.ifftn(p).real
+    placed = np.zeros(shape)
+    index, weight = [], np.ones(p.shape)
+    for axis, (g, n) in enumerate(zip(p.shape, shape)):
+        lags = np.fft.fftfreq(g, 1.0 / g).astype(int)
+        if g % 2 == 0 and g > 1:  # lag g/2 belongs to both signs: half on each
+            lags = np.append(lags, g // 2)
+            half = np.ones(g + 1)
+            half[[g // 2, g]] = 0.5
+            autocov = np.concatenate([autocov, np.take(autocov, [g // 2], axis=axis)], axis=axis)
+            weight = np.concatenate([weight, np.take(weight, [g // 2], axis=axis)], axis=axis)
+            weight = weight * half.reshape([-1 if a == axis else 1 for a in range(len(shape))])
+        index.append(lags % n)
+    np.add.at(placed, np.ix_(*index), autocov * weight)
+    spectrum = np.fft.rfftn(placed).real
+    # The spectrum's mean over all frequencies is the lag-0 value.
+    return spectrum / placed.flat[0]
+
+
+# Floor of the whitening filter's PSD, relative to its mean: no frequency is
+# amplified more than twice (a lower floor lets the noise-free high
+# frequencies of the signal dominate the block distances).
+WHITENING_FLOOR = 0.25
+
+
+def whitening_gain(psd, shape):
+    """The prewhitening filter for data of ``shape`` (as an rfftn half
+    spectrum), 1 / sqrt(max(PSD / mean(PSD), floor)), and the ratio of the
+    filtered noise's standard deviation to the unfiltered one's."""
+    shape = tuple(int(n) for n in shape)
+    relative = _psd_on_grid(psd, shape)
+    gain = 1.0 / np.sqrt(np.maximum(relative, WHITENING_FLOOR))
+    # Mean of gain^2 * PSD over the full spectrum, from the half spectrum.
+    weights = np.full(relative.shape, 2.0)
+    weights[..., 0] = 1.0
+    if shape[-1] % 2 == 0:
+        weights[..., -1] = 1.0
+    ratio = np.sqrt(np.sum(weights * gain ** 2 * relative) / np.sum(weights))
+    return gain, float(ratio)
+
+
+def prewhiten(z, psd):
+    """``z`` filtered (circularly) by the prewhitening filter of ``psd``.
+
+    The filtered noise is nearly white: block matching on it no longer
+    favours blocks whose low-frequency noise agrees with the reference's.
+    Returns the filtered float32 array and the standard deviation of its noise
+    (``psd`` in ``z``'s units)."""
+    shape = np.shape(z)
+    gain, ratio = whitening_gain(psd, shape)
+    out = np.fft.irfftn(np.fft.rfftn(z) * gain, s=shape, axes=tuple(range(len(shape))))
+    return out.astype(np.float32), psd_sigma(psd) * ratio

@@ -27,7 +27,7 @@ from .memory import choose_split, split_budget
 from .validation import MAX_DYNAMIC_RANGE
 
 __all__ = ["StageProfile", "KORVOProfile", "BLOCK_SIZES", "FFT_LENGTHS", "stage_parameters",
-           "shape_xyz", "STAGE_KEYS"]
+           "shape_xyz", "STAGE_KEYS", "PSDAdaptation"]
 
 # Block sizes with built-in transform sets: cubes for volumes, squares for planes.
 BLOCK_SIZES = ((4, 4, 4), (8, 8, 1))
@@ -46,6 +46,15 @@ FACTOR_LIMIT = (" (far beyond any useful value; the library multiplies noise var
 # largest distance of data within the supported dynamic range.
 MAX_MATCH_THRESHOLD = (2 * MAX_DYNAMIC_RANGE) ** 2
 STAGE_KEYS = ("ht", "wiener")
+# PSD adaptation, measured on MRI, CT and microscopy volumes under four noise
+# spectra (bench/coloured_study.py): per stage, the noise variance the
+# thresholds see is multiplied by 1 + ln(c) * slope, c the PSD's concentration.
+# Groups matched on noisy data whose noise is correlated keep more noise than
+# the independent-block model predicts (the matching favours blocks whose
+# noise resembles the reference's); the scales make up for it.
+PSD_SCALE_SLOPES = (0.125, 0.5)
+# From this concentration on, groups are matched on a prewhitened copy.
+PREWHITEN_FROM = 1.25
 
 
 def _axis_tuple(name, value, minimum, allow_none=True):
@@ -219,6 +228,17 @@ class KORVOProfile(_Validated):
         Alpha-rooting of the thresholded spectrum: each coefficient c becomes
         |dc|^(1-e) |c|^e sign(c); exponents below 1 sharpen. The flat exponent
         is used for coefficients constant along the block's z axis.
+    adapt_to_psd
+        True (default): with a coloured PSD of concentration
+        c = mean(PSD^2)/mean(PSD)^2 > 1 (1 is white noise), the hard
+        threshold's square is multiplied by 1 + ln(c)/8 and the Wiener factor
+        by 1 + ln(c)/2, and from c = 1.25 on the groups of both stages are
+        matched once on a prewhitened copy of the data (groups of up to the
+        larger of the two stages' ``max_group_size``, the Wiener stage's
+        ``match_threshold``) and replayed by both stages, which then need
+        the same block size, step and search window (otherwise each stage
+        matches as usual). White noise is unaffected. False: the settings as
+        written.
     num_threads
         Worker threads; None: every core this process may use.
     split_block_extraction
@@ -240,6 +260,7 @@ class KORVOProfile(_Validated):
         sharpen_exponent=0.8,
         sharpen_exponent_flat=0.8,
         sharpen_variances=False,
+        adapt_to_psd=True,
         num_threads=None,
         split_block_extraction=None,
     )
@@ -269,7 +290,7 @@ class KORVOProfile(_Validated):
             return _number(name, value, 0, MAX_GROUP, integer=True)
         if name == "match_variance_weight":
             return _number(name, value, 0.0, MAX_FACTOR, why=FACTOR_LIMIT)
-        if name in ("sharpen", "sharpen_variances"):
+        if name in ("sharpen", "sharpen_variances", "adapt_to_psd"):
             return _flag(name, value)
         if name in ("sharpen_exponent", "sharpen_exponent_flat"):
             return _number(name, value, 0.0, 4.0, low_open=True)
@@ -289,23 +310,63 @@ class KORVOProfile(_Validated):
             return tuple(_flag("split_block_extraction entries", v) for v in items)
         return value
 
-    def resolve(self, shape):
+    def resolve(self, shape, psd=None):
         """The native records a call on an array of this shape would use.
 
         Returns ``{"ht": record, "wiener": record}``: ``korvo._native.Parameters``
         with every per-axis value an (x, y, z) tuple, for noise of standard
-        deviation 1 (what the stages see after normalisation) given by sigma.
-        Thresholds appear in the library's units: ``threshold_factor`` is
-        ``hard_threshold`` squared, ``match_threshold`` the per-voxel value
-        times the block volume. Settings that cannot work on this shape raise
-        ValueError.
+        deviation 1 (what the stages see after normalisation) given by sigma,
+        or by ``psd`` when given. Thresholds appear in the library's units:
+        ``threshold_factor`` is ``hard_threshold`` squared, ``match_threshold``
+        the per-voxel value times the block volume, both after the PSD
+        adaptation (see ``adapt_to_psd``). When the groups are matched on a
+        prewhitened copy, the record of that matching pass is included as
+        ``"match"``. Settings that cannot work on this shape raise ValueError.
         """
         shape = tuple(int(n) for n in shape)
         if len(shape) not in (2, 3):
             raise ValueError(f"expected a 2-D or 3-D shape, got {len(shape)} dimensions")
-        budget = split_budget(2 * 4 * math.prod(shape))
-        return {key: stage_parameters(self, stage, shape, budget=budget)
-                for stage, key in enumerate(STAGE_KEYS)}
+        adaptation = PSDAdaptation.of(self, shape, psd)
+        budget = split_budget((2 + 2 * adaptation.prewhiten) * 4 * math.prod(shape))
+        psd_shape = None if psd is None else np.shape(psd)
+        records = {key: stage_parameters(self, stage, shape, psd_shape=psd_shape, budget=budget,
+                                         adaptation=adaptation)
+                   for stage, key in enumerate(STAGE_KEYS)}
+        if adaptation.prewhiten:
+            records["match"] = stage_parameters(self, 0, shape, noise_std=adaptation.match_std,
+                                                budget=budget, adaptation=adaptation, matching=True)
+        return records
+
+
+class PSDAdaptation:
+    """How a call adapts to its noise PSD: the concentration c, the noise
+    scale of each stage's thresholds, and whether groups are matched on a
+    prewhitened copy (with the noise std, relative to the data's, that the
+    prewhitened copy has)."""
+
+    def __init__(self, concentration=1.0, prewhiten=False, match_std=1.0):
+        self.concentration = concentration
+        growth = math.log(max(concentration, 1.0))
+        self.scales = tuple(1.0 + slope * growth for slope in PSD_SCALE_SLOPES)
+        self.prewhiten = prewhiten
+        self.match_std = match_std
+
+    @classmethod
+    def of(cls, profile, shape, psd):
+        """The adaptation of a call on ``shape`` with this PSD (None: white)."""
+        if psd is None or not profile.adapt_to_psd:
+            return cls()
+        from .noise import psd_concentration, whitening_gain
+        concentration = psd_concentration(psd)
+        same = all(getattr(profile.ht, n) == getattr(profile.wiener, n)
+                   for n in ("block_size", "step", "search_window"))
+        if not (same and concentration >= PREWHITEN_FROM):
+            return cls(concentration)
+        return cls(concentration, True, whitening_gain(psd, shape)[1])
+
+    def __repr__(self):
+        return (f"PSDAdaptation(concentration={self.concentration:.4g}, scales={self.scales}, "
+                f"prewhiten={self.prewhiten})")
 
 
 def shape_xyz(shape):
@@ -331,15 +392,22 @@ def _single(name, value):
     return float(single)
 
 
-def stage_parameters(profile, stage, shape, *, noise_std=1.0, psd_shape=None, budget=None):
+def stage_parameters(profile, stage, shape, *, noise_std=1.0, psd_shape=None, budget=None,
+                     adaptation=None, matching=False):
     """The native record of one stage (0: hard thresholding, 1: Wiener) of a
     call on an array of ``shape`` whose noise, as the stages see it, has
     standard deviation ``noise_std`` and the PSD shape ``psd_shape`` (None:
-    white, one value). Every unit conversion between the profile and the
+    white, one value), adapted to the PSD by ``adaptation``
+    (:class:`PSDAdaptation`; None: none). ``matching``: the record of the
+    hard-thresholding pass over the prewhitened copy that records the groups
+    both stages replay. Every unit conversion between the profile and the
     library happens here. Unset profile values come from the library's
     defaults; an unset split is chosen to fit ``budget`` bytes (None: no
     limit). Combinations a stage cannot run raise ValueError."""
+    adaptation = adaptation or PSDAdaptation()
     settings = getattr(profile, STAGE_KEYS[stage])
+    # The shared groups are matched with the Wiener stage's threshold.
+    threshold_settings = profile.wiener if matching else settings
     extents = shape_xyz(shape)
     record = _native.default_parameters(stage, extents, noise_std)
     block = settings.block_size or record.block_size
@@ -355,16 +423,21 @@ def stage_parameters(profile, stage, shape, *, noise_std=1.0, psd_shape=None, bu
     record.search_window = settings.search_window or record.search_window
     _native.fit_search_window(record)
     record.max_group_size = settings.max_group_size
+    if adaptation.prewhiten:  # both stages replay the same groups
+        record.max_group_size = max(profile.ht.max_group_size, profile.wiener.max_group_size)
     record.variance_group_limit = profile.variance_group_limit
     # Squared in single precision, as the library squares its own default.
     threshold = np.float32(profile.hard_threshold)
-    record.threshold_factor = _single("hard_threshold squared", threshold * threshold)
-    record.wiener_factor = _single("wiener_factor", profile.wiener_factor)
+    scale = 1.0 if matching else adaptation.scales[stage]
+    hard, wiener = (scale, 1.0) if stage == 0 else (1.0, scale)
+    record.threshold_factor = _single("hard_threshold squared", threshold * threshold * hard)
+    record.wiener_factor = _single("wiener_factor", profile.wiener_factor * wiener)
     record.match_variance_weight = _single("match_variance_weight", profile.match_variance_weight)
     # Per-voxel mean squared distance in units of the noise variance -> a sum
     # over the block in the stages' units.
     record.match_threshold = _single(f"{STAGE_KEYS[stage]}.match_threshold",
-                                     settings.match_threshold * math.prod(block) * noise_std ** 2)
+                                     threshold_settings.match_threshold * math.prod(block)
+                                     * noise_std ** 2)
     record.sharpen = profile.sharpen
     record.sharpen_variances = profile.sharpen_variances
     record.sharpen_exponent = profile.sharpen_exponent

@@ -57,16 +57,76 @@ def test_sigma_equals_flat_psd_of_any_shape(volume, image, rng):
                                korvo.korvo(noisy2, 0.1, profile=SERIAL), atol=2e-4)
 
 
-def test_coloured_noise_psd_beats_white_assumption(rng):
-    clean = korvo.phantom((16, 48, 48)).astype(np.float64)
-    kernel = np.array([[[1.0, 2.0, 1.0]]]) / np.sqrt(6.0)  # correlated along x
-    noise = korvo.coloured_noise(kernel, clean.shape, 0.1, rng)
-    noisy = clean + noise
-    psd = korvo.psd_from_kernel(kernel, (16, 16, 16), 0.1)
-    assert korvo.psd_sigma(psd) == pytest.approx(0.1, rel=1e-3)
-    with_psd = psnr(korvo.korvo(noisy, psd=psd), clean)
-    white = psnr(korvo.korvo(noisy, korvo.psd_sigma(psd)), clean)
-    assert with_psd > white + 0.5
+SMOOTH = np.ones((3, 3, 3)) / np.sqrt(27.0)  # strongly correlated: c = 27 * sum(r^2) / 27
+X121 = np.array([[[1.0, 2.0, 1.0]]]) / np.sqrt(6.0)  # correlated along x
+
+
+def test_coloured_noise_psd_beats_white_assumption_and_adaptation_beats_both(rng):
+    clean = korvo.phantom((24, 48, 48)).astype(np.float64)
+    scores = {}
+    for name, kernel in (("x121", X121), ("smooth", SMOOTH)):
+        noisy = clean + korvo.coloured_noise(kernel, clean.shape, 0.1, rng)
+        psd = korvo.psd_from_kernel(kernel, (16, 16, 16), 0.1)
+        assert korvo.psd_sigma(psd) == pytest.approx(0.1, rel=1e-3)
+        plain = korvo.KORVOProfile(adapt_to_psd=False)
+        scores[name] = [psnr(korvo.korvo(noisy, korvo.psd_sigma(psd)), clean),
+                        psnr(korvo.korvo(noisy, psd=psd, profile=plain), clean),
+                        psnr(korvo.korvo(noisy, psd=psd), clean)]
+    white, plain, adapted = scores["x121"]
+    assert plain > white + 0.5 and adapted > plain - 0.25  # mild colour: little to adapt
+    white, plain, adapted = scores["smooth"]
+    assert adapted > max(white, plain) + 1.0, scores
+
+
+def test_psd_concentration_and_prewhitening(rng):
+    from korvo.noise import prewhiten, psd_concentration
+    # c is the sum of the squared normalised autocorrelation: 1 + 2 (4/6)^2 + 2 (1/6)^2.
+    assert psd_concentration(korvo.psd_from_kernel(X121, (16, 16, 16))) == pytest.approx(1 + 34 / 36)
+    assert psd_concentration(korvo.white_psd(1.0, (8, 8, 8))) == 1.0
+    shape = (40, 36, 50)
+    for kernel, psd in ((X121, korvo.psd_from_kernel(X121, (16, 16, 16), 0.2)),
+                        (X121[0], korvo.psd_from_kernel(X121[0], (32, 32), 0.2)),  # per slice
+                        (SMOOTH, korvo.psd_from_kernel(SMOOTH, (16, 16, 16), 0.2))):
+        noise = korvo.coloured_noise(kernel.reshape((1,) * (3 - kernel.ndim) + kernel.shape),
+                                     shape, 0.2, rng)
+        white, std = prewhiten(noise, psd)
+        assert white.dtype == np.float32 and white.shape == shape
+        assert np.std(white) == pytest.approx(std, rel=0.03)
+        lag = np.mean(white[..., 1:] * white[..., :-1]) / np.var(white)
+        assert lag < 0.4  # 2/3 before; the gain cap keeps the rest
+
+
+def test_psd_adaptation_in_the_records():
+    shape = (32, 40, 48)
+    profile = korvo.KORVOProfile()
+    plain = profile.resolve(shape)
+    flat = profile.resolve(shape, psd=korvo.white_psd(0.3, (16, 16, 16)))
+    assert set(flat) == {"ht", "wiener"}
+    for key in flat:
+        flat[key].psd_size = plain[key].psd_size
+        assert repr(flat[key]) == repr(plain[key])
+    psd = korvo.psd_from_kernel(SMOOTH, (16, 16, 16))
+    c = korvo.noise.psd_concentration(psd)
+    adapted = profile.resolve(shape, psd=psd)
+    assert adapted["ht"].threshold_factor == pytest.approx(2.7 ** 2 * (1 + np.log(c) / 8), rel=1e-6)
+    assert adapted["wiener"].wiener_factor == pytest.approx(0.75 * (1 + np.log(c) / 2), rel=1e-6)
+    assert adapted["match"].match_threshold < plain["wiener"].match_threshold  # whiter noise
+    assert {r.max_group_size for r in adapted.values()} == {32}
+    profile.adapt_to_psd = False
+    assert set(profile.resolve(shape, psd=psd)) == {"ht", "wiener"}
+    profile.adapt_to_psd = True
+    profile.ht.step = 2  # stages that cannot share groups only scale their thresholds
+    assert set(profile.resolve(shape, psd=psd)) == {"ht", "wiener"}
+
+
+def test_prewhitened_groups_are_shared_and_replayed(volume, rng):
+    noisy = volume + korvo.coloured_noise(SMOOTH, volume.shape, 0.1, rng)
+    psd = korvo.psd_from_kernel(SMOOTH, (16, 16, 16), 0.1)
+    store = korvo.MatchStorage()
+    first = korvo.korvo(noisy, psd=psd, profile=SERIAL, matches=store)
+    assert store.ht is store.wiener and store.ht.filled
+    np.testing.assert_array_equal(korvo.korvo(noisy, psd=psd, profile=SERIAL, matches=store), first)
+    np.testing.assert_array_equal(korvo.korvo(noisy, psd=psd, profile=SERIAL), first)
 
 
 def test_stage_control(volume, rng):
