@@ -8,7 +8,8 @@ import time
 
 import numpy as np
 
-from . import KORVOProfile, __version__, estimate_sigma, korvo
+from . import KORVOProfile, __version__, estimate_psd, estimate_sigma, korvo
+from .noise import psd_sigma
 
 __all__ = ["main"]
 
@@ -104,7 +105,10 @@ class _Run:
         if args.threads is not None:
             self.profile.num_threads = args.threads or None  # 0: every core
         self.psd = None
-        if args.psd:
+        self.auto = args.psd == "auto"
+        if args.psd_mask and not self.auto:
+            raise ValueError("--psd-mask marks where to estimate the PSD: use it with --psd auto")
+        if args.psd and not self.auto:
             from .io import read_volume
             self.psd, _ = read_volume(args.psd)
 
@@ -125,22 +129,45 @@ class _Run:
         self.say(f"estimated noise sigma{where}: {', '.join(f'{s:.6g}' for s in sigmas)}")
         return {"sigma": sigmas[0] if channel is None else sigmas}
 
-    def denoise(self, block, labels, where):
+    def estimated_psds(self, block, mask, channel, where):
+        """One PSD per channel, from the data (or where the mask is nonzero)."""
+        masks = [None] * len(_channels(block, channel)) if mask is None else _channels(mask, channel)
+        psds = [estimate_psd(part, mask=None if m is None else m != 0)
+                for part, m in zip(_channels(block, channel), masks)]
+        self.say(f"estimated noise PSD{where}: " + "; ".join(
+            f"std {psd_sigma(p):.6g}, c {_concentration(p):.3g}" for p in psds))
+        return psds
+
+    def run(self, block, noise, channel, where):
+        self.say(f"denoising {self.name}{where}")
+        return korvo(block, **noise, profile=self.profile, channel_axis=channel,
+                     stages=self.args.stages, progress=not self.args.quiet)
+
+    def denoise(self, block, labels, where, mask=None):
         """Denoise one item (2 or 3 space axes, maybe a channel axis)."""
         flat = labels.find("Z") if "Z" in labels and block.shape[labels.find("Z")] == 1 else -1
         if flat >= 0:  # a single slice is an image
             block, labels = np.take(block, 0, axis=flat), labels.replace("Z", "")
+            mask = None if mask is None else np.take(mask, 0, axis=flat)
         channel = next((i for i, a in enumerate(labels) if a in "CS"), None)
         if channel is not None:
             where += f", {block.shape[channel]} channels"
-        noise = self.noise(block, channel, where)
-        self.say(f"denoising {self.name}{where}")
-        out = korvo(block, **noise, profile=self.profile,
-                    channel_axis=channel, stages=self.args.stages,
-                    progress=not self.args.quiet)
+        if self.auto:  # korvo takes one PSD for all channels: denoise them one by one
+            psds = self.estimated_psds(block, mask, channel, where)
+            outs = [self.run(part, {"psd": p}, None, where)
+                    for part, p in zip(_channels(block, channel), psds)]
+            out = outs[0] if channel is None else np.stack(outs, axis=channel)
+        else:
+            out = self.run(block, self.noise(block, channel, where), channel, where)
         if flat >= 0:
             out = np.expand_dims(out, flat)
         return _cast(out, self.dtype)
+
+
+def _concentration(psd):
+    """mean(P^2) / mean(P)^2: 1 for white noise, more the more the noise is correlated."""
+    p = np.asarray(psd, dtype=np.float64)
+    return float(np.mean(p * p) / np.mean(p) ** 2)
 
 
 def _cast(result, dtype):
@@ -164,6 +191,13 @@ def _denoise(args):
     series, rest = _layout(axes, data.shape, args.input)
     order = series + rest
     data_t = np.transpose(data, order)
+    mask_t = None
+    if args.psd_mask:
+        mask, _ = read_volume(args.psd_mask)
+        if mask.shape != data.shape:
+            raise ValueError(f"{args.psd_mask}: the mask has shape {mask.shape}, {args.input} "
+                             f"{data.shape}; they must match")
+        mask_t = np.transpose(mask, order)
     labels = "".join(axes[i] for i in rest)
     run.dtype = data.dtype if args.dtype == "keep" else np.dtype(np.float32)
     count = int(np.prod(data_t.shape[:len(series)]))
@@ -176,7 +210,7 @@ def _denoise(args):
             if series:
                 at = ", ".join(f"{axes[a]} {i}" for a, i in zip(series, index))
                 where = f" [{at}] ({number}/{count})"
-            yield run.denoise(block, labels, where)
+            yield run.denoise(block, labels, where, None if mask_t is None else mask_t[index])
 
     if order == sorted(order):  # series lead in the file: written item by item
         write_volume(args.output, results(), context, shape=data.shape, dtype=run.dtype)
@@ -186,7 +220,9 @@ def _denoise(args):
         for number, result in enumerate(results()):
             flat[number] = result
         write_volume(args.output, np.transpose(out, np.argsort(order)), context)
-    how = ("PSD from " + args.psd if args.psd else
+    how = ("estimated PSD" + (f" (noise where {args.psd_mask} is nonzero)" if args.psd_mask
+                              else "") if run.auto else
+           "PSD from " + args.psd if args.psd else
            f"sigma {args.sigma:g}" if args.sigma is not None else "estimated sigma")
     run.say(f"wrote {args.output} ({'x'.join(map(str, data.shape))} {run.dtype}, {how}, "
             f"{time.monotonic() - started:.1f} s)")
@@ -324,7 +360,8 @@ def _parser():
     d = commands.add_parser(
         "denoise", help="denoise a file (.npy, .nii, .nii.gz, .tif, .tiff)",
         description="Denoise IN and write OUT. Without --sigma or --psd the noise level is "
-                    "estimated (per item and channel). Axes are taken from the file where it "
+                    "estimated (per item and channel); --psd auto estimates the noise PSD "
+                    "(coloured noise) the same way. Axes are taken from the file where it "
                     "labels them (TIFF): channels (C, or S of RGB) are denoised one by one, a "
                     "time or other series axis item by item; Z, Y, X are space. Unlabelled "
                     "arrays: the last two axes are an image, a third from the end z, a fourth "
@@ -335,8 +372,12 @@ def _parser():
     d.add_argument("output", metavar="OUT")
     noise = d.add_mutually_exclusive_group()
     noise.add_argument("--sigma", type=float, help="standard deviation of white noise")
-    noise.add_argument("--psd", metavar="FILE",
-                       help="noise PSD (.npy, ...), E|fftn(noise)|^2 over the PSD's own shape")
+    noise.add_argument("--psd", metavar="FILE|auto",
+                       help="noise PSD (.npy, ...), E|fftn(noise)|^2 over the PSD's own shape; "
+                            "'auto': estimate it from IN (per item and channel)")
+    d.add_argument("--psd-mask", metavar="FILE",
+                   help="with --psd auto: estimate the PSD only where FILE (IN's shape) is "
+                        "nonzero, a region of noise alone such as the background")
     d.add_argument("--stages", choices=("both", "ht"), default="both",
                    help="both stages (default) or hard thresholding only")
     d.add_argument("--dtype", choices=("float32", "keep"), default="float32",

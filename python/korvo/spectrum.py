@@ -30,6 +30,8 @@ blocks, which the lag domain resamples to the grid without interpolation.
 
 from __future__ import annotations
 
+from statistics import NormalDist
+
 import numpy as np
 
 __all__ = ["estimate_psd"]
@@ -46,6 +48,16 @@ _LAG_Z = 3.5
 _MIN_BLOCK = 4
 # Samples per batch of blocks going through the FFTs at once (memory).
 _BATCH_SAMPLES = 1 << 22
+# Short-range fit for data without homogeneous regions: block extent, largest
+# noise correlation lag per axis, lowest frequency radius (cycles per sample)
+# used, and the quantile of the block periodograms taken per frequency.
+_FIT_BLOCK = 8
+_FIT_LAGS = 2
+_FIT_RADIUS = 0.3
+_FIT_QUANTILE = 0.1
+# The homogeneous-block estimate is kept unless its noise power exceeds the
+# fit's by more than this fraction (structure leaking into it).
+_FIT_MARGIN = 0.1
 
 
 def estimate_psd(z, shape=None, *, mask=None):
@@ -77,7 +89,7 @@ def estimate_psd(z, shape=None, *, mask=None):
     with no homogeneous region at all gives an upper bound.
     """
     data = _check_data(z)
-    grid = _check_shape(shape, data.ndim)
+    grid = _check_shape(shape, data)
     volume = data if data.ndim == 3 else data[None]
     weights = None if mask is None else _check_mask(mask, data.shape)
     if weights is not None and data.ndim == 2:
@@ -87,13 +99,27 @@ def estimate_psd(z, shape=None, *, mask=None):
     # Blocks twice the grid estimate long lags better; blocks of the grid's
     # size find more homogeneous places in busy data. Structure only ever adds
     # power, so of the two the estimate with less noise power is kept.
-    best = None
+    found, error = [], None
     for scale in (2, 1):
-        psd = _estimate(volume, grid3, weights, scale)
-        if best is None or psd.sum() < best.sum():
-            best = psd
+        try:
+            found.append(_estimate(volume, grid3, weights, scale))
+        except ValueError as exc:   # e.g. a single block at this scale
+            error = exc
         if all(n <= g for n, g in zip(volume.shape, grid3)):
             break   # both scales give the same blocks
+    best = min(found, key=np.sum) if found else None
+    if weights is None:
+        # Busy data (no region of noise alone): structure inflates the block
+        # estimate, mostly at low frequencies, where the short-range fit
+        # extrapolates instead.
+        try:
+            fit = _short_range(volume, grid3)
+        except ValueError as exc:
+            fit, error = None, error or exc
+        if fit is not None and (best is None or best.sum() > (1.0 + _FIT_MARGIN) * fit.sum()):
+            best = fit
+    if best is None:
+        raise error
     return best.reshape(grid).astype(np.float32)
 
 
@@ -125,11 +151,16 @@ def _check_data(z):
     return a
 
 
-def _check_shape(shape, ndim):
+def _check_shape(shape, data):
     if shape is None:
-        return (16, 16, 16) if ndim == 3 else (32, 32)
+        # The grid korvo's defaults resample a PSD to for data of this shape.
+        from ._native import default_parameters
+        from .profile import shape_xyz
+
+        x, y, z = default_parameters(0, shape_xyz(data.shape), 1.0).psd_work_size
+        return (y, x) if z == 1 else (z, y, x)
     grid = tuple(int(n) for n in shape)
-    if len(grid) not in (2, 3) or len(grid) > ndim:
+    if len(grid) not in (2, 3) or len(grid) > data.ndim:
         raise ValueError(f"the PSD shape {grid} must be 2-D, or 3-D for a volume")
     if any(n < 1 for n in grid):
         raise ValueError(f"the PSD shape {grid} must be positive")
@@ -138,9 +169,12 @@ def _check_shape(shape, ndim):
 
 def _check_mask(mask, shape):
     m = np.asarray(mask)
+    if m.dtype.kind not in "biuf":
+        raise TypeError(f"the mask must be boolean or numeric (nonzero: noise only), "
+                        f"got dtype {m.dtype}")
     if m.shape != shape:
         raise ValueError(f"the mask has shape {m.shape}, the data {shape}")
-    return m.astype(bool)
+    return m != 0
 
 
 # ----------------------------------------------------------------------------
@@ -164,7 +198,10 @@ def _blocks(shape, grid, mask, scale):
         inside = _inside(mask, starts, block)
         if inside.sum() >= 2:
             return block, starts[inside]
-    raise ValueError("the mask holds too few whole blocks to estimate a PSD")
+    need = [1 if b == 1 else min(_MIN_BLOCK, b) for b in preferred]
+    raise ValueError(f"the mask marks {int(mask.sum())} voxels but not two whole "
+                     f"{'x'.join(map(str, need))} blocks of them; it needs at least "
+                     f"{2 * int(np.prod(need))} voxels in compact regions")
 
 
 def _starts(shape, block, step):
@@ -310,6 +347,70 @@ def _full_spectrum(half, block):
     full[..., :half.shape[2]] = half
     mirror = np.roll(np.flip(full, axis=(0, 1, 2)), 1, axis=(0, 1, 2))
     return np.maximum(full, mirror)
+
+
+# ----------------------------------------------------------------------------
+# Short-range fit
+
+
+def _short_range(volume, grid):
+    """PSD of a noise whose correlations reach at most _FIT_LAGS samples per
+    axis, fitted to the high frequencies of small blocks.
+
+    Structure is sparse at high frequencies but dense at low ones, so only
+    frequencies of radius _FIT_RADIUS and above are read, and there a low
+    quantile of the block periodograms (scaled by the exponential, or
+    chi-square with one degree of freedom, law of noise alone) keeps out the
+    blocks crossed by edges. The model E I(k) = sum_t R(t) rho(t) cos(2 pi k t),
+    rho being the window's normalised autocorrelation, is linear in the
+    autocovariance R; its relative least-squares fit sets R at every lag kept,
+    and so the spectrum at low frequencies too.
+    """
+    block = tuple(1 if g == 1 else min(n, _FIT_BLOCK) for n, g in zip(volume.shape, grid))
+    windows = [_hann(b) for b in block]
+    starts = _starts(volume.shape, block, [max(1, b // 2) for b in block])
+    norm = np.prod([np.sum(w * w) for w in windows])
+    step = _batch(block)
+    power = np.concatenate([
+        np.abs(np.fft.fftn(_tapered(volume, starts[i:i + step], block, windows),
+                           axes=(1, 2, 3))) ** 2 / norm
+        for i in range(0, len(starts), step)])
+    freqs = np.meshgrid(*[np.fft.fftfreq(b) for b in block], indexing="ij")
+    used = np.sqrt(sum(f * f for f in freqs)) >= _FIT_RADIUS
+    if used.sum() < 4 * _FIT_LAGS ** 3:
+        raise ValueError(f"estimate_psd: blocks {block} are too small to fit a spectrum")
+    # Bins at zero or Nyquist along every axis are real: chi-square, one dof.
+    real = np.all([(np.abs(f) == 0) | (np.abs(f) == 0.5) for f in freqs], axis=0)
+    q = _FIT_QUANTILE
+    scale = np.where(real, NormalDist().inv_cdf(0.5 + q / 2) ** 2, -np.log1p(-q))
+    target = np.quantile(power, q, axis=0)[used] / scale[used]
+    if not target.max() > 0:
+        raise ValueError("estimate_psd: the data has too few non-constant blocks")
+    lags, mult = _half_lags([min(_FIT_LAGS, max(0, b // 2 - 1)) for b in block])
+    rho = np.ones(len(lags))
+    for axis, w in enumerate(windows):
+        c = _lagged(w, w)
+        rho *= c[lags[:, axis] % len(c)] / c[0]
+    design = np.cos(2 * np.pi * np.stack([f[used] for f in freqs], axis=1) @ lags.T) * (rho * mult)
+    weight = 1.0 / np.maximum(target, 1e-2 * target.mean())
+    cov, *_ = np.linalg.lstsq(design * weight[:, None], target * weight, rcond=None)
+    grid_freqs = np.stack([f.ravel() for f in np.meshgrid(
+        *[np.fft.fftfreq(g) for g in grid], indexing="ij")], axis=1)
+    psd = (np.cos(2 * np.pi * grid_freqs @ lags.T) @ (cov * mult)).reshape(grid) * np.prod(grid)
+    return np.maximum(psd, 1e-3 * max(psd.mean(), 0.0) + 1e-30)
+
+
+def _half_lags(reach):
+    """Lags t with |t_a| <= reach[a], one of each pair (t, -t), and how many
+    of the pair each stands for."""
+    axes = [np.arange(-r, r + 1) for r in reach]
+    lags = np.stack([g.ravel() for g in np.meshgrid(*axes, indexing="ij")], axis=1)
+    # Keep t when its first non-zero entry is positive, and the zero lag.
+    sign = np.zeros(len(lags), dtype=int)
+    for axis in reversed(range(lags.shape[1])):
+        sign = np.where(lags[:, axis] != 0, np.sign(lags[:, axis]), sign)
+    lags = lags[sign >= 0]
+    return lags, np.where(np.any(lags != 0, axis=1), 2.0, 1.0)
 
 
 # ----------------------------------------------------------------------------
