@@ -249,6 +249,15 @@ def _tapered(volume, starts, block, windows):
     return (cut - mean) * w
 
 
+def _periodograms(volume, starts, block, windows, fft):
+    """Periodograms of the tapered blocks, normalised by the window energy."""
+    norm = np.prod([np.sum(w * w) for w in windows])
+    step = _batch(block)
+    return np.concatenate([
+        np.abs(fft(_tapered(volume, starts[i:i + step], block, windows), axes=(1, 2, 3))) ** 2
+        / norm for i in range(0, len(starts), step)])
+
+
 # ----------------------------------------------------------------------------
 # Homogeneity test
 
@@ -256,12 +265,7 @@ def _tapered(volume, starts, block, windows):
 def _homogeneous(volume, starts, block, windows):
     """-> (boolean array of the blocks that look like noise alone, their mean
     periodogram on the block grid)."""
-    norm = np.prod([np.sum(w * w) for w in windows])
-    step = _batch(block)
-    power = np.concatenate([
-        np.abs(np.fft.rfftn(_tapered(volume, starts[i:i + step], block, windows),
-                            axes=(1, 2, 3))) ** 2 / norm
-        for i in range(0, len(starts), step)])
+    power = _periodograms(volume, starts, block, windows, np.fft.rfftn)
     bands, weights = _bands(block)
     # Per block and band: summed power, weighted as the full spectrum would be.
     sums = np.stack([(power * (weights * b)).sum(axis=(1, 2, 3)) for b in bands], axis=1)
@@ -369,12 +373,7 @@ def _short_range(volume, grid):
     block = tuple(1 if g == 1 else min(n, _FIT_BLOCK) for n, g in zip(volume.shape, grid))
     windows = [_hann(b) for b in block]
     starts = _starts(volume.shape, block, [max(1, b // 2) for b in block])
-    norm = np.prod([np.sum(w * w) for w in windows])
-    step = _batch(block)
-    power = np.concatenate([
-        np.abs(np.fft.fftn(_tapered(volume, starts[i:i + step], block, windows),
-                           axes=(1, 2, 3))) ** 2 / norm
-        for i in range(0, len(starts), step)])
+    power = _periodograms(volume, starts, block, windows, np.fft.fftn)
     freqs = np.meshgrid(*[np.fft.fftfreq(b) for b in block], indexing="ij")
     used = np.sqrt(sum(f * f for f in freqs)) >= _FIT_RADIUS
     if used.sum() < 4 * _FIT_LAGS ** 3:
