@@ -129,6 +129,53 @@ BlockMatchStorage toStorage(const py::tuple& s, const Parameters& params) {
     return storage;
 }
 
+// Caller transforms for one run: per-axis forward and inverse matrices and the
+// aggregation window, checked against the record's block size. The arrays stay
+// referenced here for the whole call; group transforms stay the built-in ones.
+struct CallerTransforms {
+    py::array arrays[7];
+    Transforms<float> record{};
+};
+
+py::array requireMatrix(const py::object& object, const char* what, int n) {
+    py::array a = object.cast<py::array>();
+    if (!py::array_t<float>::check_(a) || !(a.flags() & py::array::c_style)) {
+        throw py::value_error(std::string(what) + " must be a C-contiguous float32 array");
+    }
+    if (a.ndim() != 2 || a.shape(0) != n || a.shape(1) != n) {
+        throw py::value_error(std::string(what) + " must be " + std::to_string(n) + "x" +
+                              std::to_string(n) + " to match the block size");
+    }
+    return a;
+}
+
+void toTransforms(const py::object& t, const Parameters& params, CallerTransforms& out) {
+    const char* const axes[] = {"x", "y", "z"};
+    const int extents[] = {params.blockSize.x, params.blockSize.y, params.blockSize.z};
+    const float* pointers[6];
+    for (int direction = 0; direction < 2; ++direction) {
+        const char* name = direction == 0 ? "forward" : "inverse";
+        const py::sequence matrices = t.attr(name).cast<py::sequence>();
+        if (matrices.size() != 3) {
+            throw py::value_error(std::string("transforms.") + name +
+                                  " must hold three matrices (x, y, z)");
+        }
+        for (int a = 0; a < 3; ++a) {
+            const std::string what = std::string("transforms.") + name + " along " + axes[a];
+            py::array m = requireMatrix(matrices[a], what.c_str(), extents[a]);
+            pointers[3 * direction + a] = static_cast<const float*>(m.data());
+            out.arrays[3 * direction + a] = std::move(m);
+        }
+    }
+    py::array window = t.attr("window").cast<py::array>();
+    requireBuffer(window, "transforms.window", false,
+                  static_cast<py::ssize_t>(extents[0]) * extents[1] * extents[2]);
+    out.record.forward = {pointers[0], pointers[1], pointers[2]};
+    out.record.inverse = {pointers[3], pointers[4], pointers[5]};
+    out.record.window = static_cast<const float*>(window.data());
+    out.arrays[6] = std::move(window);
+}
+
 std::string checkStorage(const Parameters& params, const BlockMatchStorage& storage) {
     char message[512];
     return korvoCheckMatchStorage(&params, &storage, message, sizeof message) == 0
@@ -140,7 +187,7 @@ std::string checkStorage(const Parameters& params, const BlockMatchStorage& stor
 // match-storage rows written (0 without storage).
 py::tuple runStage(int stage, const py::array& noisy, const py::array& psd, Parameters params,
                    const py::object& pilotObject, py::array output, const py::object& storageObject,
-                   Monitor& monitor) {
+                   Monitor& monitor, const py::object& transformsObject) {
     if (stage != HardThresholding && stage != Wiener) throw py::value_error("stage must be 0 or 1");
     const std::string refused = checkParameters(params, stage);
     if (!refused.empty()) throw py::value_error(refused);
@@ -177,7 +224,9 @@ py::tuple runStage(int stage, const py::array& noisy, const py::array& psd, Para
     const float* noisyData = static_cast<const float*>(noisy.data());
     const float* psdData = static_cast<const float*>(psd.data());
     float* outputData = static_cast<float*>(output.mutable_data());
-    Transforms<float> builtIn{};  // null first member: the library's built-in sets
+    // A null first member selects the library's built-in sets.
+    CallerTransforms caller;
+    if (!transformsObject.is_none()) toTransforms(transformsObject, params, caller);
 
     korvo_detail::StageStatus status = korvo_detail::StageStatus::Completed;
     std::string missingTransform;
@@ -189,10 +238,10 @@ py::tuple runStage(int stage, const py::array& noisy, const py::array& psd, Para
         korvo_detail::setStageMonitor(&monitor.state);
         try {
             status = stage == HardThresholding
-                         ? korvo_detail::runStageHT(noisyData, psdData, &params, &builtIn,
+                         ? korvo_detail::runStageHT(noisyData, psdData, &params, &caller.record,
                                                     outputData, storagePointer)
-                         : korvo_detail::runStageWie(noisyData, psdData, &params, &builtIn, pilot,
-                                                     outputData, storagePointer);
+                         : korvo_detail::runStageWie(noisyData, psdData, &params, &caller.record,
+                                                     pilot, outputData, storagePointer);
         } catch (const MissingTransformException& e) {
             missingTransform = e.what();
         } catch (...) {
@@ -307,6 +356,8 @@ PYBIND11_MODULE(_native, m) {
         "Bytes of block collections a stage running this record allocates.");
     m.def("run_stage", &runStage, py::arg("stage"), py::arg("noisy"), py::arg("psd"),
           py::arg("params"), py::arg("pilot"), py::arg("output"), py::arg("storage"),
-          py::arg("monitor"),
-          "Run one stage (0: hard thresholding, 1: Wiener) on float32 C-contiguous buffers.");
+          py::arg("monitor"), py::arg("transforms") = py::none(),
+          "Run one stage (0: hard thresholding, 1: Wiener) on float32 C-contiguous buffers; "
+          "transforms (forward and inverse: three square float32 matrices x, y, z; window: one "
+          "block) replace the built-in block transforms.");
 }
