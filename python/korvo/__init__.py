@@ -15,7 +15,7 @@ of :class:`KORVOProfile` is an (x, y, z) tuple with x the array's last axis.
 from .denoise import korvo
 from .matches import MatchStorage, StageMatches
 from .memory import available_memory
-from .noise import (coloured_noise, estimate_sigma, psd_concentration, psd_from_kernel, psd_sigma,
+from .noise import (coloured_noise, estimate_sigma, estimate_sigma_map, psd_concentration, psd_from_kernel, psd_sigma,
                     white_psd)
 from .phantom import phantom
 from .profile import KORVOProfile, StageProfile
@@ -34,6 +34,7 @@ __all__ = [
     "MatchStorage",
     "StageMatches",
     "estimate_sigma",
+    "estimate_sigma_map",
     "estimate_psd",
     "white_psd",
     "psd_from_kernel",

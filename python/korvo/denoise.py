@@ -29,14 +29,20 @@ _CHUNK = 1 << 22
 
 
 def _to_float32(a, offset, scale, out=None):
-    """(a - offset) / scale as C-contiguous float32, in chunks of the first axis."""
+    """(a - offset) / scale as C-contiguous float32, in chunks of the first axis;
+    ``scale`` is a number or an array of a's shape (a per-voxel noise map)."""
     if out is None:
         out = np.empty(a.shape, dtype=np.float32)
     rows = max(1, _CHUNK // max(1, a[0].size))
-    inverse = 1.0 / scale
+    per_voxel = np.ndim(scale) > 0
+    inverse = None if per_voxel else 1.0 / scale
     for start in range(0, a.shape[0], rows):
-        part = np.asarray(a[start:start + rows], dtype=np.float64)
-        out[start:start + rows] = (part - offset) * inverse
+        part = np.asarray(a[start:start + rows], dtype=np.float64) - offset
+        if per_voxel:
+            part /= scale[start:start + rows]
+        else:
+            part *= inverse
+        out[start:start + rows] = part
     return out
 
 
@@ -97,26 +103,32 @@ def _run_stage(stage, noisy, psd, record, pilot, output, storage, reporter, labe
 class _Channel:
     """One 2-D or 3-D array checked and described in the stages' units."""
 
-    def __init__(self, z, sigma, psd, pilot, normalize):
+    def __init__(self, z, sigma, psd, pilot, normalize, noise_map=None):
         self.z, lo, hi = check_data("z", z)
-        self.sigma = sigma
-        if normalize:
+        # ``scale`` divides the data on the way in and multiplies the result on the
+        # way out: the noise level, or the per-voxel noise map.
+        if noise_map is not None:
+            self.offset, self.scale = float(np.mean(self.z, dtype=np.float64)), noise_map
+            sigma = smallest = float(np.min(noise_map))
+        elif normalize:
             self.offset, self.scale = float(np.mean(self.z, dtype=np.float64)), sigma
+            smallest = sigma
         else:
             self.offset, self.scale = 0.0, 1.0
-        self.unit = sigma / self.scale  # noise std as the stages see it
+            smallest = 1.0
+        self.unit = sigma / smallest  # noise std as the stages see it
         if psd is None:
             self.psd = None
         else:
             self.psd = np.ascontiguousarray(psd * (self.unit / sigma) ** 2, dtype=np.float32)
-        check_range("z", lo, hi, self.offset, self.scale, self.unit, self.psd)
+        check_range("z", lo, hi, self.offset, smallest, self.unit, self.psd)
         self.pilot = None
         if pilot is not None:
             self.pilot, plo, phi = check_data("pilot", pilot)
             if self.pilot.shape != self.z.shape:
                 raise ValueError(f"pilot shape {self.pilot.shape} differs from the data shape "
                                  f"{self.z.shape}")
-            check_range("pilot", plo, phi, self.offset, self.scale, self.unit)
+            check_range("pilot", plo, phi, self.offset, smallest, self.unit)
 
     def records(self, profile, run, budget, adaptation):
         """Native records by stage, and under "match" the prewhitened matching
@@ -142,7 +154,7 @@ class _Channel:
 def _restore(channel, result, normalize):
     """The stages' result back in the data's units, in place; never non-finite."""
     if normalize:
-        result *= np.float32(channel.scale)
+        result *= channel.scale if np.ndim(channel.scale) else np.float32(channel.scale)
         result += np.float32(channel.offset)
     bad = result.size - np.count_nonzero(np.isfinite(result))
     if bad:
@@ -206,8 +218,14 @@ def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, stages="b
         The noisy data, any real dtype. The last axis is the fastest (x), the
         first of a volume the slowest (z); profile tuples are (x, y, z). With
         ``channel_axis``, one more axis holds channels.
-    sigma : float, or a sequence of floats with ``channel_axis``
-        Standard deviation of white noise (one per channel, or one for all).
+    sigma : float, a sequence of floats with ``channel_axis``, or an array
+        Standard deviation of white noise (one per channel, or one for all),
+        or a per-voxel noise map: an array of z's shape, or broadcastable to
+        it (one value per slice, say), for noise whose level varies in space
+        (parallel imaging, vignetting). The data are divided by the map,
+        denoised as unit white noise and multiplied back, which assumes the
+        level varies little over a search window (about a dozen voxels);
+        ``korvo.estimate_sigma_map`` gives such a map.
     psd : array_like, 2-D or 3-D, any shape
         Instead of ``sigma``: the noise power spectral density,
         PSD = E|fftn(noise)|^2 over the PSD's own shape (white noise of std s
@@ -273,7 +291,10 @@ def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, stages="b
     reporter = make_reporter(progress)
     split = check_channels(z, channel_axis)
     z = np.asarray(z)
-    sigmas, psd = check_noise(sigma, psd, split.count if split.axis is not None else None)
+    sigmas, psd, noise_map = check_noise(sigma, psd, split.count if split.axis is not None else None,
+                                         z.shape)
+    if noise_map is not None and not normalize:
+        raise ValueError("a per-voxel sigma map needs normalize=True (the data are divided by it)")
     if pilot is not None:
         pilot = np.asarray(pilot)
         if pilot.shape != z.shape:
@@ -282,7 +303,8 @@ def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, stages="b
 
     # Every channel is checked, and its records built, before any stage runs.
     channels = [_Channel(split.view(z, i), sigmas[i], psd,
-                         None if pilot is None else split.view(pilot, i), normalize)
+                         None if pilot is None else split.view(pilot, i), normalize,
+                         None if noise_map is None else split.view(noise_map, i))
                 for i in range(split.count)]
     adaptation = PSDAdaptation.of(profile, channels[0].z.shape, psd)
     # Volumes held at once: data, pilot, outputs; the prewhitened copy and its scratch output.

@@ -28,6 +28,9 @@ NOISE_RANGE = (1e-12, 1e12)
 # colour image; "much larger" means at least this factor.
 COLOUR_SAMPLES = (3, 4)
 COLOUR_RATIO = 8
+# Largest ratio between the extremes of a sigma map: beyond it the quietest
+# voxels would reach the stages far outside the noise level's scale.
+MAX_MAP_RATIO = 1e6
 
 
 def _as_real(name, value):
@@ -91,10 +94,12 @@ def _check_psd(psd):
     return sigma, a
 
 
-def check_noise(sigma, psd, channels=None):
-    """Exactly one of ``sigma`` and ``psd``. Returns (sigmas, psd): one noise
-    standard deviation per channel (a list of length ``channels``, or of one
-    without channels) and the PSD as float64 or None."""
+def check_noise(sigma, psd, channels=None, shape=None):
+    """Exactly one of ``sigma`` and ``psd``. Returns (sigmas, psd, noise_map):
+    one noise standard deviation per channel (a list of length ``channels``,
+    or of one without channels), the PSD as float64 or None, and a per-voxel
+    noise map broadcast to the data's ``shape`` (sigma given as an array) or
+    None."""
     if sigma is None and psd is None:
         raise ValueError("pass the noise level: sigma= (standard deviation of white noise) or "
                          "psd= (power spectrum of coloured noise); korvo.estimate_sigma(z) "
@@ -104,21 +109,34 @@ def check_noise(sigma, psd, channels=None):
     count = channels or 1
     if psd is not None:
         level, a = _check_psd(psd)
-        return [level] * count, a
+        return [level] * count, a, None
     if isinstance(sigma, np.ndarray) and sigma.ndim == 0:
         sigma = sigma[()]
     if isinstance(sigma, (numbers.Real, np.generic)) or isinstance(sigma, (bool, str, bytes)):
-        return [_positive_sigma(sigma)] * count, None
-    try:
-        values = np.asarray(sigma)
-    except Exception as exc:
-        raise TypeError(f"sigma must be a number, got {type(sigma).__name__}") from exc
+        return [_positive_sigma(sigma)] * count, None, None
+    values = _as_real("sigma", sigma)
     if channels is not None and values.shape == (channels,):
-        return [_positive_sigma(v, f"sigma[{i}]") for i, v in enumerate(values.tolist())], None
-    per_channel = f" or one value per channel ({channels})" if channels is not None else ""
-    raise ValueError(f"sigma must be one number{per_channel}, got an array of shape "
-                     f"{values.shape}. A per-voxel noise map is not supported (yet); a noise "
-                     f"power spectrum must be passed as psd=, not as sigma=")
+        return [_positive_sigma(v, f"sigma[{i}]") for i, v in enumerate(values.tolist())], None, None
+    return [1.0] * count, None, _noise_map(values, shape, channels)
+
+
+def _noise_map(values, shape, channels):
+    try:
+        noise_map = np.broadcast_to(values, shape)
+    except ValueError:
+        per_channel = f", or one value per channel ({channels})" if channels is not None else ""
+        raise ValueError(f"sigma as an array is a per-voxel noise map: it must have the data's "
+                         f"shape {shape} or broadcast to it{per_channel}; got shape "
+                         f"{values.shape}. A noise power spectrum goes to psd=") from None
+    lo, hi = float(np.min(values)), float(np.max(values))
+    if not (math.isfinite(lo) and math.isfinite(hi)):
+        raise ValueError("the sigma map contains NaN or infinite values")
+    if lo <= 0:
+        raise ValueError(f"the sigma map must be positive everywhere, its minimum is {lo:g}")
+    if hi / lo > MAX_MAP_RATIO:
+        raise ValueError(f"the sigma map spans {hi / lo:.3g}x between its extremes; at most "
+                         f"{MAX_MAP_RATIO:.0e} is supported (mask or clip it)")
+    return noise_map.astype(np.float64, copy=False)
 
 
 class ChannelSplit:

@@ -60,10 +60,13 @@ def test_bad_data(no_native, data, error, text):
     (dict(sigma="0.1"), TypeError, "number"),
     (dict(), ValueError, "sigma= .* psd=.*estimate_sigma"),
     (dict(sigma=0.1, psd=np.ones((8, 8))), ValueError, "not both"),
-    # A data-shaped sigma is a per-voxel map; a spectrum goes to psd=.
-    (dict(sigma=np.full(GOOD.shape, 0.1)), ValueError, "per-voxel .* psd="),
-    (dict(sigma=np.full((8, 8), 0.1)), ValueError, "psd="),
-    (dict(sigma=[0.1, 0.2]), ValueError, "one number"),
+    # An array sigma is a per-voxel map of the data's shape; a spectrum goes to psd=.
+    (dict(sigma=np.full((8, 8), 0.1)), ValueError, "per-voxel .* broadcast .* psd="),
+    (dict(sigma=[0.1, 0.2]), ValueError, "per-voxel"),
+    (dict(sigma=np.zeros(GOOD.shape)), ValueError, "positive everywhere"),
+    (dict(sigma=with_value(3, np.nan, GOOD + 0.1)), ValueError, "NaN or infinite"),
+    (dict(sigma=with_value(3, 1.0, GOOD + 1e-9)), ValueError, "spans"),
+    (dict(sigma=np.full(GOOD.shape, 0.1), normalize=False), ValueError, "normalize=True"),
     (dict(psd=np.full((8, 8, 8), -1.0)), ValueError, "negative"),
     (dict(psd=with_value(3, np.nan)), ValueError, "NaN or infinite"),
     (dict(psd=with_value(3, np.inf)), ValueError, "NaN or infinite"),
