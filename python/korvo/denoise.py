@@ -12,7 +12,8 @@ from .memory import SPLIT_ADVICE, split_budget
 from .noise import prewhiten
 from .profile import KORVOProfile, PSDAdaptation, stage_parameters
 from .progress import make_reporter
-from .validation import check_channels, check_data, check_noise, check_range
+from .validation import (check_channels, check_data, check_noise, check_range,
+                         check_shared_groups)
 
 __all__ = ["korvo"]
 
@@ -208,8 +209,8 @@ def _denoise(channel, records, run, matches, reporter, normalize, label_suffix="
     return _restore(channel, result, normalize)
 
 
-def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, stages="both", pilot=None,
-          matches=None, progress=False, normalize=True):
+def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, shared_groups=False,
+          stages="both", pilot=None, matches=None, progress=False, normalize=True):
     """Denoise a 2-D image or a 3-D volume corrupted by additive noise.
 
     Parameters
@@ -238,6 +239,12 @@ def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, stages="b
         (rows, columns, 3) is ``channel_axis=-1``. Each channel is denoised
         on its own (with ``matches``, the first channel records the groups and
         the others replay them).
+    shared_groups : bool, int or "mean"
+        With ``channel_axis``: find the groups once and filter every channel
+        with them. True: on the first channel; an integer: on that channel
+        (the one with the best signal); "mean": on the mean of the channels
+        (each divided by its noise level), whose noise is lower. Default
+        False: each channel finds its own groups.
     stages : {"both", "ht", "wiener"}
         "both" (default): hard thresholding, then Wiener filtering with its
         result as pilot. "ht": hard thresholding only. "wiener": Wiener
@@ -290,6 +297,7 @@ def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, stages="b
         raise TypeError("normalize must be True or False")
     reporter = make_reporter(progress)
     split = check_channels(z, channel_axis)
+    leader = check_shared_groups(shared_groups, split)
     z = np.asarray(z)
     sigmas, psd, noise_map = check_noise(sigma, psd, split.count if split.axis is not None else None,
                                          z.shape)
@@ -314,8 +322,32 @@ def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, stages="b
 
     if split.axis is None:
         return _denoise(channels[0], plans[0], run, matches, reporter, normalize)
+    order = list(range(split.count))
+    if leader is not None:
+        matches = matches if matches is not None else MatchStorage()
+        if leader == "mean":
+            mean = _mean_channel(channels, normalize)
+            _denoise(mean, mean.records(profile, run, budget, adaptation), run, matches, reporter,
+                     normalize, " [channel mean, groups only]")
+        else:  # the leading channel records the groups, the others replay them
+            order.insert(0, order.pop(leader))
     out = np.empty(z.shape, dtype=np.float32)
-    for i, (channel, records) in enumerate(zip(channels, plans)):
-        split.view(out, i)[...] = _denoise(channel, records, run, matches, reporter, normalize,
-                                           f" [channel {i + 1}/{split.count}]")
+    for i in order:
+        split.view(out, i)[...] = _denoise(channels[i], plans[i], run, matches, reporter,
+                                           normalize, f" [channel {i + 1}/{split.count}]")
     return out
+
+
+def _mean_channel(channels, normalize):
+    """The channels' mean, each in units of its noise level, as a channel of its
+    own: the groups found on it serve every channel."""
+    count = len(channels)
+    total = np.zeros(channels[0].z.shape, dtype=np.float32)
+    for channel in channels:
+        total += _to_float32(channel.z, channel.offset, channel.scale)
+    total /= count
+    # Independent noise: the levels the stages see add in quadrature.
+    level = float(np.sqrt(sum(channel.unit ** 2 for channel in channels))) / count
+    first = channels[0]
+    scaled_psd = None if first.psd is None else first.psd * (level / first.unit) ** 2
+    return _Channel(total, level, scaled_psd, None, normalize)

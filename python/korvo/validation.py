@@ -12,7 +12,8 @@ import numpy as np
 
 from .noise import psd_sigma
 
-__all__ = ["check_data", "check_noise", "check_channels", "check_range", "ChannelSplit"]
+__all__ = ["check_data", "check_noise", "check_channels", "check_shared_groups", "check_range",
+           "ChannelSplit"]
 
 # Largest sample magnitude the stages see, in units of the noise level. Group
 # coefficients reach 64 times a sample and are squared, block distances sum 64
@@ -181,6 +182,25 @@ def check_channels(z, channel_axis):
         raise ValueError(f"channel_axis {axis} is out of range for z of shape {a.shape}")
     axis %= a.ndim
     return ChannelSplit(axis, a.shape[axis])
+
+
+def check_shared_groups(shared, split):
+    """None (each channel its own groups), a channel index, or "mean"."""
+    if shared is False or shared is None:
+        return None
+    if split.axis is None:
+        raise ValueError("shared_groups needs channel_axis= (the channels that share the groups)")
+    if shared is True:
+        return 0
+    if isinstance(shared, str):
+        if shared != "mean":
+            raise ValueError(f"shared_groups must be True, a channel index or 'mean', got {shared!r}")
+        return shared
+    if isinstance(shared, (bool, np.bool_)) or not isinstance(shared, numbers.Integral):
+        raise TypeError(f"shared_groups must be True, a channel index or 'mean', got {shared!r}")
+    if not -split.count <= shared < split.count:
+        raise ValueError(f"shared_groups names channel {shared}, but there are {split.count}")
+    return int(shared) % split.count
 
 
 def check_range(name, lo, hi, offset, scale, unit, psd=None):

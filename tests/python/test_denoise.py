@@ -230,6 +230,31 @@ def test_channel_axis_denoises_each_channel(volume, image, rng):
     np.testing.assert_array_equal(store.ht.counts, expected_store.ht.counts)
 
 
+def test_shared_groups(volume, rng):
+    # A clean channel and a noisy one: every channel is filtered with the groups
+    # of the named channel, or of the channels' mean.
+    clean = np.stack([volume, 0.5 * volume])  # the same structure, fainter
+    sigmas = [0.05, 0.1]
+    stack = clean + np.array(sigmas)[:, None, None, None] * rng.standard_normal(clean.shape)
+    independent = korvo.korvo(stack, sigmas, channel_axis=0, profile=SERIAL)
+    for leader in (0, -2, "mean"):
+        store = korvo.MatchStorage()
+        out = korvo.korvo(stack, sigmas, channel_axis=0, shared_groups=leader, profile=SERIAL,
+                          matches=store)
+        for c in range(2):  # every channel replays the one set of groups
+            np.testing.assert_array_equal(
+                out[c], korvo.korvo(stack[c], sigmas[c], profile=SERIAL, matches=store))
+        if leader == 0:
+            np.testing.assert_array_equal(out[0], independent[0])
+            # The noisy channel gains from the clean one's groups.
+            assert psnr(out[1], clean[1]) > psnr(independent[1], clean[1]) + 0.5
+    for bad, error in ((2, ValueError), ("first", ValueError), (1.0, TypeError)):
+        with pytest.raises(error, match="shared_groups"):
+            korvo.korvo(stack, sigmas, channel_axis=0, shared_groups=bad)
+    with pytest.raises(ValueError, match="channel_axis"):
+        korvo.korvo(volume, 0.1, shared_groups=True)
+
+
 def test_threads_and_band_splitting_agree(volume, rng, fast_profile):
     noisy = volume + 0.1 * rng.standard_normal(volume.shape)
     results = []
