@@ -9,7 +9,7 @@ import time
 import numpy as np
 
 from . import KORVOProfile, __version__, estimate_psd, estimate_sigma, korvo
-from .noise import psd_sigma
+from .noise import psd_concentration, psd_sigma
 
 __all__ = ["main"]
 
@@ -135,7 +135,7 @@ class _Run:
         psds = [estimate_psd(part, mask=None if m is None else m != 0)
                 for part, m in zip(_channels(block, channel), masks)]
         self.say(f"estimated noise PSD{where}: " + "; ".join(
-            f"std {psd_sigma(p):.6g}, c {_concentration(p):.3g}" for p in psds))
+            f"std {psd_sigma(p):.6g}, c {psd_concentration(p):.3g}" for p in psds))
         return psds
 
     def run(self, block, noise, channel, where):
@@ -162,12 +162,6 @@ class _Run:
         if flat >= 0:
             out = np.expand_dims(out, flat)
         return _cast(out, self.dtype)
-
-
-def _concentration(psd):
-    """mean(P^2) / mean(P)^2: 1 for white noise, more the more the noise is correlated."""
-    p = np.asarray(psd, dtype=np.float64)
-    return float(np.mean(p * p) / np.mean(p) ** 2)
 
 
 def _cast(result, dtype):

@@ -10,7 +10,8 @@ from . import _native
 from .matches import MatchStorage, StageMatches
 from .memory import SPLIT_ADVICE, split_budget
 from .noise import prewhiten
-from .profile import KORVOProfile, PSDAdaptation, stage_parameters
+from .profile import BUILT_IN_BLOCKS, KORVOProfile, PSDAdaptation, stage_parameters
+from .transforms import block_transforms
 from .progress import make_reporter
 from .validation import (check_channels, check_data, check_noise, check_range,
                          check_shared_groups)
@@ -56,10 +57,13 @@ def _run_stage(stage, noisy, psd, record, pilot, output, storage, reporter, labe
     # interrupts can leave the thread looking finished while it still runs.
     finished = threading.Event()
 
+    block = tuple(record.block_size)
+    transforms = None if block in BUILT_IN_BLOCKS else block_transforms(block)
+
     def work():
         try:
             outcome["result"] = _native.run_stage(stage, noisy, psd, record, pilot, output,
-                                                  storage, monitor)
+                                                  storage, monitor, transforms)
         except BaseException as exc:  # handed to the calling thread
             outcome["error"] = exc
         finally:

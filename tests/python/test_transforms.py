@@ -101,3 +101,9 @@ def test_large_blocks_denoise():
     # Unit noise variance in.
     assert mse(noisy) > 0.9
     assert mse(final) < mse(pilot) < 0.1
+    # The same through the profile: korvo passes the transforms, the step follows the block.
+    profile = korvo.KORVOProfile(num_threads=1)
+    profile.ht.block_size = profile.wiener.block_size = (8, 8, 4)
+    assert profile.resolve(shape)["ht"].step == (4, 4, 3)
+    out = korvo.korvo(noisy, sigma=1.0, profile=profile)
+    assert mse(out) < 0.1

@@ -113,7 +113,7 @@ def test_out_of_range_inputs(no_native, data, kwargs, text):
 
 
 def test_non_finite_result_is_never_returned(monkeypatch):
-    def poisoned(stage, noisy, psd, record, pilot, output, storage, monitor):
+    def poisoned(stage, noisy, psd, record, pilot, output, storage, monitor, transforms):
         output[...] = 0.0
         output.flat[3] = np.nan
         return _native.StageStatus.COMPLETED, 0
@@ -193,7 +193,7 @@ def test_bad_profile_values(name, value, error):
 
 
 @pytest.mark.parametrize("name, value, error", [
-    ("block_size", (8, 8, 8), ValueError),
+    ("block_size", (5, 5, 5), ValueError),
     ("block_size", (4, 4, 1), ValueError),
     ("step", (3, 0, 3), ValueError),
     ("step", (3, 3), ValueError),
