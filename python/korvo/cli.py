@@ -8,7 +8,7 @@ import time
 
 import numpy as np
 
-from . import KORVOProfile, __version__, estimate_psd, estimate_sigma, korvo
+from . import KORVOProfile, __version__, estimate_psd, estimate_sigma, estimate_sigma_map, korvo
 from .noise import psd_concentration, psd_sigma
 
 __all__ = ["main"]
@@ -106,6 +106,7 @@ class _Run:
             self.profile.num_threads = args.threads or None  # 0: every core
         self.psd = None
         self.auto = args.psd == "auto"
+        self.shared = _shared_groups(args.shared_groups)
         if args.psd_mask and not self.auto:
             raise ValueError("--psd-mask marks where to estimate the PSD: use it with --psd auto")
         if args.psd and not self.auto:
@@ -116,12 +117,19 @@ class _Run:
         if not self.args.quiet:
             print(text, file=sys.stderr, flush=True)
 
-    def noise(self, block, channel, where):
+    def noise(self, block, channel, where, sigma_map=None):
         """Keyword arguments naming the noise of one call."""
         if self.psd is not None:
             return {"psd": self.psd}
         if self.args.sigma is not None:
             return {"sigma": self.args.sigma}
+        if sigma_map is not None:
+            return {"sigma": sigma_map}
+        if self.args.sigma_map == "auto":
+            maps = [estimate_sigma_map(part) for part in _channels(block, channel)]
+            self.say(f"estimated noise sigma map{where}: " + "; ".join(
+                f"{m.min():.6g} to {m.max():.6g}" for m in maps))
+            return {"sigma": maps[0] if channel is None else np.stack(maps, axis=channel)}
         sigmas = [float(estimate_sigma(part)) for part in _channels(block, channel)]
         if min(sigmas) <= 0:
             raise ValueError(f"{self.name}{where}: the noise sigma was estimated as 0 (the data "
@@ -140,15 +148,17 @@ class _Run:
 
     def run(self, block, noise, channel, where):
         self.say(f"denoising {self.name}{where}")
+        shared = self.shared if channel is not None else False
         return korvo(block, **noise, profile=self.profile, channel_axis=channel,
-                     stages=self.args.stages, progress=not self.args.quiet)
+                     shared_groups=shared, stages=self.args.stages, progress=not self.args.quiet)
 
-    def denoise(self, block, labels, where, mask=None):
+    def denoise(self, block, labels, where, mask=None, sigma_map=None):
         """Denoise one item (2 or 3 space axes, maybe a channel axis)."""
         flat = labels.find("Z") if "Z" in labels and block.shape[labels.find("Z")] == 1 else -1
         if flat >= 0:  # a single slice is an image
             block, labels = np.take(block, 0, axis=flat), labels.replace("Z", "")
-            mask = None if mask is None else np.take(mask, 0, axis=flat)
+            mask, sigma_map = (None if a is None else np.take(a, 0, axis=flat)
+                               for a in (mask, sigma_map))
         channel = next((i for i, a in enumerate(labels) if a in "CS"), None)
         if channel is not None:
             where += f", {block.shape[channel]} channels"
@@ -158,10 +168,23 @@ class _Run:
                     for part, p in zip(_channels(block, channel), psds)]
             out = outs[0] if channel is None else np.stack(outs, axis=channel)
         else:
-            out = self.run(block, self.noise(block, channel, where), channel, where)
+            out = self.run(block, self.noise(block, channel, where, sigma_map), channel, where)
         if flat >= 0:
             out = np.expand_dims(out, flat)
         return _cast(out, self.dtype)
+
+
+def _shared_groups(text):
+    """--shared-groups as korvo's shared_groups: False, a channel index or 'mean'."""
+    if text is None:
+        return False
+    if text in ("first", "mean"):
+        return 0 if text == "first" else "mean"
+    try:
+        return int(text)
+    except ValueError:
+        raise ValueError(f"--shared-groups takes first, mean or a channel number, got {text!r}") \
+            from None
 
 
 def _cast(result, dtype):
@@ -185,13 +208,16 @@ def _denoise(args):
     series, rest = _layout(axes, data.shape, args.input)
     order = series + rest
     data_t = np.transpose(data, order)
-    mask_t = None
-    if args.psd_mask:
-        mask, _ = read_volume(args.psd_mask)
-        if mask.shape != data.shape:
-            raise ValueError(f"{args.psd_mask}: the mask has shape {mask.shape}, {args.input} "
-                             f"{data.shape}; they must match")
-        mask_t = np.transpose(mask, order)
+    # Arrays of IN's shape that go with it item by item.
+    companions = {}
+    for key, path, what in (("mask", args.psd_mask, "mask"),
+                            ("sigma_map", args.sigma_map, "sigma map")):
+        if path and path != "auto":
+            extra, _ = read_volume(path)
+            if extra.shape != data.shape:
+                raise ValueError(f"{path}: the {what} has shape {extra.shape}, {args.input} "
+                                 f"{data.shape}; they must match")
+            companions[key] = np.transpose(extra, order)
     labels = "".join(axes[i] for i in rest)
     run.dtype = data.dtype if args.dtype == "keep" else np.dtype(np.float32)
     count = int(np.prod(data_t.shape[:len(series)]))
@@ -204,7 +230,8 @@ def _denoise(args):
             if series:
                 at = ", ".join(f"{axes[a]} {i}" for a, i in zip(series, index))
                 where = f" [{at}] ({number}/{count})"
-            yield run.denoise(block, labels, where, None if mask_t is None else mask_t[index])
+            yield run.denoise(block, labels, where,
+                              **{key: extra[index] for key, extra in companions.items()})
 
     if order == sorted(order):  # series lead in the file: written item by item
         write_volume(args.output, results(), context, shape=data.shape, dtype=run.dtype)
@@ -217,7 +244,9 @@ def _denoise(args):
     how = ("estimated PSD" + (f" (noise where {args.psd_mask} is nonzero)" if args.psd_mask
                               else "") if run.auto else
            "PSD from " + args.psd if args.psd else
-           f"sigma {args.sigma:g}" if args.sigma is not None else "estimated sigma")
+           f"sigma {args.sigma:g}" if args.sigma is not None else
+           "estimated sigma map" if args.sigma_map == "auto" else
+           "sigma map from " + args.sigma_map if args.sigma_map else "estimated sigma")
     run.say(f"wrote {args.output} ({'x'.join(map(str, data.shape))} {run.dtype}, {how}, "
             f"{time.monotonic() - started:.1f} s)")
     return 0
@@ -369,6 +398,12 @@ def _parser():
     noise.add_argument("--psd", metavar="FILE|auto",
                        help="noise PSD (.npy, ...), E|fftn(noise)|^2 over the PSD's own shape; "
                             "'auto': estimate it from IN (per item and channel)")
+    noise.add_argument("--sigma-map", metavar="FILE|auto",
+                       help="per-voxel noise std for noise whose level varies in space (IN's "
+                            "shape); 'auto': estimate a slowly varying map from IN")
+    d.add_argument("--shared-groups", metavar="first|mean|N",
+                   help="channels: find the groups once, on the first channel, channel N or the "
+                        "channels' mean, and filter every channel with them")
     d.add_argument("--psd-mask", metavar="FILE",
                    help="with --psd auto: estimate the PSD only where FILE (IN's shape) is "
                         "nonzero, a region of noise alone such as the background")

@@ -229,6 +229,34 @@ def test_psd_auto_and_mask(tmp_path, capsys):
         assert words in err and len(err.strip().splitlines()) == 1, err
 
 
+def test_sigma_map_and_shared_groups(tmp_path, capsys):
+    rng = np.random.default_rng(4)
+    clean = korvo.phantom((12, 24, 28))
+    level = np.broadcast_to(np.linspace(0.05, 0.2, 28), clean.shape)
+    noisy = (clean + level * rng.standard_normal(clean.shape)).astype(np.float32)
+    source, map_file, out = tmp_path / "in.npy", tmp_path / "map.npy", tmp_path / "out.npy"
+    np.save(source, noisy)
+    np.save(map_file, level.astype(np.float32))
+    for option, noise_map in ((str(map_file), level.astype(np.float32)),
+                              ("auto", korvo.estimate_sigma_map(noisy))):
+        assert cli.main(["denoise", str(source), str(out), "-f", "--sigma-map", option] + FAST) == 0
+        np.testing.assert_allclose(np.load(out), korvo.korvo(noisy, sigma=noise_map,
+                                                             profile=fast()), atol=1e-4)
+    # Channels (TIFF C) filtered with the groups of the first one, or of their mean.
+    tifffile = pytest.importorskip("tifffile")
+    stack = np.stack([noisy, 0.5 * noisy]).astype(np.float32)
+    source, out = tmp_path / "in.tif", tmp_path / "out.tif"
+    tifffile.imwrite(source, stack, metadata={"axes": "CZYX"})
+    for option, shared in (("first", 0), ("mean", "mean"), ("1", 1)):
+        assert cli.main(["denoise", str(source), str(out), "-f", "--sigma", "0.1",
+                         "--shared-groups", option] + FAST) == 0
+        expected = korvo.korvo(stack, 0.1, channel_axis=0, shared_groups=shared, profile=fast())
+        np.testing.assert_allclose(tifffile.imread(out), expected, atol=1e-4)
+    capsys.readouterr()
+    assert cli.main(["denoise", str(source), str(out), "-f", "--shared-groups", "x"] + FAST) == 2
+    assert "--shared-groups" in capsys.readouterr().err
+
+
 def test_user_errors_are_one_line(tmp_path, capsys):
     source, empty, flat = tmp_path / "in.npy", tmp_path / "empty.npy", tmp_path / "flat.npy"
     np.save(source, np.full((8, 16, 16), np.nan))
