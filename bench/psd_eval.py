@@ -33,7 +33,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import datasets  # noqa: E402
 from coloured_study import SPECTRA, concentration, noise, psd  # noqa: E402
 
-DEFAULT_VOLUMES = "mri_t1_mni,ct_head,fm_nuclei,mri_epi,mri_t1_small"
+DEFAULT_VOLUMES = "mri_t1_mni,mri_t1_colin,ct_head,fm_nuclei,em_tomogram,mri_epi,mri_t1_small"
 
 
 def _volume(name, crop):
