@@ -6,7 +6,7 @@ import threading
 
 import numpy as np
 
-from . import _native
+from . import _native, chunked
 from .matches import MatchStorage, StageMatches
 from .memory import SPLIT_ADVICE, split_budget
 from .noise import prewhiten
@@ -299,6 +299,10 @@ def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, shared_gr
         raise TypeError("matches must be a MatchStorage")
     if not isinstance(normalize, bool):
         raise TypeError("normalize must be True or False")
+    if chunked.is_dask(z):  # lazily, chunk by chunk
+        return chunked.denoise_dask(z, sigma, psd=psd, profile=profile, channel_axis=channel_axis,
+                                    shared_groups=shared_groups, stages=stages, pilot=pilot,
+                                    matches=matches, progress=progress, normalize=normalize)
     reporter = make_reporter(progress)
     split = check_channels(z, channel_axis)
     leader = check_shared_groups(shared_groups, split)

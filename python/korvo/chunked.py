@@ -1,0 +1,269 @@
+"""Dask arrays: every chunk denoised with a margin, lazily, on a reference grid
+aligned with the whole array's, so that a chunk's estimate is the in-memory one.
+
+A stage's estimate of one voxel reads the data within ``block - 1 + 2 *
+search_window`` voxels along each axis (the references whose blocks cover it,
+and the candidates of those references' search windows); the Wiener stage also
+reads the first stage's estimate over its own reach, so the margins of the
+stages that run add up. A chunk's expanded region starts at a multiple of the
+steps (its reference grid is then the whole array's) and ends a margin past
+the chunk, which keeps the region's own last reference, and the search
+windows it cuts short, away from the chunk. dask is imported only here.
+"""
+
+from __future__ import annotations
+
+import atexit
+import math
+import multiprocessing
+import os
+import pickle
+import subprocess
+import sys
+import threading
+
+import numpy as np
+
+from .profile import KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
+from .progress import make_reporter
+from .validation import check_noise
+
+__all__ = ["is_dask", "chunk_margin", "denoise_dask"]
+
+# Largest extent per axis that the margins are worked out on (1024^3 voxels
+# fit the library's record).
+_GEOMETRY_EXTENT = 1024
+
+
+def is_dask(a):
+    """Whether ``a`` is a dask array (without importing dask)."""
+    return type(a).__module__.split(".")[0] == "dask" and hasattr(a, "chunks") \
+        and hasattr(a, "dask")
+
+
+def _array_axes(xyz, ndim):
+    """An (x, y, z) tuple in the array's axis order."""
+    return tuple(xyz[:ndim][::-1])
+
+
+def chunk_margin(shape, profile=None, stages="both"):
+    """Margin and alignment per array axis for chunked denoising.
+
+    Returns ``(margin, align)``: a chunk is denoised over a region that
+    reaches at least ``margin`` voxels beyond it on each side (clipped at the
+    array's ends) and starts at a multiple of ``align`` (the steps of the
+    stages that run). Chunks well above the margin waste less work.
+    """
+    profile = KORVOProfile() if profile is None else profile
+    shape = tuple(int(n) for n in shape)
+    margin, align = [0] * len(shape), [1] * len(shape)
+    from .denoise import _STAGES
+
+    # The geometry depends on the shape only through plane or volume and the
+    # windows narrowed to the extents, so a capped shape serves arrays beyond
+    # the library's voxel limit.
+    capped = tuple(min(n, _GEOMETRY_EXTENT) for n in shape)
+    for stage in _STAGES[stages]:
+        record = stage_parameters(profile, stage, capped)
+        reach = [b - 1 + 2 * w for b, w in zip(record.block_size, record.search_window)]
+        for axis, (r, s) in enumerate(zip(_array_axes(reach, len(shape)),
+                                          _array_axes(record.step, len(shape)))):
+            margin[axis] += r
+            align[axis] = align[axis] * s // math.gcd(align[axis], s)
+    return tuple(margin), tuple(align)
+
+
+def _refuse_options(channel_axis, shared_groups, matches, progress, noise_map):
+    if channel_axis is not None or shared_groups is not False:
+        raise ValueError("a dask array is denoised as one 2-D or 3-D channel; denoise channels "
+                         "one by one (korvo(z[..., i], ...))")
+    if matches is not None:
+        raise ValueError("matches cannot be recorded or replayed chunk by chunk")
+    if progress is not False:
+        raise ValueError("progress is dask's with a dask array: "
+                         "with dask.diagnostics.ProgressBar(): y.compute()")
+    if noise_map is not None:
+        raise ValueError("a dask array takes a scalar sigma or a psd, not a per-voxel noise map")
+
+
+def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
+                 shared_groups=False, stages="both", pilot=None, matches=None, progress=False,
+                 normalize=True):
+    """:func:`korvo.korvo` on a dask array, once it has checked the arguments
+    every call shares: a lazy float32 dask array with z's chunks. Each native
+    run is single-threaded unless ``profile.num_threads`` says otherwise; the
+    chunks run in parallel instead."""
+    import dask
+    import dask.array as da
+
+    profile = KORVOProfile() if profile is None else profile
+    if z.ndim not in (2, 3):
+        raise ValueError(f"z must be 2-D or 3-D, got {z.ndim} dimensions with shape {z.shape}")
+    if any(math.isnan(n) for n in z.shape):
+        raise ValueError("z has chunks of unknown size; call z.compute_chunk_sizes() first")
+    sigmas, psd, noise_map = check_noise(sigma, psd, None, z.shape)
+    _refuse_options(channel_axis, shared_groups, matches, progress, noise_map)
+    if pilot is not None:
+        pilot = da.asarray(pilot)
+        if pilot.shape != z.shape:
+            raise ValueError(f"pilot shape {pilot.shape} differs from the data shape {z.shape}")
+        pilot = pilot.rechunk(z.chunks)
+    margin, align = chunk_margin(z.shape, profile, stages)  # refuses settings the shape cannot run
+
+    # One offset for every chunk: the whole array's mean, as the in-memory call takes it.
+    offset = z.mean(dtype=np.float64) if normalize else 0.0
+    threads = profile.num_threads or 1
+    settings = dict(sigma=sigmas[0], psd=psd, profile=profile, stages=stages,
+                    normalize=normalize, threads=threads)
+    starts = [np.cumsum((0,) + c) for c in z.chunks]
+
+    def task(index):
+        region, inner, chunk = [], [], []
+        for axis, i in enumerate(index):
+            c0, c1, n = int(starts[axis][i]), int(starts[axis][i + 1]), z.shape[axis]
+            first = max(0, (c0 - margin[axis]) // align[axis] * align[axis])
+            region.append(slice(first, min(n, c1 + margin[axis])))
+            inner.append(slice(c0 - first, c1 - first))
+            chunk.append(c1 - c0)
+        region = tuple(region)
+        call = dask.delayed(_chunk_task, pure=True)(
+            z[region], None if pilot is None else pilot[region], offset, tuple(inner), settings)
+        return da.from_delayed(call, shape=tuple(chunk), dtype=np.float32)
+
+    def nest(prefix):
+        axis = len(prefix)
+        if axis == z.ndim:
+            return task(prefix)
+        return [nest(prefix + (i,)) for i in range(len(z.chunks[axis]))]
+
+    return da.block(nest(()))
+
+
+def _chunk_task(region, pilot, offset, inner, settings):
+    args = (np.asarray(region), None if pilot is None else np.asarray(pilot), float(offset),
+            inner, settings)
+    if _runs_in_place():
+        return _denoise_region(*args)
+    return _WORKERS.call(args, max(1, _cpu_count() // settings["threads"]))
+
+
+def _denoise_region(region, pilot, offset, inner, settings):
+    """The estimate of one chunk from its expanded region (runs in a worker)."""
+    from .denoise import _STAGES, _Channel, _denoise
+
+    profile = settings["profile"].copy()
+    profile.num_threads = settings["threads"]
+    run = _STAGES[settings["stages"]]
+    normalize = settings["normalize"]
+    channel = _Channel(region, settings["sigma"], settings["psd"], pilot, normalize)
+    if normalize:
+        channel.offset = offset
+    adaptation = PSDAdaptation.of(profile, region.shape, settings["psd"])
+    records = channel.records(profile, run, None, adaptation)
+    out = _denoise(channel, records, run, None, make_reporter(False), normalize)
+    return np.ascontiguousarray(out[inner])
+
+
+def _runs_in_place():
+    """True in a dask.distributed worker or any daemonic process: one native
+    run per worker process there already."""
+    if multiprocessing.current_process().daemon:
+        return True
+    if "distributed" in sys.modules:
+        try:
+            sys.modules["distributed"].get_worker()
+            return True
+        except (ValueError, AttributeError):
+            pass
+    return False
+
+
+class _WorkerProcesses:
+    """Interpreters that each run one chunk at a time, for the threaded
+    scheduler: the library's thread pool takes one driver per process. They
+    are started with a plain command line (not multiprocessing) so that a
+    caller's script is never imported again, guard or no guard."""
+
+    def __init__(self):
+        self._idle = []
+        self._live = 0
+        self._ready = threading.Condition()
+        atexit.register(self.close)
+
+    def call(self, args, size):
+        worker = self._take(size)
+        try:
+            pickle.dump(args, worker.stdin, protocol=pickle.HIGHEST_PROTOCOL)
+            worker.stdin.flush()
+            ok, value = pickle.load(worker.stdout)
+        except (EOFError, OSError, pickle.UnpicklingError):
+            self._discard(worker)
+            raise RuntimeError(f"a korvo worker process ended unexpectedly (exit code "
+                               f"{worker.poll()})") from None
+        except BaseException:
+            self._discard(worker)
+            raise
+        with self._ready:
+            self._idle.append(worker)
+            self._ready.notify()
+        if not ok:
+            raise value
+        return value
+
+    def _take(self, size):
+        with self._ready:
+            while not self._idle and self._live >= size:
+                self._ready.wait()
+            if self._idle:
+                return self._idle.pop()
+            self._live += 1
+        try:
+            # The package's own parent folder first: the workers import this very copy.
+            root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+            env = dict(os.environ, PYTHONPATH=os.pathsep.join(
+                [root] + [p for p in [os.environ.get("PYTHONPATH")] if p]))
+            return subprocess.Popen([sys.executable, "-c", "from korvo.chunked import _serve; _serve()"],
+                                    stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=env)
+        except BaseException:
+            self._discard(None)
+            raise
+
+    def _discard(self, worker):
+        if worker is not None:
+            worker.kill()
+            worker.wait()
+        with self._ready:
+            self._live -= 1
+            self._ready.notify()
+
+    def close(self):
+        with self._ready:
+            idle, self._idle = self._idle, []
+        for worker in idle:
+            worker.stdin.close()  # the worker's loop ends at end of input
+            worker.wait()
+
+
+def _serve():
+    """A worker process's loop: pickled arguments in on stdin, (ok, result or
+    exception) out on the original stdout; anything printed goes to stderr."""
+    source, sink = sys.stdin.buffer, os.fdopen(os.dup(1), "wb")
+    os.dup2(2, 1)
+    while True:
+        try:
+            args = pickle.load(source)
+        except EOFError:
+            return
+        try:
+            reply = (True, _denoise_region(*args))
+        except BaseException as exc:
+            reply = (False, exc)
+        try:
+            data = pickle.dumps(reply, protocol=pickle.HIGHEST_PROTOCOL)
+        except Exception:  # an exception that does not pickle travels as its text
+            data = pickle.dumps((False, RuntimeError(repr(reply[1]))))
+        sink.write(data)
+        sink.flush()
+
+
+_WORKERS = _WorkerProcesses()

@@ -1,0 +1,108 @@
+"""Dask arrays: chunk by chunk, lazily, with the in-memory call's estimate."""
+
+import numpy as np
+import pytest
+
+import korvo
+
+da = pytest.importorskip("dask.array")
+
+
+def _profile(window, **settings):
+    # Small search windows keep the margins below the volumes, so that chunks
+    # really are denoised from part of the data.
+    profile = korvo.KORVOProfile(num_threads=1, **settings)
+    profile.ht.search_window = profile.wiener.search_window = window
+    return profile
+
+
+def _noisy(shape, seed=0):
+    clean = korvo.phantom(shape) if len(shape) == 3 else korvo.phantom((1,) + shape)[0]
+    rng = np.random.default_rng(seed)
+    return (clean + 0.1 * rng.standard_normal(shape)).astype(np.float32)
+
+
+KERNEL = np.array([[[1, 2, 1]], [[2, 4, 2]], [[1, 2, 1]]]) / np.sqrt(36.0)
+PSD = korvo.psd_from_kernel(KERNEL, (16, 16, 16), 0.1)
+
+# shape, chunks, stages, noise, profile settings. Shapes are no multiples of
+# the chunks; a chunk of 4 or 5 is thinner than the margin.
+CASES = [
+    ((30, 37, 41), (11, 16, 20), "both", dict(sigma=0.1), {}),
+    ((30, 37, 41), (26, 5, 41), "ht", dict(sigma=0.1), {}),
+    ((30, 37, 41), (13, 37, 4), "both", dict(psd=PSD), dict(adapt_to_psd=False)),
+    ((90, 101), (32, 40), "both", dict(sigma=0.1), {}),
+    ((90, 101), (90, 17), "ht", dict(sigma=0.1), {}),
+]
+
+
+@pytest.mark.parametrize("shape, chunks, stages, noise, settings", CASES)
+def test_chunks_give_the_in_memory_estimate(shape, chunks, stages, noise, settings):
+    z = _noisy(shape) * 40 + 300  # an offset the global mean must remove alike in every chunk
+    noise = {k: v * 40 if k == "sigma" else v * 1600 for k, v in noise.items()}
+    profile = _profile((2, 2, 2) if len(shape) == 3 else (4, 4, 0), **settings)
+    margin, _ = korvo.chunked.chunk_margin(shape, profile, stages)
+    assert max(margin) < max(shape)  # no chunk reads the whole array
+    whole = korvo.korvo(z, profile=profile, stages=stages, **noise)
+    lazy = korvo.korvo(da.from_array(z, chunks=chunks), profile=profile, stages=stages, **noise)
+    assert isinstance(lazy, da.Array) and lazy.dtype == np.float32
+    assert lazy.chunks == da.from_array(z, chunks=chunks).chunks
+    assert np.abs(lazy.compute() - whole).max() <= 1e-5 * np.ptp(z)
+
+
+def test_wiener_stage_with_a_dask_pilot():
+    z = _noisy((30, 37, 41), seed=1)
+    profile = _profile((2, 2, 2))
+    pilot = korvo.korvo(z, 0.1, profile=profile, stages="ht")
+    whole = korvo.korvo(z, 0.1, profile=profile, stages="wiener", pilot=pilot)
+    lazy = korvo.korvo(da.from_array(z, chunks=(16, 20, 20)), 0.1, profile=profile,
+                       stages="wiener", pilot=da.from_array(pilot, chunks=(30, 10, 41)))
+    assert np.abs(lazy.compute() - whole).max() <= 1e-5 * np.ptp(z)
+
+
+def test_nothing_is_computed_until_asked():
+    calls = []
+
+    def block(b):
+        calls.append(b.shape)
+        return b
+
+    z = da.from_array(_noisy((24, 20, 20)), chunks=12).map_blocks(
+        block, meta=np.empty((0, 0, 0), np.float32))
+    lazy = korvo.korvo(z, 0.1, profile=_profile((2, 2, 2)))
+    assert calls == [] and lazy.chunks == z.chunks
+
+
+@pytest.mark.parametrize("options, message", [
+    (dict(channel_axis=0), "one by one"),
+    (dict(progress=True), "ProgressBar"),
+    (dict(matches=korvo.MatchStorage()), "matches"),
+    (dict(stages="wiener"), "pilot"),
+    (dict(sigma=np.full((20, 20, 20), 0.1)), "noise map"),
+])
+def test_options_a_chunked_run_cannot_honour(options, message):
+    z = da.zeros((20, 20, 20), chunks=10)
+    with pytest.raises(ValueError, match=message):
+        korvo.korvo(z, **{"sigma": 0.1, **options})
+
+
+def test_worker_errors_reach_the_caller():
+    z = _noisy((20, 20, 20))
+    z[15, 15, 15] = np.nan
+    lazy = korvo.korvo(da.from_array(z, chunks=10), 0.1, profile=_profile((2, 2, 2)),
+                       stages="ht")
+    with pytest.raises(ValueError, match="NaN"):
+        lazy.compute()
+
+
+def test_distributed_cluster_matches_the_local_run():
+    distributed = pytest.importorskip("distributed")
+    z = _noisy((24, 30, 28), seed=2)
+    profile = _profile((2, 2, 2))
+    lazy = korvo.korvo(da.from_array(z, chunks=(12, 16, 28)), 0.1, profile=profile)
+    local = lazy.compute()
+    with distributed.LocalCluster(processes=True, n_workers=2, threads_per_worker=1,
+                                  host="127.0.0.1", dashboard_address=None) as cluster, \
+            distributed.Client(cluster) as client:
+        remote = client.compute(lazy).result(timeout=120)
+    np.testing.assert_array_equal(remote, local)
