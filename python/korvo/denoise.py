@@ -222,7 +222,9 @@ def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, shared_gr
     z : array_like, 2-D (rows, columns) or 3-D (slices, rows, columns)
         The noisy data, any real dtype. The last axis is the fastest (x), the
         first of a volume the slowest (z); profile tuples are (x, y, z). With
-        ``channel_axis``, one more axis holds channels.
+        ``channel_axis``, one more axis holds channels. A dask array gives a
+        lazy dask array of the same chunks, each chunk denoised with a margin
+        (docs/big-volumes.md).
     sigma : float, a sequence of floats with ``channel_axis``, or an array
         Standard deviation of white noise (one per channel, or one for all),
         or a per-voxel noise map: an array of z's shape, or broadcastable to
@@ -269,7 +271,7 @@ def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, shared_gr
 
     Returns
     -------
-    numpy.ndarray
+    numpy.ndarray (dask.array.Array for a dask input)
         The estimate, float32, of z's shape.
 
     Raises
