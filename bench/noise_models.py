@@ -2,7 +2,8 @@
 """Photon counts and magnitude MRI: korvo with the right noise model against the
 Gaussian assumption and non-local-means peers, by simulation on real volumes.
 
-Photon counts: a confocal stack (fm_nuclei, 60 x 64 x 64, all its slices)
+Photon counts: a confocal stack (fm_nuclei, binned 2 x 2 in plane to halve
+the noise of the recording itself, all 60 slices, 64 x 64 from the centre)
 scaled to a peak of 5, 20 or 100 photons, z = gain * Poisson(x / gain) +
 N(0, read^2) with gain 2 and read noise 2 (one photon). Magnitude MRI: a
 64^3 block of a T1 brain template holding the edge of the head (a quarter of
@@ -49,7 +50,9 @@ def scores(estimate, truth):
 
 
 def photon_cases(peaks, rng):
-    clean = datasets.load("fm_nuclei")[0][:, 32:96, 32:96].astype(np.float64)
+    raw = datasets.load("fm_nuclei", crop=None)[0]
+    binned = raw.reshape(raw.shape[0], raw.shape[1] // 2, 2, raw.shape[2] // 2, 2).mean(axis=(2, 4))
+    clean = datasets.robust_scale(binned)[:, 32:96, 32:96].astype(np.float64)
     for peak in peaks:
         truth = GAIN * peak * clean
         noisy = GAIN * rng.poisson(truth / GAIN) + rng.normal(0.0, READ, truth.shape)
@@ -124,8 +127,8 @@ def main(argv=None):
     rng = np.random.default_rng(2026)
     profile = korvo.KORVOProfile(num_threads=1)
     peaks, snrs, coils = ((5,), (3,), (1,)) if args.quick else ((5, 20, 100), (3, 5, 10), (1, 4))
-    h_grid = (0.6, 0.9) if args.quick else (0.5, 0.7, 0.9, 1.1)
-    f_grid = (1.0,) if args.quick else (0.75, 1.0, 1.25)
+    h_grid = (0.6, 0.9) if args.quick else (0.3, 0.4, 0.5, 0.7, 0.9)
+    f_grid = (1.0,) if args.quick else (0.75, 1.0, 1.25, 1.5, 2.0)
     lines = ["| case | method | PSNR (dB) | dark bias (% of range) | parameters |",
              "|---|---|---:|---:|---|"]
     cases = [("poisson-gaussian", c) for c in photon_cases(peaks, rng)]

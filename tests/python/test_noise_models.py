@@ -81,6 +81,16 @@ def test_magnitude_moments_match_closed_forms(coils):
     assert mean[1] == pytest.approx(30 + (2 * coils - 1) / 60, abs=2e-3)
 
 
+def test_scaled_bessel_function():
+    x = np.concatenate([np.linspace(0, 12, 241), np.geomspace(12, 3000, 400)])
+    low = x[x < 700]  # numpy's i0 overflows beyond
+    np.testing.assert_allclose(nm._ive(0, low), np.i0(low) * np.exp(-low), rtol=1e-12)
+    # The other orders by the recurrence I_(n-1) - I_(n+1) = (2 n / x) I_n.
+    ive = np.stack([nm._ive(n, x[1:]) for n in range(17)])
+    np.testing.assert_allclose(ive[:-2] - ive[2:], 2 * np.arange(1, 16)[:, None] / x[1:] * ive[1:-1],
+                               rtol=1e-9, atol=1e-300)
+
+
 @pytest.mark.parametrize("model, params", [
     ("gaussian", dict(sigma=0.7)),
     ("poisson-gaussian", dict(gain=2.0, sigma=3.0, offset=5.0)),
