@@ -213,9 +213,11 @@ def _denoise(channel, records, run, matches, reporter, normalize, label_suffix="
     return _restore(channel, result, normalize)
 
 
-def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, shared_groups=False,
-          stages="both", pilot=None, matches=None, progress=False, normalize=True):
-    """Denoise a 2-D image or a 3-D volume corrupted by additive noise.
+def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, coils=None,
+          profile=None, channel_axis=None, shared_groups=False, stages="both", pilot=None,
+          matches=None, progress=False, normalize=True):
+    """Denoise a 2-D image or a 3-D volume: additive Gaussian noise (white,
+    coloured or of varying level), photon counts or magnitude MRI.
 
     Parameters
     ----------
@@ -238,6 +240,21 @@ def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, shared_gr
         PSD = E|fftn(noise)|^2 over the PSD's own shape (white noise of std s
         on N elements: s*s*N everywhere), resampled to
         ``profile.psd_work_size``. One PSD serves every channel.
+    noise : {"gaussian", "poisson-gaussian", "rician"}
+        The noise model. "gaussian" (default): additive, described by sigma
+        or psd. "poisson-gaussian": photon counts,
+        z = gain * Poisson(x / gain) + N(offset, sigma^2) (microscopy,
+        low-dose CT); "rician": magnitude MRI from complex Gaussian noise of
+        std sigma per channel, with ``coils`` receive coils combined by sum of
+        squares (non-central chi). The data are stabilised to white noise of
+        unit level, denoised, and brought back by an unbiased inverse
+        (:func:`korvo.noise_models.stabilise`, which cites the methods).
+        Parameters left out are estimated from the data.
+    gain, offset : float, optional
+        "poisson-gaussian": detector gain (data units per photon) and dark
+        level (the Gaussian part's mean); None: estimated with sigma.
+    coils : int, optional
+        "rician": number of receive coils (default 1).
     profile : KORVOProfile, optional
         Tunables; the defaults when omitted.
     channel_axis : int, optional
@@ -301,6 +318,11 @@ def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, shared_gr
         raise TypeError("matches must be a MatchStorage")
     if not isinstance(normalize, bool):
         raise TypeError("normalize must be True or False")
+    if noise != "gaussian" or (gain, offset, coils) != (None, None, None):
+        return _stabilised(z, sigma, psd, noise, dict(gain=gain, offset=offset, coils=coils),
+                           pilot, dict(profile=profile, channel_axis=channel_axis,
+                                       shared_groups=shared_groups, stages=stages,
+                                       matches=matches, progress=progress))
     if chunked.is_dask(z):  # lazily, chunk by chunk
         return chunked.denoise_dask(z, sigma, psd=psd, profile=profile, channel_axis=channel_axis,
                                     shared_groups=shared_groups, stages=stages, pilot=pilot,
@@ -324,7 +346,7 @@ def korvo(z, sigma=None, *, psd=None, profile=None, channel_axis=None, shared_gr
                          None if pilot is None else split.view(pilot, i), normalize,
                          None if noise_map is None else split.view(noise_map, i))
                 for i in range(split.count)]
-    adaptation = PSDAdaptation.of(profile, channels[0].z.shape, psd)
+    adaptation = PSDAdaptation.of(profile, channels[0].z.shape, psd, channels[0].z)
     # Volumes held at once: data, pilot, outputs; the prewhitened copy and its scratch output.
     buffers = (len(run) + 2 + 2 * adaptation.prewhiten) * 4 * channels[0].z.size
     budget = split_budget(buffers) if profile.split_block_extraction is None else None
@@ -361,3 +383,43 @@ def _mean_channel(channels, normalize):
     first = channels[0]
     scaled_psd = None if first.psd is None else first.psd * (level / first.unit) ** 2
     return _Channel(total, level, scaled_psd, None, normalize)
+
+
+def _stabilised(z, sigma, psd, model, extra, pilot, options):
+    """Non-Gaussian noise: each channel stabilised to white unit noise, the
+    stabilised data denoised, each channel brought back by its inverse."""
+    from .noise_models import MODELS, stabilise
+
+    if model not in MODELS:
+        raise ValueError(f"noise must be one of {MODELS}, got {model!r}")
+    taken = {"gaussian": (), "poisson-gaussian": ("gain", "offset"), "rician": ("coils",)}[model]
+    stray = [name for name, value in extra.items() if value is not None and name not in taken]
+    if stray:
+        raise ValueError(f"{', '.join(stray)} belong to another noise model than {model!r}")
+    if psd is not None:
+        raise ValueError(f"psd= describes additive Gaussian noise; noise={model!r} is stabilised "
+                         f"to white noise and takes sigma= (or estimates it)")
+    if pilot is not None:
+        raise ValueError(f"a pilot cannot be combined with noise={model!r}")
+    if chunked.is_dask(z):
+        raise ValueError(f"noise={model!r} runs on in-memory arrays; denoise dask arrays chunk "
+                         f"by chunk with korvo.noise_models.stabilise")
+    split = check_channels(z, options["channel_axis"])
+    z = np.asarray(z)
+    if sigma is None or np.ndim(sigma) == 0:
+        sigmas = [sigma] * split.count
+    elif split.axis is not None and np.shape(sigma) == (split.count,):
+        sigmas = list(np.asarray(sigma).tolist())
+    else:
+        raise ValueError(f"with noise={model!r}, sigma is one number (or one per channel)")
+    params = {name: value for name, value in extra.items() if value is not None}
+    stabilised = np.empty(z.shape, dtype=np.float32)
+    inverses = []
+    for i in range(split.count):
+        part, inverse = stabilise(split.view(z, i), model, sigma=sigmas[i], **params)
+        split.view(stabilised, i)[...] = part
+        inverses.append(inverse)
+    out = korvo(stabilised, 1.0, **options)
+    for i, inverse in enumerate(inverses):
+        split.view(out, i)[...] = inverse(split.view(out, i))
+    return out

@@ -11,7 +11,7 @@ from __future__ import annotations
 import numpy as np
 
 __all__ = ["estimate_sigma", "estimate_sigma_map", "white_psd", "psd_from_kernel", "psd_sigma", "coloured_noise",
-           "psd_concentration", "whitening_gain", "prewhiten"]
+           "psd_concentration", "whitening_gain", "prewhiten", "noise_dominated_fraction"]
 
 # Median of |X| for X standard normal: turns a median absolute value into a
 # standard deviation.
@@ -197,3 +197,41 @@ def prewhiten(z, psd):
     gain, ratio = whitening_gain(psd, shape)
     out = np.fft.irfftn(np.fft.rfftn(z) * gain, s=shape, axes=tuple(range(len(shape))))
     return out.astype(np.float32), psd_sigma(psd) * ratio
+
+
+# Blocks over which noise_dominated_fraction compares variances, and the
+# variance ratio under which a block counts as noise alone.
+_FLAT_BLOCK = 8
+_FLAT_RATIO = 1.5
+
+
+def noise_dominated_fraction(z, psd):
+    """Fraction of the data's 8-sample blocks (8x8x8, or 8x8 in an image)
+    whose variance about their own mean is below 1.5 times what noise of this
+    PSD alone gives them: flat regions, where block matching sees mostly noise."""
+    a = np.asarray(z)
+    b = [min(_FLAT_BLOCK, n) for n in a.shape]
+    counts = [n // e for n, e in zip(a.shape, b)]
+    cut = a[tuple(slice(0, c * e) for c, e in zip(counts, b))].astype(np.float64)
+    split = cut.reshape([x for c, e in zip(counts, b) for x in (c, e)])
+    within = split.var(axis=tuple(range(1, 2 * a.ndim, 2)))
+    return float(np.mean(within < _FLAT_RATIO * _within_block_variance(psd, b)))
+
+
+def _within_block_variance(psd, block):
+    """E[variance of noise about its block mean] = sigma^2 - var(block mean),
+    from the autocovariance of the PSD (lags wrapped onto its grid)."""
+    p = np.asarray(psd, dtype=np.float64)
+    if p.ndim > len(block):  # a plane of 3-D noise: the spectrum averaged over kz
+        p = p.reshape((-1,) + p.shape[-len(block):]).mean(axis=0)
+    p = p.reshape((1,) * (len(block) - p.ndim) + p.shape)
+    autocov = np.fft.ifftn(p).real / p.size
+    # var(mean) = sum over lag l of autocov(l) * prod(b - |l|) / B^2, per axis.
+    weight = np.ones(p.shape)
+    for axis, (g, e) in enumerate(zip(p.shape, block)):
+        lags = np.fft.fftfreq(g, 1.0 / g).astype(int)
+        w = np.zeros(g)
+        for lag in range(-(e - 1), e):
+            w[lag % g] += e - abs(lag)
+        weight = weight * w.reshape([-1 if i == axis else 1 for i in range(len(block))])
+    return float(autocov.flat[0] - np.sum(autocov * weight) / np.prod(block) ** 2)
