@@ -107,6 +107,9 @@ class _Run:
         self.psd = None
         self.auto = args.psd == "auto"
         self.shared = _shared_groups(args.shared_groups)
+        if args.noise != "gaussian" and (args.psd or args.sigma_map):
+            raise ValueError(f"--noise {args.noise} is stabilised to white noise: it takes "
+                             f"--sigma (or estimates it), not --psd or --sigma-map")
         if args.psd_mask and not self.auto:
             raise ValueError("--psd-mask marks where to estimate the PSD: use it with --psd auto")
         if args.psd and not self.auto:
@@ -119,6 +122,10 @@ class _Run:
 
     def noise(self, block, channel, where, sigma_map=None):
         """Keyword arguments naming the noise of one call."""
+        if self.args.noise != "gaussian":  # the model estimates what is not given
+            given = dict(sigma=self.args.sigma, gain=self.args.gain, offset=self.args.offset,
+                         coils=self.args.coils)
+            return dict({k: v for k, v in given.items() if v is not None}, noise=self.args.noise)
         if self.psd is not None:
             return {"psd": self.psd}
         if self.args.sigma is not None:
@@ -241,7 +248,8 @@ def _denoise(args):
         for number, result in enumerate(results()):
             flat[number] = result
         write_volume(args.output, np.transpose(out, np.argsort(order)), context)
-    how = ("estimated PSD" + (f" (noise where {args.psd_mask} is nonzero)" if args.psd_mask
+    how = (f"{args.noise} noise model" if args.noise != "gaussian" else
+           "estimated PSD" + (f" (noise where {args.psd_mask} is nonzero)" if args.psd_mask
                               else "") if run.auto else
            "PSD from " + args.psd if args.psd else
            f"sigma {args.sigma:g}" if args.sigma is not None else
@@ -401,6 +409,15 @@ def _parser():
     noise.add_argument("--sigma-map", metavar="FILE|auto",
                        help="per-voxel noise std for noise whose level varies in space (IN's "
                             "shape); 'auto': estimate a slowly varying map from IN")
+    d.add_argument("--noise", choices=("gaussian", "poisson-gaussian", "rician"),
+                   default="gaussian",
+                   help="noise model: additive Gaussian (default), photon counts "
+                        "(poisson-gaussian: --gain, --offset, --sigma read noise) or magnitude "
+                        "MRI (rician: --sigma per channel, --coils); parameters not given are "
+                        "estimated from IN")
+    d.add_argument("--gain", type=float, help="poisson-gaussian: data units per photon")
+    d.add_argument("--offset", type=float, help="poisson-gaussian: dark level")
+    d.add_argument("--coils", type=int, help="rician: receive coils (default 1)")
     d.add_argument("--shared-groups", metavar="first|mean|N",
                    help="channels: find the groups once, on the first channel, channel N or the "
                         "channels' mean, and filter every channel with them")

@@ -255,6 +255,17 @@ def test_sigma_map_and_shared_groups(tmp_path, capsys):
     capsys.readouterr()
     assert cli.main(["denoise", str(source), str(out), "-f", "--shared-groups", "x"] + FAST) == 2
     assert "--shared-groups" in capsys.readouterr().err
+    # Photon counts: the noise model and its parameters reach korvo.
+    counts = (2 * rng.poisson(20 * clean) + 100).astype(np.uint16)
+    source, out = tmp_path / "counts.npy", tmp_path / "counts_out.npy"
+    np.save(source, counts)
+    assert cli.main(["denoise", str(source), str(out), "--noise", "poisson-gaussian", "--gain", "2",
+                     "--offset", "100"] + FAST) == 0
+    np.testing.assert_allclose(np.load(out), korvo.korvo(counts, noise="poisson-gaussian", gain=2.0,
+                                                         offset=100.0, profile=fast()), atol=1e-4)
+    assert cli.main(["denoise", str(source), str(out), "-f", "--noise", "rician", "--psd", "auto"]
+                    + FAST) == 2
+    assert "--noise rician" in capsys.readouterr().err
 
 
 def test_user_errors_are_one_line(tmp_path, capsys):

@@ -147,7 +147,7 @@ def test_rician_sigma_estimate(coils, background):
         assert nm.estimate_rician_sigma(z, coils, mask=mask) == pytest.approx(3.0, rel=0.03)
 
 
-def test_photon_counts_round_trip_through_korvo(fast_profile):
+def test_noise_models_through_korvo(fast_profile):
     rng = np.random.default_rng(3)
     clean = 40.0 * korvo.phantom((16, 32, 32)).astype(np.float64)
     z = (2 * rng.poisson(clean / 2) + 100).astype(np.uint16)  # integer data, offset 100
@@ -155,6 +155,22 @@ def test_photon_counts_round_trip_through_korvo(fast_profile):
     out = inverse(korvo.korvo(y, sigma=1.0, profile=fast_profile))
     assert out.dtype == np.float32 and out.shape == z.shape
     assert np.mean((out - 100 - clean) ** 2) < 0.6 * np.mean((z - 100.0 - clean) ** 2)
+    # korvo(noise=...) is that round trip, channel by channel.
+    np.testing.assert_array_equal(korvo.korvo(z, noise="poisson-gaussian", gain=2.0, offset=100.0,
+                                              profile=fast_profile), out)
+    magnitude = _magnitude(rng, 5 * korvo.phantom((16, 32, 32)), 1, 1.0, (16, 32, 32))
+    pair = np.stack([magnitude, magnitude[::-1]], axis=-1)
+    both = korvo.korvo(pair, 1.0, noise="rician", channel_axis=-1, profile=fast_profile)
+    for c, part in enumerate((magnitude, magnitude[::-1])):
+        np.testing.assert_array_equal(
+            both[..., c], korvo.korvo(part, 1.0, noise="rician", profile=fast_profile))
+    for kwargs, text in ((dict(noise="poisson"), "noise must be"),
+                         (dict(noise="rician", gain=2.0), "gain belong"),
+                         (dict(coils=2), "coils belong"),
+                         (dict(noise="rician", psd=np.ones((4, 4, 4))), "psd="),
+                         (dict(noise="rician", sigma=[1.0, 2.0]), "one number")):
+        with pytest.raises(ValueError, match=text):
+            korvo.korvo(magnitude, **kwargs)
 
 
 @pytest.mark.parametrize("call, error", [
