@@ -14,6 +14,7 @@ zero-filled k-space gives).
     python bench/coloured_study.py validate    # PSD-adaptive settings against the peers
     python bench/coloured_study.py grid --jobs 16 --out grid.jsonl   # every sweep and grid,
     python bench/coloured_study.py tables --out grid.jsonl           # in parallel; its tables
+    python bench/coloured_study.py final --jobs 2   # the README table: before/after vs peers
 
 Every command prints markdown tables. Peers get the true noise standard
 deviation and have their main parameter tuned by oracle on the clean volume;
@@ -38,6 +39,10 @@ import datasets  # noqa: E402
 
 GRID = (16, 16, 16)
 VOLUMES = ("phantom", "mri_t1_mni", "ct_head", "fm_nuclei")
+# A second MRI, CT and microscopy volume for the final table: volumes the
+# settings were not chosen on.
+CHECK_VOLUMES = ("mri_t1_colin", "ct_concrete", "em_tomogram")
+ALL_VOLUMES = VOLUMES + CHECK_VOLUMES
 CACHE = "/tmp/korvo_coloured_peers.json"
 THREADS = 2
 
@@ -93,15 +98,16 @@ def concentration(p):
 
 # ---------------------------------------------------------------- data and scores
 
-def volumes(size=64):
+def volumes(size=64, names=VOLUMES):
     """Clean volumes by name; KORVO_STUDY_VOLUMES names an .npz that holds
     them (written on the first call), for machines without the data packages."""
     stored = os.environ.get("KORVO_STUDY_VOLUMES")
     if stored and os.path.exists(stored):
         with np.load(stored) as f:
-            return {name: f[name] for name in VOLUMES}
+            if all(name in f for name in names):
+                return {name: f[name] for name in names}
     out = {}
-    for name in VOLUMES:
+    for name in names:
         if name == "phantom":
             out[name] = korvo.phantom((size,) * 3).astype(np.float32)
         else:
@@ -121,7 +127,7 @@ def score(estimate, clean):
 
 def noisy_case(name, spectrum, sigma, clean, seed=0):
     """The noisy volume of one case; the same for every command."""
-    rng = np.random.default_rng([seed, round(sigma * 1000), VOLUMES.index(name),
+    rng = np.random.default_rng([seed, round(sigma * 1000), ALL_VOLUMES.index(name),
                                  SPECTRA.index(spectrum)])
     return clean + noise(spectrum, clean.shape, sigma, rng)
 
@@ -516,6 +522,54 @@ def validate(args):
                  "best peer (oracle)", "margin"], rows))
 
 
+def _final_case(case):
+    """Today's settings (adapt_to_psd off), the package defaults and the best
+    oracle-tuned peer (cached) on one case."""
+    name, spectrum, sigma = case
+    clean = volumes(names=(name,))[name]
+    noisy = noisy_case(name, spectrum, sigma, clean)
+    p = psd(spectrum, sigma)
+    runs = {}
+    for label, adapt in (("before", False), ("after", True)):
+        pro = korvo.KORVOProfile(num_threads=THREADS, adapt_to_psd=adapt)
+        runs[label] = score(korvo.korvo(noisy, psd=p, profile=pro), clean)
+    cache = json.load(open(CACHE)) if os.path.exists(CACHE) else {}
+    key = case_key(name, spectrum, sigma)
+    peer = cache.get(key) or {m: peer_best(m, sigma, clean, noisy) for m in peer_settings(sigma)}
+    return key, runs, peer, concentration(p)
+
+
+def final(args):
+    """The README table: korvo before and after the PSD adaptation against the
+    best oracle-tuned peer, every volume, spectrum and std, in --jobs processes."""
+    import multiprocessing
+    global THREADS
+    THREADS = 1
+    names = args.volumes.split(",") if args.volumes else ALL_VOLUMES
+    sigmas = [float(s) for s in args.sigmas.split(",")] if args.sigmas else SIGMAS
+    spectra = args.spectra.split(",") if args.spectra else SPECTRA
+    cases_ = [(n, s, g) for g in sigmas for n in names for s in spectra]
+    with multiprocessing.get_context("fork").Pool(args.jobs) as pool:
+        results = pool.map(_final_case, cases_, chunksize=1)
+    cache = json.load(open(CACHE)) if os.path.exists(CACHE) else {}
+    rows = []
+    for (name, spectrum, sigma), (key, runs, peer, c) in zip(cases_, results):
+        cache[key] = peer
+        method, best = max(peer.items(), key=lambda item: item[1][0])
+        before, after = runs["before"], runs["after"]
+        rows.append([f"{sigma:g}", name, spectrum, f"{c:.2f}",
+                     f"{before[0]:.2f} / {before[1]:.3f}", f"{after[0]:.2f} / {after[1]:.3f}",
+                     f"{best[0]:.2f} / {best[1]:.3f} ({method})",
+                     f"{after[0] - best[0]:+.2f} / {after[1] - best[1]:+.3f}"])
+    with open(CACHE, "w") as f:
+        json.dump(cache, f, indent=1)
+    print("PSNR dB / SSIM, 64^3 crops scaled to [0, 1], korvo given the true PSD. 'before': "
+          "adapt_to_psd=False (the earlier defaults); 'after': the defaults. Margin: after "
+          "minus the best oracle-tuned peer\n")
+    print(table(["std", "volume", "noise", "c", "korvo before", "korvo", "best peer (oracle)",
+                 "margin"], rows))
+
+
 def _load_grid(path):
     """{(volume, spectrum, std): {(kind, settings as JSON): (PSNR, SSIM)}}."""
     out = {}
@@ -568,7 +622,8 @@ def tables(args):
 def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("command", choices=["reproduce", "selection", "sweep", "grid",
-                                            "tables", "validate"])
+                                            "tables", "validate", "final"])
+    parser.add_argument("--volumes", help="final: comma-separated volume names")
     parser.add_argument("--only", help="sweep: comma-separated setting names")
     parser.add_argument("--spectra", help="comma-separated spectra")
     parser.add_argument("--sigmas", help="validate: comma-separated noise levels")
