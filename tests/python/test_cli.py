@@ -336,9 +336,12 @@ def test_demo_figure_without_matplotlib(tmp_path, monkeypatch):
 def test_ctrl_c_ends_the_command(tmp_path):
     source, out = tmp_path / "in.npy", tmp_path / "out.npy"
     np.save(source, korvo.phantom((64, 128, 128)))
+    # Default SIGINT in the child even when the suite runs as a background job
+    # (which starts with SIGINT ignored, and Python then keeps ignoring it).
     process = subprocess.Popen([sys.executable, "-m", "korvo", "denoise", str(source), str(out),
                                 "--sigma", "0.1"],
-                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                               preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
     # Wait until the run has begun, so the signal lands mid-run rather than at start-up.
     started = time.monotonic()
     while time.monotonic() - started < 120:

@@ -1,6 +1,7 @@
 """Threads, progress, interruption, memory failures and the band-splitting choice."""
 
 import _thread
+import signal
 import subprocess
 import sys
 import textwrap
@@ -57,7 +58,11 @@ def test_plain_progress_line(volume, fast_profile, monkeypatch, capsys):
     assert "korvo hard thresholding: 100%" in err
 
 
-def test_ctrl_c_stops_a_run_mid_stage(fast_profile):
+def test_ctrl_c_stops_a_run_mid_stage(fast_profile, request):
+    # A suite started in the background inherits SIGINT ignored, and then
+    # nothing can interrupt the main thread: Python's handler for this test.
+    previous = signal.signal(signal.SIGINT, signal.default_int_handler)
+    request.addfinalizer(lambda: signal.signal(signal.SIGINT, previous))
     big = korvo.phantom((64, 96, 96))
     profile = korvo.KORVOProfile(num_threads=2)  # full-size windows: a run of several seconds
     seen = []
