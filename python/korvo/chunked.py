@@ -111,7 +111,9 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
     margin, align = chunk_margin(z.shape, profile, stages)  # refuses settings the shape cannot run
 
     # One offset for every chunk: the whole array's mean, as the in-memory call takes it.
-    offset = z.mean(dtype=np.float64) if normalize else 0.0
+    # As one delayed value it is computed once; a dask array handed to each
+    # chunk's call would be finalized, and the whole array read, per chunk.
+    offset = dask.delayed(z.mean(dtype=np.float64)) if normalize else 0.0
     threads = profile.num_threads or 1
     settings = dict(sigma=sigmas[0], psd=psd, profile=profile, stages=stages,
                     normalize=normalize, threads=threads)

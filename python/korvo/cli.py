@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import argparse
+import contextlib
+import os
 import sys
 import time
 
@@ -205,10 +207,13 @@ def _cast(result, dtype):
 
 
 def _denoise(args):
-    from .io import check_output, read_volume, write_volume
+    from .io import CHUNKED, check_output, read_volume, volume_format, write_volume
 
     check_output(args.output, source=args.input, force=args.force)
     run = _Run(args, args.input)
+    if args.chunks is not None or {volume_format(args.input),
+                                   volume_format(args.output)} & set(CHUNKED):
+        return _denoise_chunked(args, run)
     started = time.monotonic()
     data, context = read_volume(args.input)
     axes = context["axes"]
@@ -248,16 +253,137 @@ def _denoise(args):
         for number, result in enumerate(results()):
             flat[number] = result
         write_volume(args.output, np.transpose(out, np.argsort(order)), context)
-    how = (f"{args.noise} noise model" if args.noise != "gaussian" else
+    run.say(f"wrote {args.output} ({'x'.join(map(str, data.shape))} {run.dtype}, "
+            f"{_how(args, run)}, {time.monotonic() - started:.1f} s)")
+    return 0
+
+
+def _how(args, run):
+    """The noise the run assumed, in words."""
+    return (f"{args.noise} noise model" if args.noise != "gaussian" else
            "estimated PSD" + (f" (noise where {args.psd_mask} is nonzero)" if args.psd_mask
                               else "") if run.auto else
            "PSD from " + args.psd if args.psd else
            f"sigma {args.sigma:g}" if args.sigma is not None else
            "estimated sigma map" if args.sigma_map == "auto" else
            "sigma map from " + args.sigma_map if args.sigma_map else "estimated sigma")
-    run.say(f"wrote {args.output} ({'x'.join(map(str, data.shape))} {run.dtype}, {how}, "
-            f"{time.monotonic() - started:.1f} s)")
+
+
+# Chunk extent per space axis when neither --chunks nor the store says.
+_CHUNK = 128
+
+
+def _chunk_sizes(text, shape, stored):
+    """Chunk extents of the space axes: --chunks N or one per axis (Z,Y,X),
+    else the store's chunks grouped to about 128 voxels per axis."""
+    if text is not None:
+        try:
+            sizes = [int(v) for v in text.split(",")]
+        except ValueError:
+            sizes = []
+        if len(sizes) not in (1, len(shape)) or min(sizes, default=0) < 1:
+            raise ValueError(f"--chunks takes N or {len(shape)} positive extents "
+                             f"({','.join('ZYX'[-len(shape):])}), got {text!r}")
+        sizes = sizes * len(shape) if len(sizes) == 1 else sizes
+    elif stored:
+        sizes = [c * max(1, round(_CHUNK / c)) for c in stored]
+    else:
+        sizes = [_CHUNK] * len(shape)
+    return [min(s, n) for s, n in zip(sizes, shape)]
+
+
+def _central(item, sizes):
+    """The block of ``sizes`` (at least 64 per axis) in the middle of a dask array."""
+    key = []
+    for n, s in zip(item.shape, sizes):
+        s = min(n, max(s, 64))
+        key.append(slice((n - s) // 2, (n - s) // 2 + s))
+    return np.asarray(item[tuple(key)].compute(scheduler="sync"))
+
+
+def _denoise_chunked(args, run):
+    """Denoise chunk by chunk: IN read lazily, OUT written as chunks finish."""
+    try:
+        import dask.array  # noqa: F401
+    except ImportError:
+        raise ImportError("denoising chunk by chunk needs dask (pip install 'korvo[zarr]')") \
+            from None
+    from .io import _split_hdf5, close_files, open_chunked
+
+    for given, name in ((args.noise != "gaussian", f"--noise {args.noise}"),
+                        (args.sigma_map, "--sigma-map"), (args.shared_groups, "--shared-groups"),
+                        (args.psd_mask, "--psd-mask")):
+        if given:
+            raise ValueError(f"{name} needs the whole volume in memory; chunk by chunk, give "
+                             f"--sigma or --psd (or neither: estimated from the central block)")
+    started = time.monotonic()
+    files = [_split_hdf5(p) for p in (args.input, args.output)]
+    same = all(files) and os.path.realpath(files[0][0]) == os.path.realpath(files[1][0])
+    try:
+        source, context = open_chunked(args.input, writable=same)
+        shape = source.shape
+        _chunked_items(args, run, source, context)
+    finally:
+        close_files()
+    run.say(f"wrote {args.output} ({'x'.join(map(str, shape))} {run.dtype}, "
+            f"{_how(args, run)}, {time.monotonic() - started:.1f} s)")
     return 0
+
+
+def _chunked_items(args, run, source, context):
+    import dask.array as da
+    from dask.diagnostics import ProgressBar
+    from dask.utils import SerializableLock
+
+    from .io import ChunkedOutput, volume_format
+
+    axes, shape = context["axes"], source.shape
+    _layout(axes, shape, args.input)  # refuses what holds no image or volume
+    # Space axes go to korvo; series, channels and a single slice are looped over.
+    spatial = [i for i, a in enumerate(axes) if a in "ZYX" and (a != "Z" or shape[i] > 1)]
+    loop = [i for i in range(len(shape)) if i not in spatial]
+    stored = context.get("chunks")
+    sizes = _chunk_sizes(args.chunks, [shape[i] for i in spatial],
+                         stored and [stored[i] for i in spatial])
+    chunks = [1] * len(shape)
+    for i, s in zip(spatial, sizes):
+        chunks[i] = s
+    # h5py calls are serialised: reads and writes share one lock.
+    hdf5 = "hdf5" in (context["kind"], volume_format(args.output))
+    lock = SerializableLock() if hdf5 else False
+    z = da.from_array(source, chunks=tuple(chunks), lock=lock)
+    run.dtype = source.dtype if args.dtype == "keep" else np.dtype(np.float32)
+    run.profile.num_threads = None  # one thread per chunk; --threads chunks at once
+    count = int(np.prod([shape[i] for i in loop]))
+    grid = int(np.prod([-(-shape[i] // s) for i, s in zip(spatial, sizes)]))
+    run.say(f"{args.input}: {_describe(axes, shape)}; chunks of {'x'.join(map(str, sizes))}, "
+            f"{grid} per {'volume' if len(spatial) == 3 else 'image'}"
+            + (f", {count} items along {''.join(axes[i] for i in loop)}" if loop else ""))
+    out = ChunkedOutput(args.output, shape, run.dtype, chunks, context)
+    try:
+        for number, index in enumerate(np.ndindex(*[shape[i] for i in loop]), start=1):
+            at = dict(zip(loop, index))
+            item = z[tuple(at.get(i, slice(None)) for i in range(len(shape)))]
+            where = f" [{', '.join(f'{axes[a]} {i}' for a, i in at.items())}] " \
+                    f"({number}/{count})" if count > 1 else ""
+            block = _central(item, sizes)
+            sample = f"{where} (central {'x'.join(map(str, block.shape))} block)"
+            noise = ({"psd": run.estimated_psds(block, None, None, sample)[0]} if run.auto
+                     else run.noise(block, None, sample))
+            run.say(f"denoising {args.input}{where}")
+            y = korvo(item, **noise, profile=run.profile, stages=args.stages)
+            if run.dtype != y.dtype:
+                y = y.map_blocks(_cast, run.dtype, dtype=run.dtype)
+            y = y[tuple(None if i in at else slice(None) for i in range(len(shape)))]
+            region = tuple(slice(at[i], at[i] + 1) if i in at else slice(None)
+                           for i in range(len(shape)))
+            with ProgressBar(out=sys.stderr) if not args.quiet else contextlib.nullcontext():
+                da.store(y, out.target, regions=region, lock=lock, scheduler="threads",
+                         num_workers=args.threads or None)
+        out.commit()
+    except BaseException:
+        out.discard()
+        raise
 
 
 def _estimate(args):
@@ -389,7 +515,7 @@ def _parser():
     commands = parser.add_subparsers(dest="command", required=True)
 
     d = commands.add_parser(
-        "denoise", help="denoise a file (.npy, .nii, .nii.gz, .tif, .tiff)",
+        "denoise", help="denoise a file (.npy, .nii, .nii.gz, .tif, .tiff, .zarr, .h5:/dataset)",
         description="Denoise IN and write OUT. Without --sigma or --psd the noise level is "
                     "estimated (per item and channel); --psd auto estimates the noise PSD "
                     "(coloured noise) the same way. Axes are taken from the file where it "
@@ -398,7 +524,10 @@ def _parser():
                     "arrays: the last two axes are an image, a third from the end z, a fourth "
                     "a series (NIfTI: the time axis). OUT is written only when complete, never "
                     "over IN; TIFF calibration (resolution, ImageJ spacing and unit, OME pixel "
-                    "sizes) and axis labels and the NIfTI header are kept.")
+                    "sizes) and axis labels and the NIfTI header are kept. Zarr stores (OME-Zarr: "
+                    "level 0, its axes and scale kept) and HDF5 datasets (file.h5:/path, "
+                    "attributes kept) are read and written chunk by chunk, as are .npy files "
+                    "with --chunks.")
     d.add_argument("input", metavar="IN")
     d.add_argument("output", metavar="OUT")
     noise = d.add_mutually_exclusive_group()
@@ -434,6 +563,10 @@ def _parser():
     d.add_argument("--set", action="append", metavar="NAME=VALUE",
                    help="profile setting, e.g. hard_threshold=2.5, ht.search_window=5,5,3, "
                         "split_block_extraction=false,false,true (repeatable)")
+    d.add_argument("--chunks", metavar="N|Z,Y,X",
+                   help="denoise chunk by chunk, reading IN and writing OUT as chunks finish "
+                        "(always for .zarr and .h5:/dataset): chunk extent per space axis "
+                        "(default: the store's chunks grouped to about 128)")
     d.add_argument("-f", "--force", action="store_true", help="replace an existing OUT")
     d.add_argument("-q", "--quiet", action="store_true", help="no progress output")
     d.set_defaults(run=_denoise)

@@ -1,4 +1,6 @@
-"""Reading and writing volumes for the command line: .npy, NIfTI, TIFF.
+"""Reading and writing volumes for the command line: .npy, NIfTI, TIFF, and
+chunked stores read and written chunk by chunk: Zarr (plain arrays and OME-Zarr
+images) and HDF5 datasets, named ``file.h5:/group/dataset``.
 
 Arrays come back in the package's axis order, the last axis fastest: a NIfTI
 image of shape (i, j, k[, t]) is returned transposed, (k, j, i) or
@@ -12,32 +14,60 @@ file has none, unlabelled axes read as Z, then T, counted from the right.
 
 Writes go to a temporary file beside the output, renamed over it only once
 complete: a failure or an interrupt never leaves a half-written file behind.
+An HDF5 dataset written into an existing file goes under a hidden name in its
+group first and is renamed once complete; a process killed meanwhile leaves
+that hidden dataset behind (its space is not reclaimed until the file is
+repacked). .npy inputs are memory-mapped, not loaded.
 """
 
 from __future__ import annotations
 
 import math
 import os
+import re
+import shutil
 import tempfile
 import xml.etree.ElementTree as ElementTree
 
 import numpy as np
 
 __all__ = ["read_volume", "write_volume", "volume_format", "check_output", "FORMATS",
-           "STREAMED"]
+           "STREAMED", "CHUNKED", "open_chunked", "ChunkedOutput"]
 
-FORMATS = {".npy": "npy", ".nii": "nifti", ".nii.gz": "nifti", ".tif": "tiff", ".tiff": "tiff"}
+FORMATS = {".npy": "npy", ".nii": "nifti", ".nii.gz": "nifti", ".tif": "tiff", ".tiff": "tiff",
+           ".zarr": "zarr", ".h5": "hdf5", ".hdf5": "hdf5"}
 # Formats whose series are written item by item as they are denoised; NIfTI
 # (nibabel) needs the whole array at once.
 STREAMED = ("npy", "tiff")
+# Formats read lazily and written chunk by chunk (and .npy, memory-mapped).
+CHUNKED = ("zarr", "hdf5")
+_HDF5 = re.compile(r"^(.*\.(?:h5|hdf5))(?::(.*))?$", re.IGNORECASE | re.DOTALL)
 # Labels tifffile gives axes it knows nothing about.
 _UNKNOWN = "QI"
 _OME_SIZES = ("PhysicalSizeX", "PhysicalSizeY", "PhysicalSizeZ", "TimeIncrement")
 _IMAGEJ_KEYS = ("spacing", "unit", "finterval", "xorigin", "yorigin", "zorigin", "mode")
 
 
+def _split_hdf5(path):
+    """``file.h5:/group/name`` -> (file, dataset path or None); None if not HDF5."""
+    match = _HDF5.match(os.fspath(path))
+    if match is None:
+        return None
+    return match.group(1), (match.group(2) or "").strip("/") or None
+
+
+def _hdf5_parts(path):
+    file, dataset = _split_hdf5(path)
+    if dataset is None:
+        raise ValueError(f"{path}: name the dataset inside the file, e.g. {file}:/volume")
+    return file, dataset
+
+
 def _suffix(path):
-    name = os.fspath(path).lower()
+    path = os.fspath(path)
+    if _split_hdf5(path) is not None:
+        path = _split_hdf5(path)[0]
+    name = path.lower().rstrip("/")
     for suffix in sorted(FORMATS, key=len, reverse=True):
         if name.endswith(suffix):
             return suffix
@@ -80,6 +110,9 @@ def read_volume(path):
     lets :func:`write_volume` keep the format's metadata."""
     path = os.fspath(path)
     kind = volume_format(path)
+    if kind in CHUNKED:
+        data, context = open_chunked(path)
+        return np.asarray(data), context
     if not os.path.isfile(path):
         raise FileNotFoundError(f"{path}: no such file")
     if kind == "nifti":
@@ -88,7 +121,7 @@ def read_volume(path):
         tifffile = _require("tifffile", "tiff")
     try:
         if kind == "npy":
-            data = np.load(path, allow_pickle=False)
+            data = np.load(path, mmap_mode="r", allow_pickle=False)
             context = {"kind": kind}
         elif kind == "nifti":
             image = nib.load(path)
@@ -161,19 +194,55 @@ def check_output(path, source=None, force=False):
     folder, the input itself (by identity, through links), or an existing file
     without ``force``."""
     path = os.fspath(path)
-    volume_format(path)
-    folder = os.path.dirname(os.path.abspath(path))
+    kind = volume_format(path)
+    if kind == "hdf5":
+        return _check_hdf5_output(path, source, force)
+    file = path.rstrip("/") if kind == "zarr" else path
+    folder = os.path.dirname(os.path.abspath(file))
     if not os.path.isdir(folder):
         raise ValueError(f"{path}: the folder {folder} does not exist")
     if not os.access(folder, os.W_OK | os.X_OK):
         raise ValueError(f"{path}: the folder {folder} is not writable")
-    if os.path.isdir(path):
+    if os.path.isdir(file) and kind != "zarr":
         raise ValueError(f"{path} is a folder")
-    if not os.path.exists(path):
+    if not os.path.exists(file):
         return
-    if source is not None and os.path.exists(source) and os.path.samefile(source, path):
-        raise ValueError(f"{path} is the input file itself; korvo never writes over its input")
+    if source is not None:
+        if volume_format(source) == "hdf5":
+            source = _split_hdf5(source)[0]
+        if os.path.exists(source) and os.path.samefile(source, file):
+            raise ValueError(f"{path} is the input file itself; korvo never writes over its input")
     if not force:
+        raise ValueError(f"{path} exists; pass --force to replace it")
+
+
+def _check_hdf5_output(path, source, force):
+    """An HDF5 output may go into an existing file, the input's included, at a
+    path that is not the input dataset."""
+    file, dataset = _hdf5_parts(path)
+    folder = os.path.dirname(os.path.abspath(file))
+    if not os.path.isdir(folder):
+        raise ValueError(f"{path}: the folder {folder} does not exist")
+    if not os.path.exists(file):
+        if not os.access(folder, os.W_OK | os.X_OK):
+            raise ValueError(f"{path}: the folder {folder} is not writable")
+        return
+    if os.path.isdir(file):
+        raise ValueError(f"{file} is a folder")
+    if not os.access(file, os.W_OK):
+        raise ValueError(f"{file} is not writable")
+    same_file = (source is not None and volume_format(source) == "hdf5"
+                 and os.path.exists(_split_hdf5(source)[0])
+                 and os.path.samefile(_split_hdf5(source)[0], file))
+    if same_file and _split_hdf5(source)[1] == dataset:
+        raise ValueError(f"{path} is the input dataset itself; korvo never writes over its input")
+    h5py = _require("h5py", "hdf5")
+    try:
+        with h5py.File(file, "r") as handle:
+            exists = dataset in handle
+    except OSError as exc:
+        raise ValueError(f"{file}: not an HDF5 file that can be added to ({exc})") from None
+    if exists and not force:
         raise ValueError(f"{path} exists; pass --force to replace it")
 
 
@@ -312,3 +381,272 @@ def _write_tiff(tifffile, path, data, shape, dtype, context):
 
 def _big(shape, dtype):
     return math.prod(shape) * np.dtype(dtype).itemsize > 2 ** 31
+
+
+# ----------------------------------------------------------------------------
+# Chunked stores: Zarr, HDF5, and memory-mapped .npy
+
+# OME-Zarr axis types -> labels; space axes are named Z, Y, X from the right.
+_OME_TYPES = {"time": "T", "channel": "C"}
+# HDF5 files open in this process, shared by input and output (h5py cannot
+# open one file twice in different modes).
+_H5_FILES = {}
+
+
+def _h5_file(file, mode):
+    h5py = _require("h5py", "hdf5")
+    key = os.path.realpath(file)
+    handle = _H5_FILES.get(key)
+    if handle is not None and handle.id.valid:
+        if mode == "r" or handle.mode == "r+":
+            return handle
+        handle.close()
+    try:
+        handle = h5py.File(file, mode)
+    except OSError as exc:
+        raise ValueError(f"{file}: cannot be opened as HDF5 ({exc})") from None
+    _H5_FILES[key] = handle
+    return handle
+
+
+def close_files():
+    """Close the HDF5 files :func:`open_chunked` and :class:`ChunkedOutput` opened."""
+    for handle in _H5_FILES.values():
+        if handle.id.valid:
+            handle.close()
+    _H5_FILES.clear()
+
+
+def _ome_labels(axes):
+    """OME axes (dicts, or names in early versions) -> one label per axis."""
+    names = [a if isinstance(a, str) else a.get("name", "") for a in axes]
+    types = [a.get("type") if isinstance(a, dict) else
+             ("space" if a in "zyx" else "channel" if a == "c" else "time") for a in axes]
+    space = [i for i, t in enumerate(types) if t == "space"]
+    labels = [_OME_TYPES.get(t, "T") for t in types]
+    for i, letter in zip(space, "ZYX"[-len(space):] if space else ""):
+        labels[i] = letter
+    if len(set(names)) != len(names) or len(space) > 3:
+        raise ValueError(f"OME axes {names} are not supported")
+    return "".join(labels)
+
+
+def _open_zarr(path):
+    zarr = _require("zarr", "zarr")
+    if not os.path.isdir(path):
+        raise FileNotFoundError(f"{path}: no such Zarr store (a folder)")
+    try:
+        node = zarr.open(path, mode="r")
+    except Exception as exc:  # zarr's errors vary by version
+        raise ValueError(f"{path}: cannot be read as Zarr: {exc}") from None
+    context = {"kind": "zarr", "format": _zarr_format(node)}
+    if hasattr(node, "shape"):
+        return node, dict(context, attrs=dict(node.attrs))
+    attrs = dict(node.attrs)
+    ome = attrs.get("ome", attrs)
+    multiscales = ome.get("multiscales")
+    if not multiscales:
+        raise ValueError(f"{path}: a Zarr group without OME multiscales metadata; name an array "
+                         f"of it ({', '.join(sorted(node.array_keys())) or 'none'})")
+    image = multiscales[0]
+    level = image["datasets"][0]
+    array = node[level["path"]]
+    context.update(ome=dict(image, datasets=[level]), group_attrs=attrs,
+                   ome_version=ome.get("version") or image.get("version"),
+                   axes=_ome_labels(image.get("axes") or "tczyx"[-array.ndim:]))
+    return array, context
+
+
+def _zarr_format(node):
+    metadata = getattr(node, "metadata", None)
+    return getattr(metadata, "zarr_format", 2)
+
+
+def _open_hdf5(path, writable):
+    file, dataset = _hdf5_parts(path)
+    if not os.path.isfile(file):
+        raise FileNotFoundError(f"{file}: no such file")
+    handle = _h5_file(file, "r+" if writable else "r")
+    node = handle.get(dataset)
+    if node is None or not hasattr(node, "shape"):
+        found = []
+        handle.visititems(lambda name, item: found.append("/" + name)
+                          if hasattr(item, "shape") else None)
+        raise ValueError(f"{path}: no dataset /{dataset} in {file} (datasets: "
+                         f"{', '.join(found[:8]) or 'none'}{' ...' if len(found) > 8 else ''})")
+    return node, {"kind": "hdf5", "attrs": dict(node.attrs)}
+
+
+def open_chunked(path, *, writable=False):
+    """-> (array-like, context): a Zarr array or OME-Zarr level 0, an HDF5
+    dataset, or a memory-mapped .npy, none of them read yet. ``writable``
+    opens an HDF5 file for writing too (the output goes into the same file)."""
+    path = os.fspath(path)
+    kind = volume_format(path)
+    if kind == "zarr":
+        array, context = _open_zarr(path.rstrip("/"))
+    elif kind == "hdf5":
+        array, context = _open_hdf5(path, writable)
+    else:
+        array, context = read_volume(path)
+    if array.dtype.kind not in "biuf":
+        raise ValueError(f"{path}: samples of type {array.dtype} are not supported")
+    context.setdefault("axes", _label(_UNKNOWN[0] * (array.ndim - 2) + "YX"))
+    if len(context["axes"]) != array.ndim:
+        raise ValueError(f"{path}: axis labels {context['axes']!r} do not fit shape {array.shape}")
+    context["chunks"] = getattr(array, "chunks", None)
+    return array, context
+
+
+class ChunkedOutput:
+    """An output written region by region: a Zarr store, an HDF5 dataset or a
+    .npy file, created under a temporary name beside OUT and moved there by
+    :meth:`commit`; :meth:`discard` removes it. ``target`` takes slice
+    assignments; ``lock`` says whether writes must be serialised."""
+
+    def __init__(self, path, shape, dtype, chunks, context):
+        self.path, self.kind = os.fspath(path), volume_format(path)
+        context = dict(context or {})
+        if context.get("kind") != self.kind:  # another format's metadata means nothing here
+            context = {"axes": context.get("axes")}
+        self.lock = self.kind == "hdf5"
+        shape, dtype, chunks = tuple(shape), np.dtype(dtype), tuple(chunks)
+        if self.kind == "zarr":
+            self._zarr(shape, dtype, chunks, context)
+        elif self.kind == "hdf5":
+            self._hdf5(shape, dtype, chunks, context)
+        elif self.kind == "npy":
+            self.temporary = self._temporary_name(".npy")
+            self.target = np.lib.format.open_memmap(self.temporary, mode="w+", dtype=dtype,
+                                                    shape=shape)
+        else:
+            raise ValueError(f"{self.path}: chunk by chunk, the output is a .zarr store, an "
+                             f"HDF5 dataset (file.h5:/name) or a .npy file")
+
+    def _temporary_name(self, suffix):
+        """A new file (a folder for .zarr) beside OUT."""
+        path = _split_hdf5(self.path)[0] if self.kind == "hdf5" else self.path.rstrip("/")
+        where, name = os.path.split(os.path.abspath(path))
+        if suffix == ".zarr":
+            return tempfile.mkdtemp(prefix=f".{name}.", suffix=suffix, dir=where)
+        descriptor, temporary = tempfile.mkstemp(prefix=f".{name}.", suffix=suffix, dir=where)
+        os.close(descriptor)
+        return temporary
+
+    def _zarr(self, shape, dtype, chunks, context):
+        zarr = _require("zarr", "zarr")
+        self.temporary = self._temporary_name(".zarr")
+        three = int(zarr.__version__.split(".")[0]) >= 3
+        fmt = context.get("format", 3 if three else 2)
+        options = {"zarr_format": fmt} if three else {}
+        ome = context.get("ome")
+        if ome is None and self.path.lower().rstrip("/").endswith(".ome.zarr"):
+            axes = context.get("axes") or _label(_UNKNOWN[0] * (len(shape) - 2) + "YX")
+            ome = _new_ome(axes)
+        if ome is None:
+            self.target = zarr.open_array(self.temporary, mode="w", shape=shape, chunks=chunks,
+                                          dtype=dtype, **options)
+            self.target.attrs.update(context.get("attrs", {}))
+            return
+        group = zarr.open_group(self.temporary, mode="w", **options)
+        attrs = {k: v for k, v in context.get("group_attrs", {}).items()
+                 if k not in ("ome", "multiscales")}
+        ome = {k: v for k, v in ome.items() if k != "version"}
+        version = context.get("ome_version")
+        if fmt >= 3:
+            attrs["ome"] = {"version": version or "0.5", "multiscales": [ome]}
+        else:
+            attrs["multiscales"] = [dict(ome, version=version or "0.4")]
+        group.attrs.update(attrs)
+        create = getattr(group, "create_array", None) or group.create_dataset
+        self.target = create(ome["datasets"][0]["path"], shape=shape, chunks=chunks, dtype=dtype)
+
+    def _hdf5(self, shape, dtype, chunks, context):
+        file, dataset = _hdf5_parts(self.path)
+        if os.path.exists(file):  # into the existing file, under a hidden name first
+            self.temporary = None
+            self.handle = _h5_file(file, "r+")
+            folder, _, name = dataset.rpartition("/")
+            self.hidden = f"{folder}/.{name}.partial" if folder else f".{name}.partial"
+            if self.hidden in self.handle:
+                del self.handle[self.hidden]  # left by a run that was killed
+            where = self.hidden
+        else:
+            self.temporary = self._temporary_name(".h5")
+            self.handle = _h5_file(self.temporary, "w")
+            where = dataset
+        self.target = self.handle.create_dataset(where, shape=shape, dtype=dtype, chunks=chunks)
+        for key, value in context.get("attrs", {}).items():
+            try:
+                self.target.attrs[key] = value
+            except (TypeError, ValueError):  # references to other objects do not travel
+                pass
+
+    def commit(self):
+        if self.kind == "npy":
+            self.target.flush()
+            del self.target
+            _set_mode(self.temporary, self.path)
+            os.replace(self.temporary, self.path)
+        elif self.kind == "zarr":
+            _replace_folder(self.temporary, self.path.rstrip("/"))
+        elif self.temporary is None:
+            _, dataset = _hdf5_parts(self.path)
+            if dataset in self.handle:
+                del self.handle[dataset]
+            self.handle.move(self.hidden, dataset)
+            self.handle.flush()
+        else:
+            file, _ = _hdf5_parts(self.path)
+            self.handle.close()
+            _set_mode(self.temporary, file)
+            os.replace(self.temporary, file)
+
+    def discard(self):
+        try:
+            if self.kind == "zarr":
+                shutil.rmtree(self.temporary, ignore_errors=True)
+            elif self.kind == "hdf5" and self.temporary is None:
+                if self.hidden in self.handle:
+                    del self.handle[self.hidden]
+            else:
+                if self.kind == "hdf5":
+                    self.handle.close()
+                os.unlink(self.temporary)
+        except (OSError, ValueError):
+            pass
+
+
+def _new_ome(axes):
+    """OME multiscales metadata for labelled axes, unit scale."""
+    kinds = {"T": "time", "C": "channel", "S": "channel", "Z": "space", "Y": "space",
+             "X": "space"}
+    listed = [{"name": a.lower(), "type": kinds.get(a, "time")} for a in axes]
+    level = {"path": "0", "coordinateTransformations": [{"type": "scale",
+                                                         "scale": [1.0] * len(axes)}]}
+    return {"axes": listed, "datasets": [level]}
+
+
+def _replace_folder(temporary, path):
+    """Move a finished store to ``path``; an old one is moved aside first and
+    removed only once the new one is in place."""
+    _set_mode_folder(temporary)
+    if not os.path.lexists(path):
+        os.rename(temporary, path)
+        return
+    where, name = os.path.split(os.path.abspath(path))
+    old = tempfile.mkdtemp(prefix=f".{name}.old.", dir=where)
+    os.rmdir(old)
+    os.rename(path, old)
+    os.rename(temporary, path)
+    if os.path.isdir(old) and not os.path.islink(old):
+        shutil.rmtree(old, ignore_errors=True)
+    else:
+        os.unlink(old)
+
+
+def _set_mode_folder(folder):
+    """mkdtemp's folder is private; give it what the umask allows."""
+    umask = os.umask(0)
+    os.umask(umask)
+    os.chmod(folder, 0o777 & ~umask)
