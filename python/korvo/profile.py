@@ -24,6 +24,7 @@ import numpy as np
 
 from . import _native
 from .memory import choose_split, split_budget
+from .noise import noise_dominated_fraction, psd_concentration, whitening_gain
 from .validation import MAX_DYNAMIC_RANGE
 
 __all__ = ["StageProfile", "KORVOProfile", "BLOCK_SIZES", "BUILT_IN_BLOCKS", "FFT_LENGTHS",
@@ -373,7 +374,6 @@ class PSDAdaptation:
         blocks = {profile.ht.block_size, profile.wiener.block_size} - {None}
         if psd is None or not profile.adapt_to_psd or not blocks <= set(BUILT_IN_BLOCKS):
             return cls()
-        from .noise import noise_dominated_fraction, psd_concentration, whitening_gain
         concentration = psd_concentration(psd)
         same = all(getattr(profile.ht, n) == getattr(profile.wiener, n)
                    for n in ("block_size", "step", "search_window"))
