@@ -22,6 +22,7 @@ repacked). .npy inputs are memory-mapped, not loaded.
 
 from __future__ import annotations
 
+import gzip
 import math
 import os
 import re
@@ -36,9 +37,8 @@ __all__ = ["read_volume", "write_volume", "volume_format", "check_output", "FORM
 
 FORMATS = {".npy": "npy", ".nii": "nifti", ".nii.gz": "nifti", ".tif": "tiff", ".tiff": "tiff",
            ".zarr": "zarr", ".h5": "hdf5", ".hdf5": "hdf5"}
-# Formats whose series are written item by item as they are denoised; NIfTI
-# (nibabel) needs the whole array at once.
-STREAMED = ("npy", "tiff")
+# Formats whose series are written item by item as they are denoised.
+STREAMED = ("npy", "tiff", "nifti")
 # Formats read lazily and written chunk by chunk (and .npy, memory-mapped).
 CHUNKED = ("zarr", "hdf5")
 _HDF5 = re.compile(r"^(.*\.(?:h5|hdf5))(?::(.*))?$", re.IGNORECASE | re.DOTALL)
@@ -274,7 +274,7 @@ def write_volume(path, data, context=None, *, shape=None, dtype=None):
         if kind == "npy":
             _write_npy(temporary, data, shape, dtype)
         elif kind == "nifti":
-            _write_nifti(nib, temporary, _gather(data, shape, dtype), context)
+            _write_nifti(nib, temporary, data, shape, dtype, context)
         else:
             _write_tiff(tifffile, temporary, data, shape, dtype, {**context, "name": name})
         _set_mode(temporary, path)
@@ -337,15 +337,29 @@ def _write_npy(path, data, shape, dtype):
         del out
 
 
-def _write_nifti(nib, path, array, context):
+def _write_nifti(nib, path, data, shape, dtype, context):
+    """Header first, then the blocks as they come: the package's axis order is
+    NIfTI's reversed, so C-ordered blocks are NIfTI's Fortran-ordered data."""
     source = context.get("image")
-    if source is not None:
-        header = source.header.copy()
-        header.set_data_dtype(array.dtype)
-        out = nib.Nifti1Image(np.asarray(array.T), source.affine, header)
-    else:
-        out = nib.Nifti1Image(np.asarray(array.T), np.eye(4))
-    nib.save(out, path)
+    header = source.header.copy() if source is not None else None
+    affine = source.affine if source is not None else np.eye(4)
+    # A one-voxel image settles the header's affine fields as nibabel writes them.
+    image = nib.Nifti1Image(np.zeros((1,) * len(shape), dtype), affine, header)
+    image.update_header()
+    header = image.header
+    header.set_data_shape(shape[::-1])
+    header.set_data_dtype(dtype)
+    header.set_slope_inter(1.0, 0.0)
+    # Single-file NIfTI: data after the 348-byte header, the extension flag
+    # and any extensions, on a 16-byte boundary.
+    header.set_data_offset(-(-(352 + header.extensions.get_sizeondisk()) // 16) * 16)
+    stored = header.get_data_dtype()
+    opener = gzip.open if path.lower().endswith(".gz") else open
+    with opener(path, "wb") as f:
+        header.write_to(f)
+        f.write(b"\0" * (int(header.get_data_offset()) - f.tell()))
+        for _, block in _blocks(data, shape, dtype):
+            f.write(np.ascontiguousarray(block, dtype=stored).tobytes())
 
 
 def _write_tiff(tifffile, path, data, shape, dtype, context):
