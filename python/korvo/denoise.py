@@ -11,8 +11,8 @@ from .matches import MatchStorage, StageMatches
 from .memory import SPLIT_ADVICE, split_budget
 from .noise import prewhiten
 from .profile import BUILT_IN_BLOCKS, KORVOProfile, PSDAdaptation, stage_parameters
-from .transforms import block_transforms
 from .progress import make_reporter
+from .transforms import block_transforms
 from .validation import (check_channels, check_data, check_noise, check_range,
                          check_shared_groups)
 
