@@ -24,6 +24,7 @@ import threading
 
 import numpy as np
 
+from .noise import flat_block_counts
 from .profile import KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
 from .progress import make_reporter
 from .validation import check_noise
@@ -114,6 +115,12 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
     # As one delayed value it is computed once; a dask array handed to each
     # chunk's call would be finalized, and the whole array read, per chunk.
     offset = dask.delayed(z.mean(dtype=np.float64)) if normalize else 0.0
+    # Whether coloured noise is matched on a prewhitened copy depends on how
+    # flat the whole array is: counted chunk by chunk, decided once.
+    flat = None
+    if psd is not None and profile.adapt_to_psd:
+        counts = [dask.delayed(flat_block_counts)(part, psd) for part in z.to_delayed().ravel()]
+        flat = dask.delayed(_fraction)(counts)
     threads = profile.num_threads or 1
     settings = dict(sigma=sigmas[0], psd=psd, profile=profile, stages=stages,
                     normalize=normalize, threads=threads)
@@ -129,7 +136,8 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
             chunk.append(c1 - c0)
         region = tuple(region)
         call = dask.delayed(_chunk_task, pure=True)(
-            z[region], None if pilot is None else pilot[region], offset, tuple(inner), settings)
+            z[region], None if pilot is None else pilot[region], offset, flat, tuple(inner),
+            settings)
         return da.from_delayed(call, shape=tuple(chunk), dtype=np.float32)
 
     def nest(prefix):
@@ -141,15 +149,19 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
     return da.block(nest(()))
 
 
-def _chunk_task(region, pilot, offset, inner, settings):
+def _fraction(counts):
+    return sum(f for f, _ in counts) / max(1, sum(n for _, n in counts))
+
+
+def _chunk_task(region, pilot, offset, flat, inner, settings):
     args = (np.asarray(region), None if pilot is None else np.asarray(pilot), float(offset),
-            inner, settings)
+            flat, inner, settings)
     if _runs_in_place():
         return _denoise_region(*args)
     return _WORKERS.call(args, max(1, _cpu_count() // settings["threads"]))
 
 
-def _denoise_region(region, pilot, offset, inner, settings):
+def _denoise_region(region, pilot, offset, flat, inner, settings):
     """The estimate of one chunk from its expanded region (runs in a worker)."""
     from .denoise import _STAGES, _Channel, _denoise
 
@@ -160,7 +172,7 @@ def _denoise_region(region, pilot, offset, inner, settings):
     channel = _Channel(region, settings["sigma"], settings["psd"], pilot, normalize)
     if normalize:
         channel.offset = offset
-    adaptation = PSDAdaptation.of(profile, region.shape, settings["psd"])
+    adaptation = PSDAdaptation.of(profile, region.shape, settings["psd"], flat_fraction=flat)
     records = channel.records(profile, run, None, adaptation)
     out = _denoise(channel, records, run, None, make_reporter(False), normalize)
     return np.ascontiguousarray(out[inner])

@@ -11,7 +11,8 @@ from __future__ import annotations
 import numpy as np
 
 __all__ = ["estimate_sigma", "estimate_sigma_map", "white_psd", "psd_from_kernel", "psd_sigma", "coloured_noise",
-           "psd_concentration", "whitening_gain", "prewhiten", "noise_dominated_fraction"]
+           "psd_concentration", "whitening_gain", "prewhiten", "noise_dominated_fraction",
+           "flat_block_counts"]
 
 # Median of |X| for X standard normal: turns a median absolute value into a
 # standard deviation.
@@ -209,13 +210,20 @@ def noise_dominated_fraction(z, psd):
     """Fraction of the data's 8-sample blocks (8x8x8, or 8x8 in an image)
     whose variance about their own mean is below 1.5 times what noise of this
     PSD alone gives them: flat regions, where block matching sees mostly noise."""
+    flat, total = flat_block_counts(z, psd)
+    return flat / total
+
+
+def flat_block_counts(z, psd):
+    """(noise-dominated blocks, blocks) of :func:`noise_dominated_fraction`,
+    to be summed over the chunks of an array too large to hold."""
     a = np.asarray(z)
     b = [min(_FLAT_BLOCK, n) for n in a.shape]
     counts = [n // e for n, e in zip(a.shape, b)]
     cut = a[tuple(slice(0, c * e) for c, e in zip(counts, b))].astype(np.float64)
     split = cut.reshape([x for c, e in zip(counts, b) for x in (c, e)])
     within = split.var(axis=tuple(range(1, 2 * a.ndim, 2)))
-    return float(np.mean(within < _FLAT_RATIO * _within_block_variance(psd, b)))
+    return int(np.sum(within < _FLAT_RATIO * _within_block_variance(psd, b))), within.size
 
 
 def _within_block_variance(psd, block):

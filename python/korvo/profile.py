@@ -368,9 +368,10 @@ class PSDAdaptation:
         self.match_std = match_std
 
     @classmethod
-    def of(cls, profile, shape, psd, z=None):
+    def of(cls, profile, shape, psd, z=None, flat_fraction=None):
         """The adaptation of a call on ``shape`` with this PSD (None: white),
-        on the data ``z`` (None: assumed flat enough to prewhiten)."""
+        on the data ``z`` or with its noise-dominated block fraction given
+        (neither: assumed flat enough to prewhiten)."""
         blocks = {profile.ht.block_size, profile.wiener.block_size} - {None}
         if psd is None or not profile.adapt_to_psd or not blocks <= set(BUILT_IN_BLOCKS):
             return cls()
@@ -379,7 +380,9 @@ class PSDAdaptation:
                    for n in ("block_size", "step", "search_window"))
         if not (same and concentration >= PREWHITEN_FROM):
             return cls(concentration)
-        if z is not None and noise_dominated_fraction(z, psd) < PREWHITEN_FLAT_FRACTION:
+        if flat_fraction is None and z is not None:
+            flat_fraction = noise_dominated_fraction(z, psd)
+        if flat_fraction is not None and flat_fraction < PREWHITEN_FLAT_FRACTION:
             return cls(concentration)
         return cls(concentration, True, whitening_gain(psd, shape)[1])
 

@@ -50,6 +50,18 @@ def test_chunks_give_the_in_memory_estimate(shape, chunks, stages, noise, settin
     assert np.abs(lazy.compute() - whole).max() <= 1e-5 * np.ptp(z)
 
 
+def test_textured_data_adapt_to_the_psd_exactly():
+    # The whole array decides, from its chunks' flat-block counts, that textured
+    # data skip the prewhitened matching: only the thresholds adapt, exactly.
+    rng = np.random.default_rng(5)
+    z = _noisy((30, 37, 41)) + 0.15 * rng.standard_normal((30, 37, 41)).astype(np.float32)
+    assert korvo.noise.noise_dominated_fraction(z, PSD) < 0.5
+    profile = _profile((2, 2, 2))
+    whole = korvo.korvo(z, psd=PSD, profile=profile)
+    lazy = korvo.korvo(da.from_array(z, chunks=(13, 20, 41)), psd=PSD, profile=profile)
+    assert np.abs(lazy.compute() - whole).max() <= 1e-5 * np.ptp(z)
+
+
 def test_wiener_stage_with_a_dask_pilot():
     z = _noisy((30, 37, 41), seed=1)
     profile = _profile((2, 2, 2))

@@ -143,7 +143,7 @@ def test_memory_is_bounded_by_chunks_not_the_volume(tmp_path, monkeypatch):
     ramp = (np.arange(n, dtype=np.uint8)[:, None] % 200 * np.ones((1, n), np.uint8))
     for z in range(0, n, chunk):
         source[z:z + chunk] = np.broadcast_to(ramp, (chunk, n, n))
-    monkeypatch.setattr(chunked, "_chunk_task", lambda region, pilot, offset, inner, settings:
+    monkeypatch.setattr(chunked, "_chunk_task", lambda region, pilot, offset, flat, inner, settings:
                         np.asarray(region, np.float32)[inner])
 
     page = os.sysconf("SC_PAGE_SIZE")
