@@ -109,12 +109,11 @@ def inverse_anscombe(d, gain=1.0, sigma=0.0, offset=0.0, clip=False):
     signal, and clipping them at zero (``clip=True``) lifts the mean of dark
     regions, though it lowers their squared error.
 
-    M. Makitalo, A. Foi, "A closed-form approximation of the exact unbiased
-    inverse of the Anscombe variance-stabilizing transformation", IEEE
-    Transactions on Image Processing 20(9), 2697-2698 (2011); M. Makitalo,
-    A. Foi, "Optimal inversion of the generalized Anscombe transformation for
-    Poisson-Gaussian noise", IEEE Transactions on Image Processing 22(1),
-    91-103 (2013).
+    "A closed-form approximation of the exact unbiased inverse of the
+    Anscombe variance-stabilizing transformation", IEEE Transactions on Image
+    Processing 20(9), 2697-2698 (2011); "Optimal inversion of the generalized
+    Anscombe transformation for Poisson-Gaussian noise", IEEE Transactions on
+    Image Processing 22(1), 91-103 (2013).
     """
     gain, sigma, offset = _pg_params(gain, sigma, offset)
     s2 = (sigma / gain) ** 2
@@ -162,9 +161,9 @@ def estimate_poisson_gaussian(z):
     """Estimate (gain, sigma, offset) of Poisson-Gaussian noise from one 2-D or 3-D array.
 
     Fits var(z) = gain * E[z] + b to local statistics, in the manner of
-    A. Foi, M. Trimeche, V. Katkovnik, K. Egiazarian, "Practical
-    Poissonian-Gaussian noise modeling and fitting for single-image raw-data",
-    IEEE Transactions on Image Processing 17(10), 1737-1754 (2008): every
+    "Practical Poissonian-Gaussian noise modeling and fitting for single-image
+    raw-data", IEEE Transactions on Image Processing 17(10), 1737-1754
+    (2008): every
     2x2(x2) cell gives a finest diagonal Haar detail whose variance is the
     cell's mean noise variance (smooth content cancels in it); cells are
     binned by the mean of their neighbours, the smoother half of each bin is
@@ -325,10 +324,10 @@ class _RicianTable:
     f(z) is within 2 % of 1 for nu >= 1 and 0.94 to 0.97 at nu = 0, where the
     skewness is below 0.05 (-1.3 for one coil when only the variance is
     fitted). Beyond the grid f continues with slope 1, and E[z | nu] with its
-    expansion nu + (2L - 1) / (2 nu). A. Foi, "Noise estimation and
-    removal in MR imaging: the variance-stabilization approach", IEEE
-    International Symposium on Biomedical Imaging, 1809-1814 (2011),
-    optimises such a transform; this is our own construction of one.
+    expansion nu + (2L - 1) / (2 nu). "Noise estimation and removal in MR
+    imaging: the variance-stabilization approach", IEEE International
+    Symposium on Biomedical Imaging, 1809-1814 (2011), optimises such a
+    transform; this is our own construction of one.
     """
 
     def __init__(self, coils):
