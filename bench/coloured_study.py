@@ -87,13 +87,8 @@ def psd(spectrum, sigma, grid=GRID):
     return (sigma ** 2 * np.prod(grid) * np.broadcast_to(band, grid)).astype(np.float32)
 
 
-def concentration(p):
-    """c = mean(P^2) / mean(P)^2: 1 for white noise, larger the more the noise
-    power is concentrated. By Parseval it is also the sum of the squared
-    normalised autocorrelation, i.e. the number of voxels whose noise is
-    effectively shared."""
-    p = np.asarray(p, np.float64)
-    return float(np.mean(p ** 2) / np.mean(p) ** 2)
+# c = mean(P^2) / mean(P)^2, the statistic the package's defaults adapt to.
+concentration = korvo.psd_concentration
 
 
 # ---------------------------------------------------------------- data and scores
@@ -361,27 +356,14 @@ def sweep(args):
 
 # ---------------------------------------------------------------- the proposal
 
-# PSD floor of the whitening filter, relative to the mean: no frequency is
-# amplified more than twice (a lower floor lets noise-free high frequencies of
-# the signal dominate the distances and costs PSNR on sharp edges).
-WHITEN_FLOOR = 0.25
-
-
 def whiten(z, p):
-    """z filtered by 1/sqrt(max(PSD / mean PSD, floor)), the PSD resampled to
-    z's grid: the noise becomes nearly white, so matching on the result no
-    longer favours blocks whose low-frequency noise agrees with the reference's.
-    Returns the filtered data and its noise standard deviation."""
-    full = _psd_on(p, z.shape)
-    gain = 1.0 / np.sqrt(np.maximum(full, WHITEN_FLOOR))
-    std = korvo.psd_sigma(p) * np.sqrt(np.mean(gain ** 2 * full))
-    return np.fft.ifftn(np.fft.fftn(z) * gain).real, std
+    """The package's prewhitening: the filtered data and their noise std."""
+    return korvo.noise.prewhiten(z, p)
 
 
 def adaptive_settings(p):
     """PSD scales of the two stages from c = mean(P^2)/mean(P)^2: 1 for white."""
-    log_c = np.log(max(concentration(p), 1.0))
-    return 1 + 0.125 * log_c, 1 + 0.5 * log_c
+    return korvo.profile.PSDAdaptation(concentration(p)).scales
 
 
 def proposed(noisy, p):
@@ -409,14 +391,6 @@ def proposed(noisy, p):
                              stages="wiener", pilot=pilot, matches=matches)
             for key, matches in (("pilot", None), ("whitened", replay))}
 
-
-def _psd_on(p, shape):
-    """The PSD on the data's grid, normalised to mean 1."""
-    from scipy.ndimage import zoom
-    p = np.asarray(p, np.float64)
-    full = np.fft.ifftshift(zoom(np.fft.fftshift(p), np.divide(shape, p.shape), order=1,
-                                 grid_mode=True, mode="grid-wrap"))
-    return full / full.mean()
 
 
 SIGMAS = (0.05, 0.1, 0.2)

@@ -16,7 +16,7 @@ __all__ = ["estimate_sigma", "estimate_sigma_map", "white_psd", "psd_from_kernel
 
 # Median of |X| for X standard normal: turns a median absolute value into a
 # standard deviation.
-_MAD_TO_SIGMA = 0.6744897501960817
+MAD_TO_SIGMA = 0.6744897501960817
 
 
 def estimate_sigma(z):
@@ -29,7 +29,7 @@ def estimate_sigma(z):
     texture bias it upwards a little; coloured noise is underestimated where
     its power sits at low frequencies.
     """
-    return float(np.median(np.abs(_haar_detail(z, "estimate_sigma"))) / _MAD_TO_SIGMA)
+    return float(np.median(np.abs(_haar_detail(z, "estimate_sigma"))) / MAD_TO_SIGMA)
 
 
 def estimate_sigma_map(z, tile=16):
@@ -53,7 +53,7 @@ def estimate_sigma_map(z, tile=16):
     levels = np.empty(counts)
     for index in np.ndindex(*counts):
         cell = detail[tuple(slice(e[i], e[i + 1]) for e, i in zip(edges, index))]
-        levels[index] = np.median(cell) / _MAD_TO_SIGMA
+        levels[index] = np.median(cell) / MAD_TO_SIGMA
     # Tile centres in voxel coordinates (a detail sample spans two voxels).
     out = levels
     for axis, (e, n) in enumerate(zip(edges, shape)):
@@ -75,12 +75,21 @@ def _haar_detail(z, who):
     a = a[cells].astype(np.float64, copy=False)
     if not np.isfinite(a).all():
         raise ValueError(f"{who}: the array contains NaN or infinite samples")
-    detail = a
-    for axis in range(a.ndim):
-        even = np.take(detail, np.arange(0, detail.shape[axis], 2), axis=axis)
-        odd = np.take(detail, np.arange(1, detail.shape[axis], 2), axis=axis)
-        detail = (even - odd) / np.sqrt(2.0)
-    return detail
+    return haar_level(a, "H" * a.ndim)
+
+
+def haar_level(cells, kinds):
+    """One level of the separable Haar transform of even-sized ``cells``, per
+    axis: "L" the normalised sum of neighbours, "H" their difference, "-" the
+    axis left as it is. Noise variance is preserved."""
+    out = cells
+    for axis, kind in enumerate(kinds):
+        if kind == "-":
+            continue
+        even = np.take(out, np.arange(0, out.shape[axis], 2), axis=axis)
+        odd = np.take(out, np.arange(1, out.shape[axis], 2), axis=axis)
+        out = (even + odd if kind == "L" else even - odd) / np.sqrt(2.0)
+    return out
 
 
 def white_psd(sigma, shape):
@@ -137,15 +146,21 @@ def psd_concentration(psd):
     return float(np.mean(p * p) / np.mean(p) ** 2)
 
 
+def _psd_of_rank(psd, ndim):
+    """The PSD with ``ndim`` axes: a 3-D one of a plane averaged over kz, a
+    2-D one of a volume flat along z (noise independent between slices)."""
+    p = np.asarray(psd, dtype=np.float64)
+    if p.ndim > ndim:
+        p = p.reshape((-1,) + p.shape[-ndim:]).mean(axis=0)
+    return p.reshape((1,) * (ndim - p.ndim) + p.shape)
+
+
 def _psd_on_grid(psd, shape):
     """The PSD resampled to ``shape`` through its autocovariance (lags within
     half the PSD grid, Nyquist lags shared between both signs), normalised to
     mean 1. A PSD of fewer dimensions than ``shape`` is flat along the leading
     axes, as the stages read it."""
-    p = np.asarray(psd, dtype=np.float64)
-    if p.ndim > len(shape):  # a plane of 3-D noise: the spectrum averaged over kz
-        p = p.reshape((-1,) + p.shape[-len(shape):]).mean(axis=0)
-    p = p.reshape((1,) * (len(shape) - p.ndim) + p.shape)
+    p = _psd_of_rank(psd, len(shape))
     autocov = np.fft.ifftn(p).real
     placed = np.zeros(shape)
     index, weight = [], np.ones(p.shape)
@@ -229,10 +244,7 @@ def flat_block_counts(z, psd):
 def _within_block_variance(psd, block):
     """E[variance of noise about its block mean] = sigma^2 - var(block mean),
     from the autocovariance of the PSD (lags wrapped onto its grid)."""
-    p = np.asarray(psd, dtype=np.float64)
-    if p.ndim > len(block):  # a plane of 3-D noise: the spectrum averaged over kz
-        p = p.reshape((-1,) + p.shape[-len(block):]).mean(axis=0)
-    p = p.reshape((1,) * (len(block) - p.ndim) + p.shape)
+    p = _psd_of_rank(psd, len(block))
     autocov = np.fft.ifftn(p).real / p.size
     # var(mean) = sum over lag l of autocov(l) * prod(b - |l|) / B^2, per axis.
     weight = np.ones(p.shape)

@@ -34,6 +34,8 @@ from statistics import NormalDist
 
 import numpy as np
 
+from .noise import MAD_TO_SIGMA, haar_level
+
 __all__ = ["estimate_psd"]
 
 # Two-sided level of the per-band homogeneity test, as a standard normal
@@ -439,7 +441,7 @@ class _Details:
                         for low in [None] + self.axes]
         cells = volume[tuple(slice(0, n - n % 2) if a in self.axes else slice(None)
                              for a, n in enumerate(volume.shape))]
-        details = [np.abs(self._detail(cells, f)) for f in self.filters]
+        details = [np.abs(haar_level(cells, self._kinds(f, volume.ndim))) for f in self.filters]
         # Constant cells (noise-free padding, clipping) would pull the medians to zero.
         live = np.any(details, axis=0)
         self.live = np.ones(volume.shape, dtype=bool)   # voxels of non-constant cells
@@ -448,19 +450,16 @@ class _Details:
             cell_live = np.repeat(cell_live, 2, axis=axis)
         self.live[tuple(slice(0, n) for n in cell_live.shape)] = cell_live
         self.variances = np.array([
-            (np.median(d[live]) / NormalDist().inv_cdf(0.75)) ** 2 if live.any() else 0.0
+            (np.median(d[live]) / MAD_TO_SIGMA) ** 2 if live.any() else 0.0
             for d in details])
         ratios = self.variances[1:] / max(self.variances[0], 1e-300)
         lo, hi = self.RATIOS
         self.correlated = [a for a, r in zip(self.axes, ratios) if not lo <= r <= hi]
 
-    def _detail(self, cells, kinds):
-        d = cells
-        for axis, kind in zip(self.axes, kinds):
-            even, odd = d.take(np.arange(0, d.shape[axis], 2), axis), \
-                d.take(np.arange(1, d.shape[axis], 2), axis)
-            d = (even + odd if kind == "L" else even - odd) / np.sqrt(2.0)
-        return d
+    def _kinds(self, kinds, ndim):
+        """A filter over the tested axes as kinds for every axis ("-": untouched)."""
+        chosen = dict(zip(self.axes, kinds))
+        return "".join(chosen.get(axis, "-") for axis in range(ndim))
 
     def white_variance(self):
         return self.variances[0]
