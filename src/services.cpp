@@ -373,3 +373,28 @@ long long korvoCollectionBytes(const Parameters* params, int stage) {
         bands.whole ? 1 : korvo_detail::planSlices(p, korvo_detail::poolThreadCount(p.numThreads)).busy;
     return perCollection * images * copies;
 }
+
+long long korvoWorkingBytes(const Parameters* params, int stage) {
+    if (checkRecord(params, stage, Reason(nullptr, 0)) != 0) return 0;
+    Parameters p = *params;
+    korvo_detail::normaliseAxisArrays(p);
+    const long long f = sizeof(float);
+    const long long block = p.blockSize.volume();
+    const long long group = p.maxGroupSize;
+    const Vec3<int>& sw = p.searchWindow;
+    const long long window = (2LL * sw.x + 1) * (2LL * sw.y + 1) * (2LL * sw.z + 1);
+    // The weight image, the noise covariance table, the distance table and the
+    // per-coefficient variances.
+    long long bytes = product(p.imageSize) * f + product(p.psdWorkSize) * block * f + window * f + block * f;
+    const korvo_detail::ReferenceGrid grid(p);
+    const korvo_detail::SlicePlan plan =
+        korvo_detail::planSlices(p, korvo_detail::poolThreadCount(p.numThreads));
+    // Per worker: the group's four cubes, its match records, the block scratch.
+    bytes += plan.busy * ((4 * block * group + group + 3 * block) * f +
+                          group * static_cast<long long>(sizeof(BlockDistance<float>)));
+    // Planes two workers both write, kept apart until they are merged.
+    const long long plane = grid.sliceAxis == 2 ? static_cast<long long>(p.imageSize.x) * p.imageSize.y
+                                                : p.imageSize.x;
+    for (int count : plan.slabCount) bytes += count * plane * 2 * f;
+    return bytes;
+}

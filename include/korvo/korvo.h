@@ -95,3 +95,8 @@ KORVO_API long korvoMatchStorageRows(const Parameters* params);
 // Bytes of block collections a stage running `params` allocates, with the
 // record's splitBlockExtraction flags and numThreads (0: all cores).
 KORVO_API long long korvoCollectionBytes(const Parameters* params, int stage);
+
+// Bytes besides the block collections that a stage running `params` holds
+// while its workers run: the weight image, the noise tables, each worker's
+// group buffers and the aggregation planes shared by two workers.
+KORVO_API long long korvoWorkingBytes(const Parameters* params, int stage);

@@ -354,6 +354,12 @@ PYBIND11_MODULE(_native, m) {
         [](const Parameters& p, int stage) { return korvoCollectionBytes(&p, stage); },
         py::arg("params"), py::arg("stage"),
         "Bytes of block collections a stage running this record allocates.");
+    m.def(
+        "working_bytes",
+        [](const Parameters& p, int stage) { return korvoWorkingBytes(&p, stage); },
+        py::arg("params"), py::arg("stage"),
+        "Bytes besides the block collections a stage running this record holds (weights, "
+        "noise tables, per-worker group buffers).");
     m.def("run_stage", &runStage, py::arg("stage"), py::arg("noisy"), py::arg("psd"),
           py::arg("params"), py::arg("pilot"), py::arg("output"), py::arg("storage"),
           py::arg("monitor"), py::arg("transforms") = py::none(),

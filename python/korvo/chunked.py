@@ -163,7 +163,7 @@ def _chunk_task(region, pilot, offset, flat, inner, settings):
 
 def _denoise_region(region, pilot, offset, flat, inner, settings):
     """The estimate of one chunk from its expanded region (runs in a worker)."""
-    from .denoise import _STAGES, _Channel, _denoise
+    from .denoise import _STAGES, _Channel, _budget, _denoise
 
     profile = settings["profile"].copy()
     profile.num_threads = settings["threads"]
@@ -173,7 +173,8 @@ def _denoise_region(region, pilot, offset, flat, inner, settings):
     if normalize:
         channel.offset = offset
     adaptation = PSDAdaptation.of(profile, region.shape, settings["psd"], flat_fraction=flat)
-    records = channel.records(profile, run, None, adaptation)
+    records = channel.records(profile, run, _budget(profile, channel.z, run, normalize, adaptation),
+                              adaptation)
     out = _denoise(channel, records, run, None, make_reporter(False), normalize)
     return np.ascontiguousarray(out[inner])
 

@@ -8,7 +8,7 @@ import numpy as np
 
 from . import _native, chunked
 from .matches import MatchStorage, StageMatches
-from .memory import SPLIT_ADVICE, split_budget
+from .memory import SPLIT_ADVICE, call_budget, held_bytes
 from .noise import prewhiten
 from .profile import BUILT_IN_BLOCKS, KORVOProfile, PSDAdaptation, stage_parameters
 from .progress import make_reporter
@@ -26,8 +26,9 @@ _MATCH_LABEL = "korvo matching on prewhitened data"
 _NATIVE_LOCK = threading.Lock()
 # How often the driving thread looks at progress and for an interrupt.
 _POLL_SECONDS = 0.1
-# Elements normalised per chunk (bounds the float64 temporaries).
-_CHUNK = 1 << 22
+# Elements normalised per chunk: the float64 temporaries stay at a few MiB
+# whatever the volume.
+_CHUNK = 1 << 18
 
 
 def _to_float32(a, offset, scale, out=None):
@@ -46,6 +47,22 @@ def _to_float32(a, offset, scale, out=None):
             part *= inverse
         out[start:start + rows] = part
     return out
+
+
+def _needs_copy(z, normalize):
+    """Whether the stages need a float32 working copy of z."""
+    return normalize or z.dtype != np.float32 or not z.flags.c_contiguous
+
+
+def _budget(profile, z, run, normalize, adaptation, held=0):
+    """Bytes a stage's native working memory may take in a call on ``z``
+    (None: the profile sets the bands), besides ``held`` bytes of the caller's."""
+    if profile.split_block_extraction is not None:
+        return None
+    volume = 4 * z.size
+    held += held_bytes(volume, 2 if run != (0,) else 1, _needs_copy(z, normalize),
+                       adaptation.prewhiten)
+    return call_budget(volume, held, profile.memory_limit)
 
 
 def _run_stage(stage, noisy, psd, record, pilot, output, storage, reporter, label):
@@ -184,7 +201,7 @@ def _prewhitened_groups(channel, noisy, record, reporter, label_suffix):
 
 def _denoise(channel, records, run, matches, reporter, normalize, label_suffix=""):
     z = channel.z
-    if normalize or z.dtype != np.float32 or not z.flags.c_contiguous:
+    if _needs_copy(z, normalize):
         noisy = _to_float32(z, channel.offset, channel.scale)
     else:
         noisy = z
@@ -347,9 +364,8 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
                          None if noise_map is None else split.view(noise_map, i))
                 for i in range(split.count)]
     adaptation = PSDAdaptation.of(profile, channels[0].z.shape, psd, channels[0].z)
-    # Volumes held at once: data, pilot, outputs; the prewhitened copy and its scratch output.
-    buffers = (len(run) + 2 + 2 * adaptation.prewhiten) * 4 * channels[0].z.size
-    budget = split_budget(buffers) if profile.split_block_extraction is None else None
+    budget = _budget(profile, channels[0].z, run, normalize, adaptation,
+                     0 if split.axis is None else z.size * 4)  # the channels' result
     plans = [channel.records(profile, run, budget, adaptation) for channel in channels]
 
     if split.axis is None:

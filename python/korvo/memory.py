@@ -1,13 +1,23 @@
-"""Memory the machine has, and the band splitting of block collections it allows."""
+"""Memory: what the machine has, the working memory a call aims at, the band
+splitting of block collections that keeps it there, and a measurement of the
+peak memory a call adds."""
 
 from __future__ import annotations
 
 import os
+import threading
+import time
 
-__all__ = ["available_memory", "choose_split", "split_budget", "SPLIT_ADVICE"]
+__all__ = ["available_memory", "call_budget", "choose_split", "held_bytes", "measure_peak",
+           "MEMORY_TARGET", "SPLIT_ADVICE"]
 
 SPLIT_ADVICE = ("set profile.split_block_extraction = [False, False, True], or if that still "
                 "fails [False, True, True]")
+
+# Peak working memory of a call on the defaults, in multiples of the volume's
+# float32 bytes: the data's working copy, the pilot, the result and the stage's
+# weights take four; the block collections get what is left.
+MEMORY_TARGET = 6
 
 
 def available_memory():
@@ -40,33 +50,91 @@ def available_memory():
     return min(candidates) if candidates else None
 
 
-def split_budget(buffer_bytes):
-    """Bytes the block collections of one stage may take: half of what is left
-    after the call's own buffers; None when the machine does not say."""
+def held_bytes(volume_bytes, outputs, copy, prewhiten=False):
+    """Bytes of arrays a call holds while a native stage runs: its working
+    copy of the data (``copy``), ``outputs`` float32 volumes (the pilot and
+    the result), or during matching on a prewhitened copy that copy and the
+    pass's scratch output."""
+    return volume_bytes * (int(copy) + max(outputs, 2 if prewhiten else 0))
+
+
+def call_budget(volume_bytes, held_bytes, limit=None):
+    """Bytes a stage's native working memory (block collections, weights,
+    noise tables) may take: ``limit`` bytes for the whole call (None:
+    MEMORY_TARGET times ``volume_bytes``), never more than the machine has
+    free, less the ``held_bytes`` of arrays the call keeps meanwhile."""
+    total = MEMORY_TARGET * volume_bytes if limit is None else limit
     free = available_memory()
-    return None if free is None else max(0, (free - buffer_bytes) // 2)
+    if free is not None:
+        total = min(total, free)
+    return max(0, total - held_bytes)
 
 
 def choose_split(record, stage, budget, native):
-    """Block collections for the whole volume or for bands along the slowest
-    axis, whichever needs less memory (bands cost no measurable time: each
-    worker slides its own along its slices); more splitting only when that
-    does not fit in ``budget`` bytes. ``record`` is the stage's native record,
-    its split flags are overwritten."""
+    """The fastest band splitting whose native working memory fits ``budget``
+    bytes (None: no bound), else the one that needs least. Fastest first: the
+    whole volume or bands along the slowest axis, whichever needs less
+    (slabs cost no measurable time: each worker slides its own along its
+    slices), then bands along the two slowest axes, then along all three
+    (every new row of reference positions then fills its band afresh).
+    ``record`` is the stage's native record; its split flags are overwritten."""
     plane = record.image_size[2] == 1
     whole = (False, False, False)
     options = [(False, True, False), (True, True, False)] if plane else [
-        (False, False, True), (False, True, True)]
+        (False, False, True), (False, True, True), (True, True, True)]
 
     def cost(split):
         record.split_block_extraction = split
-        return native.collection_bytes(record, stage)
+        return native.collection_bytes(record, stage) + native.working_bytes(record, stage)
 
     first = min((whole, options[0]), key=cost)
-    choice = options[-1]
-    for split in (first, *options):
+    choice = min(options, key=cost)
+    for split in (first, *options[1:]):
         if budget is None or cost(split) <= budget:
             choice = split
             break
     record.split_block_extraction = choice
     return choice
+
+
+def _status(field):
+    with open("/proc/self/status") as f:
+        for line in f:
+            if line.startswith(field):
+                return int(line.split()[1]) * 1024
+    raise OSError(field)
+
+
+def measure_peak(function, *args, **kwargs):
+    """Runs ``function(*args, **kwargs)`` and returns ``(result, bytes)``: the
+    largest resident memory of the process during the call less that before
+    it. On Linux the kernel's own high-water mark is reset and read (exact);
+    elsewhere the resident size is sampled every few milliseconds (psutil)."""
+    try:
+        with open("/proc/self/clear_refs", "w") as f:
+            f.write("5")  # resets the peak resident size to the current one
+        base = _status("VmRSS:")
+        result = function(*args, **kwargs)
+        return result, _status("VmHWM:") - base
+    except OSError:
+        pass
+    import psutil
+    process = psutil.Process()
+    base = process.memory_info().rss
+    peak = [base]
+    running = threading.Event()
+    running.set()
+
+    def sample():
+        while running.is_set():
+            peak[0] = max(peak[0], process.memory_info().rss)
+            time.sleep(0.002)
+
+    sampler = threading.Thread(target=sample, daemon=True)
+    sampler.start()
+    try:
+        result = function(*args, **kwargs)
+    finally:
+        running.clear()
+        sampler.join()
+    return result, max(peak[0], process.memory_info().rss) - base

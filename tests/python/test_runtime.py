@@ -1,6 +1,7 @@
 """Threads, progress, interruption, memory failures and the band-splitting choice."""
 
 import _thread
+import os
 import signal
 import subprocess
 import sys
@@ -152,17 +153,44 @@ def test_split_choice_follows_memory():
     def record(shape, stage):
         return stage_parameters(korvo.KORVOProfile(num_threads=2), stage, shape)
 
+    def need(split):
+        wiener.split_block_extraction = split
+        return _native.collection_bytes(wiener, 1) + _native.working_bytes(wiener, 1)
+
     wiener = record((128, 256, 256), 1)
-    wiener.split_block_extraction = (False, False, False)
-    whole = _native.collection_bytes(wiener, 1)
-    assert whole > 3 * 2**30  # 2 collections x 64 floats per position
-    # Bands along z are far smaller than the whole volume, and cost no time.
-    assert choose_split(wiener, 1, None, _native) == (False, False, True)
-    assert choose_split(wiener, 1, whole, _native) == (False, False, True)
-    assert choose_split(wiener, 1, 1, _native) == (False, True, True)
-    assert wiener.split_block_extraction == (False, True, True)
+    assert need((False, False, False)) > 3 * 2**30  # whole: 2 x 64 floats per position
+    # Bands along z are far smaller than the whole volume, and cost no time; then the
+    # fastest that fits the budget, and the smallest when nothing fits.
+    slab, rows = need((False, False, True)), need((False, True, True))
+    for budget, split in ((None, (False, False, True)), (slab, (False, False, True)),
+                          (slab - 1, (False, True, True)), (rows, (False, True, True)),
+                          (1, (True, True, True))):
+        assert choose_split(wiener, 1, budget, _native) == split
+        assert wiener.split_block_extraction == split
     # A volume barely deeper than a band keeps it whole.
     assert choose_split(record((12, 256, 256), 1), 1, None, _native) == (False, False, False)
     plane = record((4000, 4000), 0)
     assert choose_split(plane, 0, 2**20, _native) in ((False, True, False), (True, True, False))
     assert korvo.available_memory() is None or korvo.available_memory() > 0
+
+
+def test_peak_memory_stays_under_the_target():
+    # Measured in a fresh process whose allocator returns every large buffer when
+    # it is freed, so that nothing an earlier step freed hides part of the peak.
+    script = textwrap.dedent("""
+        import numpy as np, korvo
+        from korvo.memory import MEMORY_TARGET, measure_peak
+        z = korvo.phantom((80, 88, 96)) + np.float32(0.1) * np.random.default_rng(0).standard_normal(
+            (80, 88, 96), dtype=np.float32)
+        korvo.korvo(z[:20, :20, :20].copy(), 0.1)
+        for threads in (1, 2):
+            _, added = measure_peak(korvo.korvo, z, 0.1, profile=korvo.KORVOProfile(num_threads=threads))
+            print("RATIO", threads, added / z.nbytes, MEMORY_TARGET)
+    """)
+    env = dict(os.environ, MALLOC_MMAP_THRESHOLD_="65536", MALLOC_TRIM_THRESHOLD_="65536")
+    run = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True,
+                         timeout=600, env=env)
+    ratios = [line.split()[1:] for line in run.stdout.splitlines() if line.startswith("RATIO")]
+    assert len(ratios) == 2, run.stdout + run.stderr
+    for threads, ratio, target in ratios:
+        assert float(ratio) <= float(target), (threads, ratio)
