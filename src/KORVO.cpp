@@ -13,6 +13,7 @@
 #include "BlockCollection.h"
 #include "korvo/Threading.h"
 #include "korvo/matching.h"
+#include "noise/covariance.h"
 #include "noise/psd.h"
 #include "noise/variances.h"
 #include "process_reference_location.h"
@@ -281,12 +282,14 @@ struct StageResources {
     float* distanceCorrection = nullptr;
     float* kernel = nullptr;
     float* localVariance = nullptr;
+    float* covariance = nullptr;
 
     explicit StageResources(const TransformsMeta<T>& m) : meta(m) {}
     ~StageResources() {
         std::free(distanceCorrection);
         std::free(kernel);
         std::free(localVariance);
+        std::free(covariance);
         std::free(meta.groupForwardKinds);
         std::free(meta.groupInverseKinds);
         ThreadPool::THREAD_POOL.clearPool();
@@ -443,6 +446,16 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
         std::fill(resources.distanceCorrection, resources.distanceCorrection + windowExtent.volume(),
                   0.0f);
     }
+    // The groups' variances come from the covariance table alone: the kernel it is
+    // built from is released before the workers take their memory.
+    computeNoiseCovariance(resources.kernel, params.psdWorkSize, kept, params.blockSize.volume(),
+                           resources.covariance);
+    std::free(resources.kernel);
+    resources.kernel = nullptr;
+    if (resources.covariance == nullptr) {
+        report("Could not allocate memory for variances");
+        return false;
+    }
 
     // A band that is whole everywhere is filled once and shared.
     const korvo_detail::ReferenceGrid grid(params);
@@ -537,7 +550,7 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
                     havePrevious = true;
                     const int referenceIndex = grid.index(k, j, i);
                     processReferenceLocation<stage, T>(
-                        position, params, meta, resources.distanceCorrection, resources.kernel,
+                        position, params, meta, resources.distanceCorrection, resources.covariance,
                         resources.localVariance, referenceIndex, *noisyColl, output, weights,
                         tm.memory, tm.tempMemory, pilotColl, storage, &slab);
                 }

@@ -17,6 +17,7 @@ extern const KernelSet kernelSet = {
     &search<float>,
     &search<Complex>,
     &calculateVariances,
+    &covarianceVariances,
     &transformVariancePlane,
     &calculateVariancePairs,
     &fftReal,

@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "noise/covariance.h"
 #include "noise/variances.h"
 #include "transforms/transf3D.h"
 #include "transforms/transformBlocksNL.h"
@@ -70,6 +71,15 @@ void calculateVariances(int n, const Vec3<int>& blockSize, const Vec3<int>& work
 }
 
 template <typename T>
+void covarianceVariances(int n, const Vec3<int>& blockSize, const Vec3<int>& workSize, int m,
+                         const float* groupTransform, const float* covariance,
+                         const float* localVariances, Cube4D<float>& variances,
+                         BlockDistance<float>* matches, TempMemory<T>& tmp) {
+    activeKernels().covarianceVariances(n, blockSize, workSize, m, groupTransform, covariance,
+                                        localVariances, variances, matches, tmp);
+}
+
+template <typename T>
 void transformVariancePlane(const Vec3<int>& workSize, const Vec3<int>& keptSize, int m,
                             Cube4D<Complex>& grid, Cube4D<float>& power, const bool* rowMask,
                             TempMemory<T>& tmp) {
@@ -105,6 +115,9 @@ template void transformVariancePlane<float>(const Vec3<int>&, const Vec3<int>&, 
 template void calculateVariances<float>(int, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
                                         int, const float*, const float*, const float*,
                                         Cube4D<float>&, BlockDistance<float>*, TempMemory<float>&);
+template void covarianceVariances<float>(int, const Vec3<int>&, const Vec3<int>&, int,
+                                         const float*, const float*, const float*, Cube4D<float>&,
+                                         BlockDistance<float>*, TempMemory<float>&);
 template void calculateVariancePairs<float>(const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
                                             const Vec3<int>&, const Vec3<int>&, const float*,
                                             const float*, float, float*, TempMemory<float>&);

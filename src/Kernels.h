@@ -43,6 +43,9 @@ struct KernelSet {
     void (*variances)(int, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, int, const float*,
                       const float*, const float*, Cube4D<float>&, BlockDistance<float>*,
                       TempMemory<float>&);
+    void (*covarianceVariances)(int, const Vec3<int>&, const Vec3<int>&, int, const float*,
+                                const float*, const float*, Cube4D<float>&, BlockDistance<float>*,
+                                TempMemory<float>&);
     void (*variancePlane)(const Vec3<int>&, const Vec3<int>&, int, Cube4D<Complex>&, Cube4D<float>&,
                           const bool*, TempMemory<float>&);
     void (*variancePairs)(const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
@@ -97,6 +100,10 @@ void calculateVariances(int n, const Vec3<int>& blockSize, const Vec3<int>& work
                         const Vec3<int>& keptSize, int m, const float* groupTransform,
                         const float* k3fT3, const float* localVariances, Cube4D<float>& variances,
                         BlockDistance<float>* matches, TempMemory<float>& tmp);
+void covarianceVariances(int n, const Vec3<int>& blockSize, const Vec3<int>& workSize, int m,
+                         const float* groupTransform, const float* covariance,
+                         const float* localVariances, Cube4D<float>& variances,
+                         BlockDistance<float>* matches, TempMemory<float>& tmp);
 void transformVariancePlane(const Vec3<int>& workSize, const Vec3<int>& keptSize, int m,
                             Cube4D<Complex>& grid, Cube4D<float>& power, const bool* rowMask,
                             TempMemory<float>& tmp);

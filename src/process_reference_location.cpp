@@ -6,7 +6,7 @@
 
 #include "BlockCollection.h"
 #include "korvo/matching.h"
-#include "noise/variances.h"
+#include "noise/covariance.h"
 #include "transforms/tables.h"
 #include "transforms/transf3D.h"
 #include "transforms/transformBlocksNL.h"
@@ -176,7 +176,7 @@ void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int 
 template <StageName stage, typename T>
 void processReferenceLocation(const Vec3<int>& referencePosition, const Parameters& params,
                               const TransformsMeta<T>& meta, const float* distanceCorrection,
-                              const float* noiseKernel, const float* localVariance,
+                              const float* noiseCovariance, const float* localVariance,
                               int referenceIndex, const BlockCollection<T>& collection,
                               ImageDataMutable<T>& numerator, ImageDataMutable<float>& weights,
                               Memory<T>& memory, TempMemory<T>& tempMemory,
@@ -203,9 +203,9 @@ void processReferenceLocation(const Vec3<int>& referencePosition, const Paramete
 
     transformBlocksNL<T>(memory.matches, n, forward, kind, memory.groupSpectrum, blockSize);
     if (stage == HardThresholding) {
-        calculateVariances<T>(n, blockSize, params.psdWorkSize, memory.varianceExtents, exactMembers,
-                              forward, noiseKernel, localVariance, memory.variances,
-                              memory.matches, tempMemory);
+        covarianceVariances<T>(n, blockSize, params.psdWorkSize, exactMembers, forward,
+                               noiseCovariance, localVariance, memory.variances, memory.matches,
+                               tempMemory);
         // The group DC (index 0) is never dropped.
         const float threshold = params.thresholdFactor;
         for (long i = 1; i < count; ++i) {
@@ -225,9 +225,9 @@ void processReferenceLocation(const Vec3<int>& referencePosition, const Paramete
             memory.matches[k].block = collection.getBlock(memory.matches[k].position);
         }
         transformBlocksNL<T>(memory.matches, n, forward, kind, memory.noisySpectrum, blockSize);
-        calculateVariances<T>(n, blockSize, params.psdWorkSize, memory.varianceExtents, exactMembers,
-                              forward, noiseKernel, localVariance, memory.variances,
-                              memory.matches, tempMemory);
+        covarianceVariances<T>(n, blockSize, params.psdWorkSize, exactMembers, forward,
+                               noiseCovariance, localVariance, memory.variances, memory.matches,
+                               tempMemory);
         const float* KORVO_RESTRICT pilot = memory.groupSpectrum.data;
         float* KORVO_RESTRICT noisy = memory.noisySpectrum.data;
         const float factor = params.wienerFactor;

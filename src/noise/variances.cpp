@@ -1,5 +1,6 @@
-// Noise variance of every coefficient of a group's 4-D spectrum under coloured noise,
-// from the power spectrum of the pattern of block positions of each group basis vector.
+// Noise variance of every coefficient of a group's 4-D spectrum under coloured noise:
+// from the power spectrum of the pattern of block positions of each group basis vector,
+// or as a quadratic form over the pairs of blocks in the run's covariance table.
 // A kernel unit, compiled once per instruction set.
 #include <algorithm>
 #include <cmath>
@@ -60,6 +61,67 @@ void exactVariances(const float* k3fT3, const float* power, long planeStride, lo
         if (fullLanes < b) plain(j, fullLanes);
     }
     for (int j = fullRows; j < m; ++j) plain(j, 0);
+}
+
+constexpr int kPairBatch = 512;         // all pairs of a group of 32 at once
+constexpr int kMemberStride = 1 << 16;  // pair (k, l) is numbered k * stride + l
+
+struct PairBatch {
+    int row[kPairBatch];     // the pair's displacement class: its row of the table
+    int member[kPairBatch];  // the pair's number
+    float weight[kPairBatch];
+    int dx[kPairBatch], dy[kPairBatch], dz[kPairBatch];  // scratch: unwrapped displacements
+    int count;
+};
+
+// row[e] += sum over the batch of weight_i * covariance[row_i * b + e] for
+// e0 <= e < e0 + lanes, accumulated by fused multiply-adds in batch order. The sums
+// stay in registers; with enough lanes their chains of multiply-adds overlap.
+template <int lanes>
+void addPairLanes(const PairBatch& batch, const float* covariance, int b, int e0, float* KORVO_RESTRICT row) {
+    constexpr int kAhead = 8;  // rows fetched ahead: the table outgrows the nearer caches
+    float sum[lanes];
+    for (int e = 0; e < lanes; ++e) sum[e] = row[e0 + e];
+    for (int i = 0; i < batch.count; ++i) {
+        if (i + kAhead < batch.count) __builtin_prefetch(covariance + static_cast<long>(batch.row[i + kAhead]) * b + e0);
+        const float* KORVO_RESTRICT c = covariance + static_cast<long>(batch.row[i]) * b + e0;
+        const float weight = batch.weight[i];
+        for (int e = 0; e < lanes; ++e) sum[e] = fusedMultiplyAdd(weight, c[e], sum[e]);
+    }
+    for (int e = 0; e < lanes; ++e) row[e0 + e] = sum[e];
+}
+
+void addPairs(const PairBatch& batch, const float* covariance, int b, float* row) {
+    constexpr int kWide = 4 * kLanes;
+    int e0 = 0;
+    for (; e0 + kWide <= b; e0 += kWide) addPairLanes<kWide>(batch, covariance, b, e0, row);
+    for (; e0 + kLanes <= b; e0 += kLanes) addPairLanes<kLanes>(batch, covariance, b, e0, row);
+    for (; e0 < b; ++e0) addPairLanes<1>(batch, covariance, b, e0, row);
+}
+
+// Rows m <= j < n. The group transform is orthonormal: the variances of a coefficient
+// over the group add up to n times its single-block variance, and what the exactly
+// computed rows leave is shared evenly. `sum` holds B floats of scratch.
+void shareRemainder(int n, int m, int b, const float* localVariances, float* out, float* sum) {
+    for (int e = 0; e < b; ++e) {
+        sum[e] = 0.0f;
+    }
+    for (int j = 0; j < m; ++j) {
+        const float* row = out + static_cast<long>(j) * b;
+        for (int e = 0; e < b; ++e) {
+            sum[e] += row[e];
+        }
+    }
+    if (n > m) {
+        const float count = static_cast<float>(n);
+        const float share = static_cast<float>(n - m);
+        for (int j = m; j < n; ++j) {
+            float* row = out + static_cast<long>(j) * b;
+            for (int e = 0; e < b; ++e) {
+                row[e] = fusedMultiplyAdd(count, localVariances[e], -sum[e]) / share;
+            }
+        }
+    }
 }
 }  // namespace
 
@@ -198,35 +260,85 @@ void calculateVariances(int n, const Vec3<int>& blockSize, const Vec3<int>& work
     if (b < 1) {
         return;
     }
-    float* out = variances.data;
-    // The block-collection scratch is idle while variances are computed: it holds the
-    // per-coefficient sum of the exactly computed variances.
-    float* sum = tmp.blockC;
-    for (int e = 0; e < b; ++e) {
-        sum[e] = 0.0f;
-    }
     if (m >= 1) {
         const long frequencies = static_cast<long>(keptSize.x) * keptSize.y * keptSize.z;
-        exactVariances(k3fT3, power.data, power.slot(), std::max(frequencies, 0L), m, b, out);
-        for (int j = 0; j < m; ++j) {
-            const float* row = out + static_cast<long>(j) * b;
-            for (int e = 0; e < b; ++e) {
-                sum[e] += row[e];
+        exactVariances(k3fT3, power.data, power.slot(), std::max(frequencies, 0L), m, b,
+                       variances.data);
+    }
+    // The block-collection scratch is idle while variances are computed.
+    shareRemainder(n, m, b, localVariances, variances.data, tmp.blockC);
+}
+
+void covarianceVariances(int n, const Vec3<int>& blockSize, const Vec3<int>& workSize, int m,
+                         const float* groupTransform, const float* covariance,
+                         const float* localVariances, Cube4D<float>& variances,
+                         BlockDistance<float>* matches, TempMemory<float>& tmp) {
+    const Vec3<int>& w = workSize;
+    for (int k = 0; k < n; ++k) {
+        Vec3<int>& r = matches[k].relativePosition;
+        r = Vec3<int>{r.x % w.x, r.y % w.y, r.z % w.z};
+    }
+    const int b = blockSize.x * blockSize.y * blockSize.z;
+    if (b < 1) {
+        return;
+    }
+    const int exact = std::max(std::min(m, n), 0);
+    float* out = variances.data;
+    // Every block with itself: displacement 0, weight sum_k g_jk^2.
+    for (int j = 0; j < exact; ++j) {
+        float weight = 0.0f;
+        for (int k = 0; k < n; ++k) {
+            const float g = groupTransform[j * n + k];
+            weight = fusedMultiplyAdd(g, g, weight);
+        }
+        float* row = out + static_cast<long>(j) * b;
+        for (int e = 0; e < b; ++e) row[e] = weight * covariance[e];
+    }
+    // Each unordered pair once, counted twice (the covariance is even in the
+    // displacement), in batches of whole rows of pairs (k, l > k).
+    PairBatch batch;
+    batch.count = 0;
+    auto flush = [&]() {
+        for (int j = 0; j < exact; ++j) {
+            const float* g = groupTransform + j * n;
+            for (int i = 0; i < batch.count; ++i) {
+                const int pair = batch.member[i];
+                batch.weight[i] = 2.0f * g[pair / kMemberStride] * g[pair % kMemberStride];
             }
+            addPairs(batch, covariance, b, out + static_cast<long>(j) * b);
+        }
+        batch.count = 0;
+    };
+    const int wx = w.x, wy = w.y, wz = w.z;
+    for (int k = 0; exact > 0 && k < n - 1; ++k) {
+        const Vec3<int> p = matches[k].relativePosition;
+        for (int from = k + 1; from < n; from += kPairBatch) {  // a row longer than a batch: in parts
+            const int count = std::min(n - from, kPairBatch);
+            if (batch.count + count > kPairBatch) flush();
+            // Displacements wrapped into [0, N) without branches, then their table rows.
+            int* KORVO_RESTRICT dx = batch.dx;
+            int* KORVO_RESTRICT dy = batch.dy;
+            int* KORVO_RESTRICT dz = batch.dz;
+            for (int i = 0; i < count; ++i) {
+                const Vec3<int>& q = matches[from + i].relativePosition;
+                dx[i] = p.x - q.x;
+                dy[i] = p.y - q.y;
+                dz[i] = p.z - q.z;
+            }
+            int* KORVO_RESTRICT row = batch.row + batch.count;
+            int* KORVO_RESTRICT member = batch.member + batch.count;
+            for (int i = 0; i < count; ++i) {
+                const int x = dx[i] + (wx & (dx[i] >> 31));
+                const int y = dy[i] + (wy & (dy[i] >> 31));
+                const int z = dz[i] + (wz & (dz[i] >> 31));
+                row[i] = x + wx * (y + wy * z);
+                member[i] = k * kMemberStride + from + i;
+            }
+            batch.count += count;
         }
     }
-    // The group transform is orthonormal: the variances of a coefficient over the group
-    // add up to n times its single-block variance, and the rest is shared evenly.
-    if (n > m) {
-        const float count = static_cast<float>(n);
-        const float share = static_cast<float>(n - m);
-        for (int j = m; j < n; ++j) {
-            float* row = out + static_cast<long>(j) * b;
-            for (int e = 0; e < b; ++e) {
-                row[e] = fusedMultiplyAdd(count, localVariances[e], -sum[e]) / share;
-            }
-        }
-    }
+    flush();
+    shareRemainder(n, exact, b, localVariances, out, tmp.blockC);
 }
 
 void calculateVariancePairs(const Vec3<int>& centre, const Vec3<int>& extent,

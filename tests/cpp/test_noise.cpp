@@ -7,7 +7,9 @@
 #include <random>
 #include <vector>
 
+#include "Kernels.h"
 #include "common.h"
+#include "noise/covariance.h"
 #include "noise/psd.h"
 #include "noise/variances.h"
 
@@ -84,7 +86,7 @@ void productAlong(std::vector<double>& data, const V3& shape, int axis, const fl
 // Noise model arrays and scratch as the stage loop prepares them.
 struct Model {
     V3 grid, block, kept;
-    Owned k3, localVariance;
+    Owned k3, localVariance, covariance;
     TempMemory<float> tmp;
     static TempMemory<float> scratch(const V3& grid, const V3& block, bool useRealFft, int maxGroup) {
         Parameters p{};
@@ -99,17 +101,25 @@ struct Model {
           tmp(scratch(g, b, useRealFft, maxGroup)) {
         computeK3fT3<float>(psd.data(), g, g, kept, b, {t[0].data(), t[1].data(), t[2].data()}, k3.p);
         if (k3.p) computeLocalVar(k3.p, kept, int(volume(b)), localVariance.p);
-        EXPECT_TRUE(k3.p && localVariance.p && tmp.allocated);
+        if (k3.p) computeNoiseCovariance(k3.p, g, kept, int(volume(b)), covariance.p);
+        EXPECT_TRUE(k3.p && localVariance.p && covariance.p && tmp.allocated);
     }
-    // Variances of a group at `positions` (copied: the call rewrites them).
-    std::vector<float> variances(const std::vector<V3>& positions, const Matrix& group, int m) {
+    // Variances of a group at `positions` by the spectrum route, or by the covariance
+    // table; `positions` is rewritten as the call rewrites its records.
+    std::vector<float> variances(std::vector<V3> positions, const Matrix& group, int m, bool table = false,
+                                 std::vector<V3>* rewritten = nullptr) {
         const int n = int(positions.size());
         std::vector<float> out(volume(block) * size_t(n), -1.0f);
         Cube4D<float> cube{{block.x, block.y, block.z, n}, out.data()};
         std::vector<BlockDistance<float>> matches(positions.size());
         for (size_t k = 0; k < positions.size(); ++k) matches[k].relativePosition = positions[k];
-        calculateVariances<float>(n, block, grid, kept, m, group.data(), k3.p, localVariance.p, cube, matches.data(),
-                                  tmp);
+        if (table)
+            covarianceVariances<float>(n, block, grid, m, group.data(), covariance.p, localVariance.p, cube,
+                                       matches.data(), tmp);
+        else
+            calculateVariances<float>(n, block, grid, kept, m, group.data(), k3.p, localVariance.p, cube,
+                                      matches.data(), tmp);
+        for (size_t k = 0; rewritten && k < positions.size(); ++k) (*rewritten)[k] = matches[k].relativePosition;
         return out;
     }
 };
@@ -249,6 +259,56 @@ TEST(Variances, SingleBlockZeroLimitAndPeriodicWrap) {
     calculateVariances<float>(1, model.block, model.grid, model.kept, 1, half.data(), model.k3.p, nullptr, cube,
                               records.data(), model.tmp);
     EXPECT_EQ(records[0].relativePosition, (V3{1, 1, 0}));
+}
+
+// The covariance table against the spectrum route: the same variances to float
+// rounding and the same rewritten positions, over grids (half and full spectrum, a
+// plane, not cubic), blocks, white and coloured spectra, groups and exact rows; and
+// the same bits from the baseline kernels as from the chosen ones.
+TEST(Variances, CovarianceTableMatchesSpectrumRoute) {
+    struct Case { V3 grid, block; bool useRealFft, coloured; };
+    const Case cases[] = {{{16, 16, 16}, {4, 4, 4}, true, true}, {{8, 8, 8}, {4, 4, 4}, true, false},
+                          {{8, 4, 16}, {3, 2, 4}, false, true}, {{16, 16, 1}, {8, 8, 1}, true, true},
+                          {{4, 8, 8}, {2, 2, 2}, true, true},   {{8, 8, 8}, {8, 8, 8}, false, true},
+                          {{32, 32, 1}, {5, 3, 1}, true, true}};
+    std::mt19937 rng(11);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << "grid " << c.grid.x << "x" << c.grid.y << "x" << c.grid.z << " block "
+                                        << c.block.x << "x" << c.block.y << "x" << c.block.z);
+        const Matrix t[3] = {dctMatrix(c.block.x), dctMatrix(c.block.y), dctMatrix(c.block.z)};
+        const std::vector<float> psd =
+            c.coloured ? randomValues(volume(c.grid), rng, 0.02f, 5.0f) : std::vector<float>(volume(c.grid), 1.0f);
+        Model model(psd, c.grid, c.block, t, c.useRealFft, 64);
+        const size_t bcount = volume(c.block);
+        for (int n : {1, 2, 4, 8, 16, 32, 64}) {
+            std::vector<V3> spots(size_t(n), V3{});
+            for (V3& p : spots) {  // up to twice the grid: the call wraps them
+                p = {int(rng() % unsigned(2 * c.grid.x)), int(rng() % unsigned(2 * c.grid.y)),
+                     int(rng() % unsigned(2 * c.grid.z))};
+            }
+            if (n > 2) spots[2] = spots[1];  // two blocks at one place
+            const Matrix group = n % 8 == 0 ? dctMatrix(n) : haarMatrix(n);
+            for (int m : {0, 1, 2, n}) {
+                if (m > n) continue;
+                std::vector<V3> viaSpectrum(spots.size()), viaTable(spots.size());
+                const std::vector<float> expected = model.variances(spots, group, m, false, &viaSpectrum);
+                const std::vector<float> actual = model.variances(spots, group, m, true, &viaTable);
+                ASSERT_EQ(viaTable, viaSpectrum);
+                korvo_detail::forceBaselineKernels(true);
+                const std::vector<float> baseline = model.variances(spots, group, m, true);
+                korvo_detail::forceBaselineKernels(false);
+                ASSERT_EQ(baseline, actual);
+                for (size_t i = 0; i < expected.size(); ++i) {
+                    // Relative to the coefficient's variance in one block times the group
+                    // size; both routes round sums of hundreds or thousands of terms.
+                    const double scale = n * double(model.localVariance.p[i % bcount]);
+                    const double error = std::abs(double(actual[i]) - expected[i]) / scale;
+                    ASSERT_LE(error, 2e-5) << "n " << n << " m " << m << " coefficient " << i % bcount
+                                           << " row " << i / bcount << ": " << actual[i] << " vs " << expected[i];
+                }
+            }
+        }
+    }
 }
 
 TEST(VariancesDeathTest, GroupLargerThanTheScratchAborts) {
