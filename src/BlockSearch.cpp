@@ -2,7 +2,12 @@
 // to the reference block. A kernel unit, compiled once per instruction set.
 #if defined(__AVX2__)
 #include <immintrin.h>
+#elif defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#define KORVO_SEARCH_SSE 1
 #endif
+
+#include <utility>
 
 #include "Kernels.h"
 
@@ -18,90 +23,151 @@ inline float contribution(const Complex& a, const Complex& b) {
     return re * re + im * im;
 }
 
-// Adds the contributions of coefficients [from, to) one by one, in order: the
+// Adds the contributions of coefficients [0, volume) one by one, in order: the
 // sums must not depend on vectorisation, or the groups would.
 template <typename T>
-inline float addDistance(float d, const T* KORVO_RESTRICT cand, const T* KORVO_RESTRICT ref,
-                         int from, int to) {
-    for (int e = from; e < to; ++e) {
+inline float addDistance(float d, const T* KORVO_RESTRICT cand, const T* KORVO_RESTRICT ref, int volume) {
+    for (int e = 0; e < volume; ++e) {
         d += contribution(cand[e], ref[e]);
     }
     return d;
 }
 
-// Continues four candidates' sums over [from, to) at once: four independent
-// chains keep the adder busy while each chain still adds in coefficient order.
-template <typename T>
-inline void addDistances4(float* d, const T* const* cand, const T* KORVO_RESTRICT ref, int from,
-                          int to) {
-    float d0 = d[0], d1 = d[1], d2 = d[2], d3 = d[3];
-    const T* KORVO_RESTRICT c0 = cand[0];
-    const T* KORVO_RESTRICT c1 = cand[1];
-    const T* KORVO_RESTRICT c2 = cand[2];
-    const T* KORVO_RESTRICT c3 = cand[3];
-    for (int e = from; e < to; ++e) {
-        d0 += contribution(c0[e], ref[e]);
-        d1 += contribution(c1[e], ref[e]);
-        d2 += contribution(c2[e], ref[e]);
-        d3 += contribution(c3[e], ref[e]);
-    }
-    d[0] = d0;
-    d[1] = d1;
-    d[2] = d2;
-    d[3] = d3;
-}
+// Candidates whose sums run side by side once the queue is full; batches are
+// padded to a multiple of kLanes.
+constexpr int kBatch = 32;
+constexpr int kLanes = 8;
 
-// The first `to` contributions of eight candidates. Each candidate still adds its
-// contributions one by one in coefficient order; with AVX the eight sums run in
-// the lanes of one register, fed by an 8x8 transpose of the candidates' rows.
+// The sums of kLanes candidates as independent chains, each still in coefficient
+// order: the adder is kept busy where a single chain would wait on every add.
 template <typename T>
-inline void addDistances8(float* d, const T* const* cand, const T* ref, int to) {
-    addDistances4(d, cand, ref, 0, to);
-    addDistances4(d + 4, cand + 4, ref, 0, to);
+inline void addDistancesChains(float* d, const T* const* cand, const T* KORVO_RESTRICT ref, int volume) {
+    float acc[kLanes];
+    for (int i = 0; i < kLanes; ++i) acc[i] = d[i];
+    for (int e = 0; e < volume; ++e) {
+        for (int i = 0; i < kLanes; ++i) acc[i] += contribution(cand[i][e], ref[e]);
+    }
+    for (int i = 0; i < kLanes; ++i) d[i] = acc[i];
 }
 
 #if defined(__AVX2__)
-template <>
-inline void addDistances8<float>(float* d, const float* const* cand, const float* ref, int to) {
-    if (to % 8 != 0) {
-        addDistances4(d, cand, ref, 0, to);
-        addDistances4(d + 4, cand + 4, ref, 0, to);
-        return;
-    }
-    __m256 acc = _mm256_loadu_ps(d);
-    for (int e = 0; e < to; e += 8) {
-        const __m256 r0 = _mm256_loadu_ps(cand[0] + e), r1 = _mm256_loadu_ps(cand[1] + e);
-        const __m256 r2 = _mm256_loadu_ps(cand[2] + e), r3 = _mm256_loadu_ps(cand[3] + e);
-        const __m256 r4 = _mm256_loadu_ps(cand[4] + e), r5 = _mm256_loadu_ps(cand[5] + e);
-        const __m256 r6 = _mm256_loadu_ps(cand[6] + e), r7 = _mm256_loadu_ps(cand[7] + e);
-        const __m256 t0 = _mm256_unpacklo_ps(r0, r1), t1 = _mm256_unpackhi_ps(r0, r1);
-        const __m256 t2 = _mm256_unpacklo_ps(r2, r3), t3 = _mm256_unpackhi_ps(r2, r3);
-        const __m256 t4 = _mm256_unpacklo_ps(r4, r5), t5 = _mm256_unpackhi_ps(r4, r5);
-        const __m256 t6 = _mm256_unpacklo_ps(r6, r7), t7 = _mm256_unpackhi_ps(r6, r7);
-        const __m256 s0 = _mm256_shuffle_ps(t0, t2, 0x44), s1 = _mm256_shuffle_ps(t0, t2, 0xEE);
-        const __m256 s2 = _mm256_shuffle_ps(t1, t3, 0x44), s3 = _mm256_shuffle_ps(t1, t3, 0xEE);
-        const __m256 s4 = _mm256_shuffle_ps(t4, t6, 0x44), s5 = _mm256_shuffle_ps(t4, t6, 0xEE);
-        const __m256 s6 = _mm256_shuffle_ps(t5, t7, 0x44), s7 = _mm256_shuffle_ps(t5, t7, 0xEE);
-        // Column k holds coefficient e + k of all eight candidates.
-        const __m256 column[8] = {
-            _mm256_permute2f128_ps(s0, s4, 0x20), _mm256_permute2f128_ps(s1, s5, 0x20),
-            _mm256_permute2f128_ps(s2, s6, 0x20), _mm256_permute2f128_ps(s3, s7, 0x20),
-            _mm256_permute2f128_ps(s0, s4, 0x31), _mm256_permute2f128_ps(s1, s5, 0x31),
-            _mm256_permute2f128_ps(s2, s6, 0x31), _mm256_permute2f128_ps(s3, s7, 0x31)};
-        for (int k = 0; k < 8; ++k) {
-            const __m256 diff = _mm256_sub_ps(column[k], _mm256_set1_ps(ref[e + k]));
-            acc = _mm256_add_ps(acc, _mm256_mul_ps(diff, diff));
+// Eight candidates per register; two registers in flight cover the adder's latency.
+struct Lanes {
+    using V = __m256;
+    static constexpr int kWidth = 8;
+    static constexpr int kInFlight = 2;
+    // column[k]: (cand[e + k] - ref[e + k])^2 of the eight candidates, each product
+    // rounded once. Candidate i shares a register with candidate i + 4 (one per
+    // 128-bit half), so that only 4x4 transposes within the halves remain.
+    static void squares(const float* const* cand, const float* ref, int e, V* column) {
+        for (int h = 0; h < 8; h += 4) {
+            const V r = _mm256_broadcast_ps(reinterpret_cast<const __m128*>(ref + e + h));
+            V q[4];
+            for (int i = 0; i < 4; ++i) {
+                const V pair = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(cand[i] + e + h)),
+                                                    _mm_loadu_ps(cand[i + 4] + e + h), 1);
+                const V diff = _mm256_sub_ps(pair, r);
+                q[i] = _mm256_mul_ps(diff, diff);
+            }
+            const V t0 = _mm256_unpacklo_ps(q[0], q[1]), t1 = _mm256_unpackhi_ps(q[0], q[1]);
+            const V t2 = _mm256_unpacklo_ps(q[2], q[3]), t3 = _mm256_unpackhi_ps(q[2], q[3]);
+            column[h] = _mm256_shuffle_ps(t0, t2, 0x44);
+            column[h + 1] = _mm256_shuffle_ps(t0, t2, 0xEE);
+            column[h + 2] = _mm256_shuffle_ps(t1, t3, 0x44);
+            column[h + 3] = _mm256_shuffle_ps(t1, t3, 0xEE);
         }
     }
-    _mm256_storeu_ps(d, acc);
+    static V add(V a, V b) { return _mm256_add_ps(a, b); }
+    static V load(const float* p) { return _mm256_loadu_ps(p); }
+    static void store(float* p, V v) { _mm256_storeu_ps(p, v); }
+};
+#define KORVO_SEARCH_LANES 1
+#elif defined(KORVO_SEARCH_SSE)
+// Four candidates per register.
+struct Lanes {
+    using V = __m128;
+    static constexpr int kWidth = 4;
+    static constexpr int kInFlight = 4;
+    static V load(const float* p) { return _mm_loadu_ps(p); }
+    static void store(float* p, V v) { _mm_storeu_ps(p, v); }
+    static void squares(const float* const* cand, const float* ref, int e, V* column) {
+        const V r = _mm_loadu_ps(ref + e);
+        for (int i = 0; i < 4; ++i) {
+            const V diff = _mm_sub_ps(_mm_loadu_ps(cand[i] + e), r);
+            column[i] = _mm_mul_ps(diff, diff);
+        }
+        _MM_TRANSPOSE4_PS(column[0], column[1], column[2], column[3]);
+    }
+    static V add(V a, V b) { return _mm_add_ps(a, b); }
+};
+#define KORVO_SEARCH_LANES 1
+#endif
+
+// Asks for a block's cache lines ahead of its use.
+template <typename T>
+inline void prefetchBlock(const T* block, long elements) {
+#if defined(KORVO_SEARCH_LANES)
+    const char* bytes = reinterpret_cast<const char*>(block);
+    for (long offset = 0; offset < elements * static_cast<long>(sizeof(T)); offset += 64) {
+        _mm_prefetch(bytes + offset, _MM_HINT_T1);
+    }
+#else
+    (void)block;
+    (void)elements;
+#endif
+}
+
+#if defined(KORVO_SEARCH_LANES)
+// Coefficients [e, e + width) of one register of candidates: every lane adds its
+// contributions one by one in coefficient order, exactly as the scalar sum does.
+inline void addColumns(Lanes::V& acc, const float* const* cand, const float* ref, int e) {
+    Lanes::V column[Lanes::kWidth];
+    Lanes::squares(cand, ref, e, column);
+    for (int k = 0; k < Lanes::kWidth; ++k) acc = Lanes::add(acc, column[k]);
+}
+
+// The sums of several registers of candidates, whose chains overlap. The
+// registers are named one by one (not looped over) so that they stay registers.
+template <std::size_t... g>
+void addDistancesLanes(std::index_sequence<g...>, float* d, const float* const* cand, const float* ref,
+                       int volume) {
+    constexpr int w = Lanes::kWidth;
+    Lanes::V acc[sizeof...(g)] = {Lanes::load(d + g * w)...};
+    for (int e = 0; e < volume; e += w) {
+        (addColumns(acc[g], cand + g * w, ref, e), ...);
+    }
+    (Lanes::store(d + g * w, acc[g]), ...);
+}
+#endif
+
+// Full sums of a padded batch of n candidates (n a multiple of kLanes).
+template <typename T>
+inline void addDistancesBatch(float* d, const T* const* cand, const T* ref, int volume, int n) {
+    for (int i = 0; i < n; i += kLanes) addDistancesChains(d + i, cand + i, ref, volume);
+}
+
+#if defined(KORVO_SEARCH_LANES)
+template <>
+inline void addDistancesBatch<float>(float* d, const float* const* cand, const float* ref, int volume, int n) {
+    constexpr int w = Lanes::kWidth;
+    if (volume % w != 0) {
+        for (int i = 0; i < n; i += kLanes) addDistancesChains(d + i, cand + i, ref, volume);
+        return;
+    }
+    int i = 0;
+    for (; i + Lanes::kInFlight * w <= n; i += Lanes::kInFlight * w) {
+        addDistancesLanes(std::make_index_sequence<Lanes::kInFlight>(), d + i, cand + i, ref, volume);
+    }
+    for (; i < n; i += w) addDistancesLanes(std::make_index_sequence<1>(), d + i, cand + i, ref, volume);
 }
 #endif
 
 }  // namespace
 
-// Once the queue is full it stays full, so from then on candidates are taken
-// eight at a time for the first quarter of their sums; the decisions still run
-// one candidate after another in visiting order, against the current worst.
+// Until the queue is full, candidates enter it one by one. From then on they are
+// gathered in batches whose full sums run side by side, and the decisions still
+// run one candidate after another in visiting order, against the current worst:
+// each sum is exactly the one-by-one sum, so the queue ends as it would have.
 // Candidates are read by ring slot along each row; the caller has checked that
 // the window lies inside the collection's band.
 template <typename T>
@@ -116,76 +182,73 @@ void search(const CollectionView<T>& coll, const float* distanceCorrection, cons
     const T* ref = blockAt(refPos.x % ring.x + static_cast<long>(refPos.y % ring.y) * ring.x +
                            static_cast<long>(refPos.z % ring.z) * ring.x * ring.y);
     const int volume = blockSize.x * blockSize.y * blockSize.z;
-    const int quarter = volume / 4;
-    const int half = volume / 2;
     const int spanX = 2 * searchWindow.x + 1;
     const int spanY = 2 * searchWindow.y + 1;
     const long capacity = static_cast<long>(maxGroupSize) - 1;
     long size = 0;
     float worst = 0.0f;  // distance of the queue's top once it is full
 
-    constexpr int kBatch = 8;
     const T* batchBlock[kBatch];
     float batchDistance[kBatch];
     Vec3<int> batchPosition[kBatch];
+    const auto decide = [&](int count) {
+        // Padding lanes read the reference block; their sums are not looked at.
+        const int padded = (count + kLanes - 1) / kLanes * kLanes;
+        for (int i = count; i < padded; ++i) {
+            batchBlock[i] = ref;
+            batchDistance[i] = 0.0f;
+        }
+        addDistancesBatch(batchDistance, batchBlock, ref, volume, padded);
+        for (int i = 0; i < count; ++i) {
+            if (batchDistance[i] < worst) {
+                worst = replaceWorstCandidate(
+                    queue, {batchBlock[i], batchDistance[i], batchPosition[i], batchPosition[i]});
+            }
+        }
+    };
+    int count = 0;
     for (int z = windowStart.z; z <= windowEnd.z; ++z) {
         for (int y = windowStart.y; y <= windowEnd.y; ++y) {
-            const long rowBase =
-                (static_cast<long>(z - refPos.z + searchWindow.z) * spanY + (y - refPos.y + searchWindow.y)) *
-                spanX;
+            // Index of the correction of (x, y, z) is rowCorrection + x.
+            const long rowCorrection =
+                (static_cast<long>(z - refPos.z + searchWindow.z) * spanY + (y - refPos.y + searchWindow.y)) * spanX +
+                (searchWindow.x - refPos.x);
             const long rowSlot = static_cast<long>(y % ring.y) * ring.x +
                                  static_cast<long>(z % ring.z) * ring.x * ring.y;
-            int x = windowStart.x;
-            int xSlot = x % ring.x;
-            while (x <= windowEnd.x) {
-                int count = 0;
-                const int batch = size == capacity ? kBatch : 1;
-                for (; count < batch && x <= windowEnd.x; ++x) {
-                    const long candidateSlot = rowSlot + xSlot;
-                    if (++xSlot == ring.x) xSlot = 0;
-                    if (x == refPos.x && y == refPos.y && z == refPos.z) {
-                        continue;
-                    }
-                    batchBlock[count] = blockAt(candidateSlot);
-                    batchDistance[count] = -distanceCorrection[rowBase + (x - refPos.x + searchWindow.x)];
-                    batchPosition[count] = Vec3<int>{x, y, z};
-                    ++count;
-                }
-                if (size < capacity) {
-                    if (count == 1) {
-                        const float d = addDistance(batchDistance[0], batchBlock[0], ref, 0, volume);
-                        worst = pushCandidate(queue, {batchBlock[0], d, batchPosition[0], batchPosition[0]});
-                        ++size;
-                    }
+            const int skipX = y == refPos.y && z == refPos.z ? refPos.x : -1;  // the reference itself
+            // The row visited next, fetched while this one is summed: the band is
+            // mostly beyond the inner caches, and the sums would wait on it.
+            const int nextY = y < windowEnd.y ? y + 1 : windowStart.y;
+            const int nextZ = y < windowEnd.y ? z : z + 1;
+            const long nextRowSlot = static_cast<long>(nextY % ring.y) * ring.x +
+                                     static_cast<long>(nextZ % ring.z) * ring.x * ring.y;
+            int xSlot = windowStart.x % ring.x;
+            for (int x = windowStart.x; x <= windowEnd.x; ++x) {
+                const long candidateSlot = rowSlot + xSlot;
+                prefetchBlock(blockAt(nextRowSlot + xSlot), coll.blockElements);
+                if (++xSlot == ring.x) xSlot = 0;
+                if (x == skipX) {
                     continue;
                 }
-                if (count == kBatch) {
-                    addDistances8(batchDistance, batchBlock, ref, quarter);
-                } else {
-                    for (int i = 0; i < count; ++i) {
-                        batchDistance[i] = addDistance(batchDistance[i], batchBlock[i], ref, 0, quarter);
-                    }
+                const T* block = blockAt(candidateSlot);
+                const float start = -distanceCorrection[rowCorrection + x];
+                if (size < capacity) {
+                    const float d = addDistance(start, block, ref, volume);
+                    worst = pushCandidate(queue, {block, d, Vec3<int>{x, y, z}, Vec3<int>{x, y, z}});
+                    ++size;
+                    continue;
                 }
-                for (int i = 0; i < count; ++i) {
-                    // Reject poor candidates after a quarter and a half of the sum:
-                    // contributions are non-negative, so the full sum would fail too.
-                    float d = batchDistance[i];
-                    if (d > worst) {
-                        continue;
-                    }
-                    d = addDistance(d, batchBlock[i], ref, quarter, half);
-                    if (d > worst) {
-                        continue;
-                    }
-                    d = addDistance(d, batchBlock[i], ref, half, volume);
-                    if (!(d < worst)) {
-                        continue;
-                    }
-                    worst = replaceWorstCandidate(queue, {batchBlock[i], d, batchPosition[i], batchPosition[i]});
+                batchBlock[count] = block;
+                batchDistance[count] = start;
+                batchPosition[count] = Vec3<int>{x, y, z};
+                if (++count == kBatch) {
+                    decide(count);
+                    count = 0;
                 }
             }
         }
     }
+    if (count > 0) decide(count);
 }
 
 template void search<float>(const CollectionView<float>&, const float*, const Vec3<int>&,

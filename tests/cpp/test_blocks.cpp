@@ -329,7 +329,10 @@ TEST(BlockMatching, SetSearchWindowClamps) {
 }
 
 TEST(BlockMatching, MatchesBruteForce) {
-    const V3 setups[][2] = {{{2, 2, 2}, {3, 2, 2}}, {{3, 2, 1}, {4, 4, 0}}, {{1, 1, 1}, {2, 2, 2}}};  // block, window
+    // Block volumes that are and are not whole registers of either kernel set, and
+    // windows whose candidates past the full queue end in batches of every length.
+    const V3 setups[][2] = {{{2, 2, 2}, {3, 2, 2}}, {{3, 2, 1}, {4, 4, 0}}, {{1, 1, 1}, {2, 2, 2}},
+                            {{4, 4, 4}, {3, 3, 2}}, {{2, 2, 1}, {3, 3, 1}}, {{2, 3, 4}, {2, 3, 1}}};  // block, window
     unsigned seed = 100;
     for (const auto& s : setups) {
         const V3 block = s[0], w = s[1];
