@@ -2,6 +2,13 @@
 #include <cmath>
 #include <cstddef>
 
+#if defined(__AVX2__) && defined(__FMA__)
+#include <immintrin.h>
+#define KORVO_CUBE_VECTORS 1
+#else
+#define KORVO_CUBE_VECTORS 0
+#endif
+
 #include "Kernels.h"
 #include "fused.h"
 #include "transforms/product.h"
@@ -226,6 +233,108 @@ void butterflyPass(const float* in, float* out, bool alongX, int sx, int sy, int
     }
 }
 
+#if KORVO_CUBE_VECTORS
+bool hasButterfly(StandardTransform kind) {
+    return kind == TransformsMetas::Dct8 || kind == TransformsMetas::InverseDct8 ||
+           kind == TransformsMetas::Bior8 || kind == TransformsMetas::InverseBior8;
+}
+
+// Cubes of 4 and 8 points per axis with the general product on every axis, all
+// three passes in 8-wide registers. Each output is input[0]*M[k*n] followed by
+// fused multiply-adds for j = 1..n-1 ascending, as in the generic code, so the
+// bits are the same; the passes leave bufferA and bufferB as the generic code does.
+
+// n rows of eight values, `stride` apart: out row k = sum over j of row j * M[k*n + j].
+template <int N>
+inline void rowsProduct(const float* in, float* out, const float* m, std::ptrdiff_t stride) {
+    __m256 r[N];
+    for (int j = 0; j < N; ++j) r[j] = _mm256_loadu_ps(in + j * stride);
+    for (int k = 0; k < N; ++k) {
+        __m256 acc = _mm256_mul_ps(r[0], _mm256_broadcast_ss(m + k * N));
+        for (int j = 1; j < N; ++j) acc = _mm256_fmadd_ps(r[j], _mm256_broadcast_ss(m + k * N + j), acc);
+        _mm256_storeu_ps(out + k * stride, acc);
+    }
+}
+
+void cube4(const float* in, const Vec3<const float*>& m, float* a, float* b, float* out) {
+    // x pass: a register holds two lines; sample j of each line is spread over its
+    // half and meets column j of the matrix, held in both halves (a 4x4 transpose
+    // of the rows, each loaded into both halves).
+    __m256 rows[4];
+    for (int k = 0; k < 4; ++k) rows[k] = _mm256_broadcast_ps(reinterpret_cast<const __m128*>(m.x + 4 * k));
+    const __m256 lo01 = _mm256_unpacklo_ps(rows[0], rows[1]), lo23 = _mm256_unpacklo_ps(rows[2], rows[3]);
+    const __m256 hi01 = _mm256_unpackhi_ps(rows[0], rows[1]), hi23 = _mm256_unpackhi_ps(rows[2], rows[3]);
+    const __m256 col[4] = {_mm256_shuffle_ps(lo01, lo23, 0x44), _mm256_shuffle_ps(lo01, lo23, 0xEE),
+                           _mm256_shuffle_ps(hi01, hi23, 0x44), _mm256_shuffle_ps(hi01, hi23, 0xEE)};
+    for (int i = 0; i < 8; ++i) {
+        const __m256 v = _mm256_loadu_ps(in + 8 * i);
+        __m256 acc = _mm256_mul_ps(_mm256_permute_ps(v, 0x00), col[0]);
+        acc = _mm256_fmadd_ps(_mm256_permute_ps(v, 0x55), col[1], acc);
+        acc = _mm256_fmadd_ps(_mm256_permute_ps(v, 0xAA), col[2], acc);
+        acc = _mm256_fmadd_ps(_mm256_permute_ps(v, 0xFF), col[3], acc);
+        _mm256_storeu_ps(a + 8 * i, acc);
+    }
+    // y pass: output rows k and k+1 of a plane from row j in both halves, times
+    // M[k*4 + j] in the low half and M[(k+1)*4 + j] in the high one.
+    const __m256 y01 = _mm256_loadu_ps(m.y), y23 = _mm256_loadu_ps(m.y + 8);
+    const __m256 pair[2][4] = {{_mm256_permute_ps(y01, 0x00), _mm256_permute_ps(y01, 0x55),
+                                _mm256_permute_ps(y01, 0xAA), _mm256_permute_ps(y01, 0xFF)},
+                               {_mm256_permute_ps(y23, 0x00), _mm256_permute_ps(y23, 0x55),
+                                _mm256_permute_ps(y23, 0xAA), _mm256_permute_ps(y23, 0xFF)}};
+    for (int z = 0; z < 4; ++z) {
+        const float* plane = a + 16 * z;
+        __m256 row[4];
+        for (int j = 0; j < 4; ++j) row[j] = _mm256_broadcast_ps(reinterpret_cast<const __m128*>(plane + 4 * j));
+        for (int p = 0; p < 2; ++p) {
+            __m256 acc = _mm256_mul_ps(row[0], pair[p][0]);
+            for (int j = 1; j < 4; ++j) acc = _mm256_fmadd_ps(row[j], pair[p][j], acc);
+            _mm256_storeu_ps(b + 16 * z + 8 * p, acc);
+        }
+    }
+    // z pass: half planes side by side.
+    rowsProduct<4>(b, out, m.z, 16);
+    rowsProduct<4>(b + 8, out + 8, m.z, 16);
+}
+
+void cube8(const float* in, const Vec3<const float*>& m, float* a, float* b, float* out) {
+    // x pass: one line per register, sample j broadcast against column j.
+    __m256 col[8];
+    for (int j = 0; j < 8; ++j)
+        col[j] = _mm256_setr_ps(m.x[j], m.x[8 + j], m.x[16 + j], m.x[24 + j], m.x[32 + j], m.x[40 + j],
+                                m.x[48 + j], m.x[56 + j]);
+    for (int l = 0; l < 64; ++l) {
+        const float* line = in + 8 * l;
+        __m256 acc = _mm256_mul_ps(_mm256_broadcast_ss(line), col[0]);
+        for (int j = 1; j < 8; ++j) acc = _mm256_fmadd_ps(_mm256_broadcast_ss(line + j), col[j], acc);
+        _mm256_storeu_ps(a + 8 * l, acc);
+    }
+    for (int z = 0; z < 8; ++z) rowsProduct<8>(a + 64 * z, b + 64 * z, m.y, 8);
+    for (int y = 0; y < 8; ++y) rowsProduct<8>(b + 8 * y, out + 8 * y, m.z, 64);
+}
+
+// True when the cube code took the block.
+bool cubeProduct(const float* in, const Vec3<const float*>& m,
+                 const Vec3<StandardTransform>& kinds, float* a, float* b, float* out, int sx, int sy,
+                 int sz) {
+    if (sx != sy || sy != sz || hasButterfly(kinds.x) || hasButterfly(kinds.y)) return false;
+    if (sx == 4) {
+        cube4(in, m, a, b, out);
+        return true;
+    }
+    if (sx == 8) {
+        cube8(in, m, a, b, out);
+        return true;
+    }
+    return false;
+}
+#else
+// Without the vector unit the generic code below does the same sequence.
+bool cubeProduct(const float*, const Vec3<const float*>&, const Vec3<StandardTransform>&, float*,
+                 float*, float*, int, int, int) {
+    return false;
+}
+#endif
+
 // One x or y pass: the butterfly of a recognised 8-point kind, else the product.
 void axisPass(const float* in, float* out, const float* m, StandardTransform kind, bool alongX,
               int sx, int sy, int sz) {
@@ -260,6 +369,7 @@ void transf3D(const float* input, const Vec3<const float*>& transforms,
               const Vec3<TransformsMetas::StandardTransform>& kinds, float* bufferA,
               float* bufferB, float* output, const Vec3<int>& size) {
     const int sx = size.x, sy = size.y, sz = size.z;
+    if (cubeProduct(input, transforms, kinds, bufferA, bufferB, output, sx, sy, sz)) return;
     if (sx >= 1 && sy >= 1 && sz >= 1) {
         axisPass(input, bufferA, transforms.x, kinds.x, true, sx, sy, sz);
         axisPass(bufferA, sz == 1 ? output : bufferB, transforms.y, kinds.y, false, sx, sy, sz);

@@ -4,10 +4,13 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
+#include <string>
 #include <limits>
 #include <random>
 #include <vector>
 
+#include "Kernels.h"
 #include "common.h"
 #include "transforms/TransformsMeta.h"
 #include "transforms/tables.h"
@@ -246,6 +249,56 @@ TEST(Transf3D, GeneralProductShapes) {
     const std::vector<float> in = randomData(16, 15);
     const Mats m{DCT_4_FWD, DCT_4_FWD, two};
     checkProduct(in, {4, 4, 1}, m, run3D(in, m, ARB_TRANSFORMS, {4, 4, 1}).data());
+}
+
+namespace {
+// One axis of the general product in its exact rounding sequence: input[0]*M[k n],
+// then a fused multiply-add for each j = 1..n-1 in ascending order.
+std::vector<float> exactAlongAxis(const std::vector<float>& in, const float* m, Vec3<int> s, int axis) {
+    const int n = axis == 0 ? s.x : axis == 1 ? s.y : s.z, stride = axis == 0 ? 1 : axis == 1 ? s.x : s.x * s.y;
+    std::vector<float> out(in.size());
+    for (int i = 0; i < s.volume(); ++i) {
+        const int k = (i / stride) % n;
+        const float* line = &in[size_t(i - k * stride)];
+        float acc = line[0] * m[k * n];
+        for (int j = 1; j < n; ++j) acc = std::fma(line[j * stride], m[k * n + j], acc);
+        out[i] = acc;
+    }
+    return out;
+}
+}  // namespace
+
+// Every product path (the whole-cube code for 4 and 8 points and the generic one)
+// gives the bits of the plain sequence, on each kernel set, in place or not.
+TEST(Transf3D, GeneralProductIsExactOnEverySet) {
+    const bool baselineOnly = std::string(korvo_detail::activeKernelName()) == "baseline";
+    struct Case { Vec3<int> s; Kinds kinds; };
+    const Case cases[] = {{{4, 4, 4}, ARB_TRANSFORMS}, {{4, 4, 4}, {Dct4, Dct4, Dct4}}, {{8, 8, 8}, ARB_TRANSFORMS},
+                          {{8, 8, 8}, {Haar8, InverseArbitrary, Dct8}}, {{3, 5, 2}, ARB_TRANSFORMS},
+                          {{4, 4, 1}, ARB_TRANSFORMS}, {{8, 8, 4}, ARB_TRANSFORMS}};
+    for (const bool baseline : {false, true}) {
+        korvo_detail::forceBaselineKernels(baseline || baselineOnly);
+        unsigned seed = 100;
+        for (const Case& c : cases)
+            for (int trial = 0; trial < 20; ++trial) {
+                const Vec3<int> s = c.s;
+                const auto mx = randomData(size_t(s.x) * s.x, seed++), my = randomData(size_t(s.y) * s.y, seed++),
+                           mz = randomData(size_t(s.z) * s.z, seed++);
+                std::vector<float> in = randomData(size_t(s.volume()), seed++);
+                for (size_t i = 0; i < in.size(); i += 7) in[i] *= 1e4f;  // mixed magnitudes: rounding shows
+                const Mats m{mx.data(), my.data(), mz.data()};
+                std::vector<float> want = exactAlongAxis(exactAlongAxis(in, m.x, s, 0), m.y, s, 1);
+                if (s.z > 1) want = exactAlongAxis(want, m.z, s, 2);
+                std::vector<float> a(in.size()), b(in.size()), out(in.size());
+                transf3D(in.data(), m, c.kinds, a.data(), b.data(), out.data(), s);
+                const std::vector<float> inPlace = run3D(in, m, c.kinds, s);
+                const std::string what = std::to_string(s.x) + "x" + std::to_string(s.y) + "x" + std::to_string(s.z) +
+                                         " trial " + std::to_string(trial) + (baseline ? " baseline" : "");
+                ASSERT_EQ(std::memcmp(out.data(), want.data(), want.size() * sizeof(float)), 0) << what;
+                ASSERT_EQ(std::memcmp(inPlace.data(), want.data(), want.size() * sizeof(float)), 0) << what;
+            }
+    }
+    korvo_detail::forceBaselineKernels(baselineOnly);
 }
 
 TEST(Transf3D, RoundTrips) {
