@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
+#include <cstddef>
 #include <iostream>
 
 #include "korvo/Threading.h"
@@ -20,14 +20,53 @@ void bandAxis(int pos, int radius, int imageExtent, int blockExtent, int& start,
     end = std::min(start + 2 * radius + 2, imageExtent - blockExtent);
 }
 
-// Raw voxels of the block at p into dst, x fastest; rows go through the checked accessor.
+// Rows of W values (w when W is 0), `rowStride` apart in planes `planeStride` apart,
+// packed one after another into dst.
+template <int W>
+void copyRows(const float* KORVO_RESTRICT src, std::ptrdiff_t rowStride, std::ptrdiff_t planeStride,
+              int w, int h, int d, float* KORVO_RESTRICT dst) {
+    const int width = W > 0 ? W : w;
+    for (int k = 0; k < d; ++k) {
+        for (int j = 0; j < h; ++j) {
+            const float* row = src + k * planeStride + j * rowStride;
+            for (int i = 0; i < width; ++i) dst[i] = row[i];
+            dst += width;
+        }
+    }
+}
+
+// Raw voxels of the block at p into dst, x fastest. The checked accessor vouches
+// for the block's first and last voxels, and so for every voxel between them.
 void copyBlock(const ImageData<float>& image, const Vec3<int>& p, const Vec3<int>& blockSize,
                float* KORVO_RESTRICT dst) {
-    const size_t rowBytes = static_cast<size_t>(blockSize.x) * sizeof(float);
-    for (int k = 0; k < blockSize.z; ++k) {
-        for (int j = 0; j < blockSize.y; ++j) {
-            std::memcpy(dst + static_cast<long>(blockSize.x) * (j + static_cast<long>(blockSize.y) * k),
-                        &image.at({p.x, p.y + j, p.z + k}), rowBytes);
+    const float* first = &image.at(p);
+    image.at(p + blockSize - Vec3<int>{1, 1, 1});
+    const std::ptrdiff_t rowStride = image.size().x;
+    const std::ptrdiff_t planeStride = rowStride * image.size().y;
+    switch (blockSize.x) {
+        case 4:
+            copyRows<4>(first, rowStride, planeStride, 4, blockSize.y, blockSize.z, dst);
+            return;
+        case 8:
+            copyRows<8>(first, rowStride, planeStride, 8, blockSize.y, blockSize.z, dst);
+            return;
+        default:
+            copyRows<0>(first, rowStride, planeStride, blockSize.x, blockSize.y, blockSize.z, dst);
+            return;
+    }
+}
+
+// Visits the positions lo <= p < hi, z outermost and x innermost, each with its
+// ring slot for a band of `range` positions per axis.
+template <class Visit>
+void forEachSlot(const Vec3<int>& lo, const Vec3<int>& hi, const Vec3<int>& range, Visit visit) {
+    for (int z = lo.z; z < hi.z; ++z) {
+        for (int y = lo.y; y < hi.y; ++y) {
+            const long row = static_cast<long>(y % range.y) * range.x +
+                             static_cast<long>(z % range.z) * range.x * range.y;
+            for (int x = lo.x, sx = lo.x % range.x; x < hi.x; ++x, sx = sx + 1 == range.x ? 0 : sx + 1) {
+                visit(Vec3<int>{x, y, z}, row + sx);
+            }
         }
     }
 }
@@ -110,14 +149,8 @@ bool BlockCollection<T>::extractInitial(const ImageData<float>& image, const Vec
         return false;
     }
 
-    for (int z = start.z; z <= end.z; ++z) {
-        for (int y = start.y; y <= end.y; ++y) {
-            for (int x = start.x; x <= end.x; ++x) {
-                copyBlock(image, {x, y, z}, blockSize, _buffer + slot({x, y, z}) * _blockElements);
-            }
-        }
-    }
-
+    // Each block is transformed right after it is copied, while its slot is still
+    // in cache. Thread index t takes the slots of its chunk, in position order.
     T* const buffer = _buffer;
     const long elements = _blockElements;
     ThreadPool& pool = ThreadPool::THREAD_POOL;
@@ -126,13 +159,15 @@ bool BlockCollection<T>::extractInitial(const ImageData<float>& image, const Vec
         const int chunk = static_cast<int>(std::ceil(static_cast<float>(blockCount) / static_cast<float>(n)));
         const long first = static_cast<long>(t) * chunk;
         const long last = std::min(first + chunk, blockCount);
+        if (first >= last) return;
         std::vector<float> scratchA(static_cast<size_t>(blockVolume), 0.0f);
         std::vector<float> scratchB(static_cast<size_t>(blockVolume), 0.0f);
-        for (long s = first; s < last; ++s) {
+        forEachSlot(start, end + Vec3<int>{1, 1, 1}, range, [&](const Vec3<int>& p, long s) {
+            if (s < first || s >= last) return;
             T* block = buffer + s * elements;
-            transf3D<float>(block, transforms, kinds, scratchA.data(), scratchB.data(), block,
-                            blockSize);
-        }
+            copyBlock(image, p, blockSize, block);
+            transf3D<float>(block, transforms, kinds, scratchA.data(), scratchB.data(), block, blockSize);
+        });
     };
     pool.newLoopJob(job);
 
@@ -163,17 +198,12 @@ void BlockCollection<T>::moveInImage(const ImageData<float>& image, const Vec3<i
     span(step.z, _bufferStart.z, _bufferRange.z, size.z, blockSize.z, lo.z, hi.z);
 
     if (hi.x > lo.x && hi.y > lo.y && hi.z > lo.z) {
-        for (int z = lo.z; z < hi.z; ++z) {
-            for (int y = lo.y; y < hi.y; ++y) {
-                for (int x = lo.x; x < hi.x; ++x) {
-                    T* block = _buffer + slot({x, y, z}) * _blockElements;
-                    copyBlock(image, {x, y, z}, blockSize, block);
-                    // Entering blocks always take the general product.
-                    transf3D<float>(block, transforms, ARB_TRANSFORMS, memory.blockA, memory.blockB,
-                                    block, blockSize);
-                }
-            }
-        }
+        forEachSlot(lo, hi, _bufferRange, [&](const Vec3<int>& p, long s) {
+            T* block = _buffer + s * _blockElements;
+            copyBlock(image, p, blockSize, block);
+            // Entering blocks always take the general product.
+            transf3D<float>(block, transforms, ARB_TRANSFORMS, memory.blockA, memory.blockB, block, blockSize);
+        });
     }
     _bufferStart = _bufferStart + step;
 }
