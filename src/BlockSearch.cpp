@@ -23,23 +23,14 @@ inline float contribution(const Complex& a, const Complex& b) {
     return re * re + im * im;
 }
 
-// Adds the contributions of coefficients [0, volume) one by one, in order: the
-// sums must not depend on vectorisation, or the groups would.
-template <typename T>
-inline float addDistance(float d, const T* KORVO_RESTRICT cand, const T* KORVO_RESTRICT ref, int volume) {
-    for (int e = 0; e < volume; ++e) {
-        d += contribution(cand[e], ref[e]);
-    }
-    return d;
-}
-
-// Candidates whose sums run side by side once the queue is full; batches are
-// padded to a multiple of kLanes.
+// Candidates whose sums run side by side; batches are padded to a multiple of kLanes.
 constexpr int kBatch = 32;
 constexpr int kLanes = 8;
 
-// The sums of kLanes candidates as independent chains, each still in coefficient
-// order: the adder is kept busy where a single chain would wait on every add.
+// The sums of kLanes candidates as independent chains, each still adding its
+// contributions one by one in coefficient order (the sums must not depend on
+// vectorisation, or the groups would): the adder is kept busy where a single
+// chain would wait on every add.
 template <typename T>
 inline void addDistancesChains(float* d, const T* const* cand, const T* KORVO_RESTRICT ref, int volume) {
     float acc[kLanes];
@@ -164,10 +155,12 @@ inline void addDistancesBatch<float>(float* d, const float* const* cand, const f
 
 }  // namespace
 
-// Until the queue is full, candidates enter it one by one. From then on they are
-// gathered in batches whose full sums run side by side, and the decisions still
-// run one candidate after another in visiting order, against the current worst:
-// each sum is exactly the one-by-one sum, so the queue ends as it would have.
+// Candidates are gathered in batches whose full sums run side by side; the
+// decisions still run one candidate after another in visiting order (the first
+// ones fill the queue, later ones compete with the current worst). Each sum is
+// exactly the one-by-one sum, and a sum that a partial check would have rejected
+// fails the full check too (contributions are non-negative), so the queue ends
+// as a one-at-a-time search with early rejection leaves it.
 // Candidates are read by ring slot along each row; the caller has checked that
 // the window lies inside the collection's band.
 template <typename T>
@@ -200,9 +193,12 @@ void search(const CollectionView<T>& coll, const float* distanceCorrection, cons
         }
         addDistancesBatch(batchDistance, batchBlock, ref, volume, padded);
         for (int i = 0; i < count; ++i) {
-            if (batchDistance[i] < worst) {
-                worst = replaceWorstCandidate(
-                    queue, {batchBlock[i], batchDistance[i], batchPosition[i], batchPosition[i]});
+            const BlockDistance<T> candidate{batchBlock[i], batchDistance[i], batchPosition[i], batchPosition[i]};
+            if (size < capacity) {
+                worst = pushCandidate(queue, candidate);
+                ++size;
+            } else if (batchDistance[i] < worst) {
+                worst = replaceWorstCandidate(queue, candidate);
             }
         }
     };
@@ -232,12 +228,6 @@ void search(const CollectionView<T>& coll, const float* distanceCorrection, cons
                 }
                 const T* block = blockAt(candidateSlot);
                 const float start = -distanceCorrection[rowCorrection + x];
-                if (size < capacity) {
-                    const float d = addDistance(start, block, ref, volume);
-                    worst = pushCandidate(queue, {block, d, Vec3<int>{x, y, z}, Vec3<int>{x, y, z}});
-                    ++size;
-                    continue;
-                }
                 batchBlock[count] = block;
                 batchDistance[count] = start;
                 batchPosition[count] = Vec3<int>{x, y, z};
