@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <iostream>
 
+#include "Kernels.h"
 #include "korvo/Threading.h"
 #include "transforms/tables.h"
 #include "transforms/transf3D.h"
@@ -149,27 +150,22 @@ bool BlockCollection<T>::extractInitial(const ImageData<float>& image, const Vec
         return false;
     }
 
-    // Each block is transformed right after it is copied, while its slot is still
-    // in cache. Thread index t takes the slots of its chunk, in position order.
-    T* const buffer = _buffer;
-    const long elements = _blockElements;
-    ThreadPool& pool = ThreadPool::THREAD_POOL;
+    // Thread index t takes a share of the band along its longest axis.
+    const int n = ThreadPool::THREAD_POOL.getNumThreads();
+    float* const scratch = boxScratch(n, blockSize);
+    const long scratchFloats = boxScratchFloats(blockSize);
+    int Vec3<int>::*const axis = range.x >= range.y && range.x >= range.z ? &Vec3<int>::x
+                                 : range.y >= range.z                     ? &Vec3<int>::y
+                                                                          : &Vec3<int>::z;
+    const int share = (range.*axis + n - 1) / n;
     const std::function<void(int)> job = [&](int t) {
-        const int n = pool.getNumThreads();
-        const int chunk = static_cast<int>(std::ceil(static_cast<float>(blockCount) / static_cast<float>(n)));
-        const long first = static_cast<long>(t) * chunk;
-        const long last = std::min(first + chunk, blockCount);
-        if (first >= last) return;
-        std::vector<float> scratchA(static_cast<size_t>(blockVolume), 0.0f);
-        std::vector<float> scratchB(static_cast<size_t>(blockVolume), 0.0f);
-        forEachSlot(start, end + Vec3<int>{1, 1, 1}, range, [&](const Vec3<int>& p, long s) {
-            if (s < first || s >= last) return;
-            T* block = buffer + s * elements;
-            copyBlock(image, p, blockSize, block);
-            transf3D<float>(block, transforms, kinds, scratchA.data(), scratchB.data(), block, blockSize);
-        });
+        Vec3<int> lo = start;
+        Vec3<int> hi = end + Vec3<int>{1, 1, 1};
+        lo.*axis = start.*axis + t * share;
+        hi.*axis = std::min(lo.*axis + share, hi.*axis);
+        if (lo.*axis < hi.*axis) loadBox(image, lo, hi, blockSize, transforms, kinds, scratch + t * scratchFloats);
     };
-    pool.newLoopJob(job);
+    ThreadPool::THREAD_POOL.newLoopJob(job);
 
     _hasData = true;
     return true;
@@ -179,7 +175,7 @@ template <typename T>
 void BlockCollection<T>::moveInImage(const ImageData<float>& image, const Vec3<int>& step,
                                          const Vec3<int>& blockSize,
                                          const Vec3<const float*>& transforms,
-                                         TempMemory<float>& memory) {
+                                         TempMemory<float>& /*memory*/) {
     const Vec3<int>& size = image.size();
     // Per axis: the slab entering the band on a moving axis, the whole band otherwise.
     auto span = [](int d, int start, int range, int imageExtent, int blockExtent, int& lo, int& hi) {
@@ -198,14 +194,38 @@ void BlockCollection<T>::moveInImage(const ImageData<float>& image, const Vec3<i
     span(step.z, _bufferStart.z, _bufferRange.z, size.z, blockSize.z, lo.z, hi.z);
 
     if (hi.x > lo.x && hi.y > lo.y && hi.z > lo.z) {
-        forEachSlot(lo, hi, _bufferRange, [&](const Vec3<int>& p, long s) {
-            T* block = _buffer + s * _blockElements;
-            copyBlock(image, p, blockSize, block);
-            // Entering blocks always take the general product.
-            transf3D<float>(block, transforms, ARB_TRANSFORMS, memory.blockA, memory.blockB, block, blockSize);
-        });
+        // Entering blocks always take the general product.
+        loadBox(image, lo, hi, blockSize, transforms, ARB_TRANSFORMS, boxScratch(1, blockSize));
     }
     _bufferStart = _bufferStart + step;
+}
+
+template <typename T>
+float* BlockCollection<T>::boxScratch(int tiles, const Vec3<int>& blockSize) {
+    const size_t floats = static_cast<size_t>(tiles) * static_cast<size_t>(boxScratchFloats(blockSize));
+    if (_scratch.size() < floats) _scratch.resize(floats);
+    return _scratch.data();
+}
+
+template <typename T>
+void BlockCollection<T>::loadBox(const ImageData<float>& image, const Vec3<int>& lo, const Vec3<int>& hi,
+                                 const Vec3<int>& blockSize, const Vec3<const float*>& transforms,
+                                 const Vec3<TransformsMetas::StandardTransform>& kinds, float* scratch) {
+    // The checked accessor vouches for the box's first and last voxels.
+    image.at(lo);
+    image.at(hi + blockSize - Vec3<int>{2, 2, 2});
+    const BlockRing ring{_buffer, _blockElements, _bufferRange};
+    if (activeKernels().transformBlockBox(image.data(), image.size(), lo, hi - lo, blockSize, transforms,
+                                          kinds, ring, scratch)) {
+        return;
+    }
+    // Butterfly kinds: block by block, each transformed right after its copy.
+    const long blockVolume = static_cast<long>(blockSize.x) * blockSize.y * blockSize.z;
+    forEachSlot(lo, hi, _bufferRange, [&](const Vec3<int>& p, long s) {
+        T* block = _buffer + s * _blockElements;
+        copyBlock(image, p, blockSize, block);
+        transf3D<float>(block, transforms, kinds, scratch, scratch + blockVolume, block, blockSize);
+    });
 }
 
 template class BlockCollection<float>;

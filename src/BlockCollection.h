@@ -11,6 +11,22 @@
 #include "common.h"
 #include "korvo/matching.h"
 
+// Where loaded blocks go: the slots of a ring-addressed band.
+struct BlockRing {
+    float* buffer;
+    long blockElements;
+    Vec3<int> range;
+};
+
+// Blocks loaded together are transformed a tile at a time: one x position, at most
+// kBoxTile positions along y and z. The floats of scratch one tile needs: the x
+// pass of its image rows, then the y pass of its block columns.
+constexpr int kBoxTile = 16;
+inline long boxScratchFloats(const Vec3<int>& b) {
+    const long rowsY = kBoxTile + b.y - 1, planesZ = kBoxTile + b.z - 1;
+    return rowsY * planesZ * b.x + static_cast<long>(kBoxTile) * planesZ * b.x * b.y;
+}
+
 template <typename T>
 class BlockCollection {
 public:
@@ -79,12 +95,19 @@ public:
                      TempMemory<float>& memory);
 
 private:
+    // Loads and transforms the blocks at lo <= p < hi into their slots.
+    void loadBox(const ImageData<float>& image, const Vec3<int>& lo, const Vec3<int>& hi,
+                 const Vec3<int>& blockSize, const Vec3<const float*>& transforms,
+                 const Vec3<TransformsMetas::StandardTransform>& kinds, float* scratch);
+    float* boxScratch(int tiles, const Vec3<int>& blockSize);
+
     bool _hasData = false;
     T* _buffer = nullptr;
     long _blockCount = 0;
     long _blockElements = 0;
     Vec3<int> _bufferRange{};
     Vec3<int> _bufferStart{};
+    std::vector<float> _scratch;  // grows once, then serves every load
 };
 
 // Candidates of one search, worst kept candidate on top. Its storage can be

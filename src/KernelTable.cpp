@@ -12,6 +12,7 @@ void fusedRows(const float* KORVO_RESTRICT a, const float* KORVO_RESTRICT b, con
 extern const KernelSet kernelSet = {
     KORVO_KERNEL_NAME,
     &transf3D,
+    &transformBlockBox,
     &groupFromMatches,
     &groupFromCube,
     &search<float>,

@@ -31,6 +31,9 @@ struct KernelSet {
     void (*transf3D)(const float*, const Vec3<const float*>&,
                      const Vec3<TransformsMetas::StandardTransform>&, float*, float*, float*,
                      const Vec3<int>&);
+    bool (*transformBlockBox)(const float*, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
+                              const Vec3<int>&, const Vec3<const float*>&,
+                              const Vec3<TransformsMetas::StandardTransform>&, const BlockRing&, float*);
     void (*groupFromMatches)(const BlockDistance<float>*, int, const float*,
                              TransformsMetas::StandardTransform, Cube4D<float>&, const Vec3<int>&);
     void (*groupFromCube)(const Cube4D<float>&, int, const float*,
@@ -86,6 +89,15 @@ namespace KORVO_KERNEL_NS {
 void transf3D(const float* input, const Vec3<const float*>& transforms,
               const Vec3<TransformsMetas::StandardTransform>& kinds, float* bufferA,
               float* bufferB, float* output, const Vec3<int>& size);
+// Forward transforms of the blocks at lo .. lo + count - 1 of an image of the given
+// size into their ring slots, the same bits as transf3D per block; x and y passes are
+// shared between neighbouring blocks. False (nothing done) unless every axis takes the
+// general product. scratch: boxScratchFloats(blockSize) floats.
+bool transformBlockBox(const float* image, const Vec3<int>& imageSize, const Vec3<int>& lo,
+                       const Vec3<int>& count, const Vec3<int>& blockSize,
+                       const Vec3<const float*>& transforms,
+                       const Vec3<TransformsMetas::StandardTransform>& kinds, const BlockRing& ring,
+                       float* scratch);
 void groupFromMatches(const BlockDistance<float>* matches, int n, const float* matrix,
                       TransformsMetas::StandardTransform kind, Cube4D<float>& output,
                       const Vec3<int>& blockSize);

@@ -1,4 +1,5 @@
 // Separable 3-D block transform; a kernel unit, compiled once per instruction set.
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 
@@ -233,11 +234,12 @@ void butterflyPass(const float* in, float* out, bool alongX, int sx, int sy, int
     }
 }
 
-#if KORVO_CUBE_VECTORS
 bool hasButterfly(StandardTransform kind) {
     return kind == TransformsMetas::Dct8 || kind == TransformsMetas::InverseDct8 ||
            kind == TransformsMetas::Bior8 || kind == TransformsMetas::InverseBior8;
 }
+
+#if KORVO_CUBE_VECTORS
 
 // Cubes of 4 and 8 points per axis with the general product on every axis, all
 // three passes in 8-wide registers. Each output is input[0]*M[k*n] followed by
@@ -255,6 +257,32 @@ inline void rowsProduct(const float* in, float* out, const float* m, std::ptrdif
         _mm256_storeu_ps(out + k * stride, acc);
     }
 }
+
+// y pass of a 4x4 plane: output rows k and k+1 from input row j (four values, rows
+// four apart) in both halves, times M[k*4 + j] in the low half and M[(k+1)*4 + j]
+// in the high one.
+struct PlaneY4 {
+    __m256 pair[2][4];
+    explicit PlaneY4(const float* m) {
+        const __m256 y01 = _mm256_loadu_ps(m), y23 = _mm256_loadu_ps(m + 8);
+        const __m256 half[2] = {y01, y23};
+        for (int p = 0; p < 2; ++p) {
+            pair[p][0] = _mm256_permute_ps(half[p], 0x00);
+            pair[p][1] = _mm256_permute_ps(half[p], 0x55);
+            pair[p][2] = _mm256_permute_ps(half[p], 0xAA);
+            pair[p][3] = _mm256_permute_ps(half[p], 0xFF);
+        }
+    }
+    inline void operator()(const float* rows, float* out) const {
+        __m256 row[4];
+        for (int j = 0; j < 4; ++j) row[j] = _mm256_broadcast_ps(reinterpret_cast<const __m128*>(rows + 4 * j));
+        for (int p = 0; p < 2; ++p) {
+            __m256 acc = _mm256_mul_ps(row[0], pair[p][0]);
+            for (int j = 1; j < 4; ++j) acc = _mm256_fmadd_ps(row[j], pair[p][j], acc);
+            _mm256_storeu_ps(out + 8 * p, acc);
+        }
+    }
+};
 
 void cube4(const float* in, const Vec3<const float*>& m, float* a, float* b, float* out) {
     // x pass: a register holds two lines; sample j of each line is spread over its
@@ -274,23 +302,8 @@ void cube4(const float* in, const Vec3<const float*>& m, float* a, float* b, flo
         acc = _mm256_fmadd_ps(_mm256_permute_ps(v, 0xFF), col[3], acc);
         _mm256_storeu_ps(a + 8 * i, acc);
     }
-    // y pass: output rows k and k+1 of a plane from row j in both halves, times
-    // M[k*4 + j] in the low half and M[(k+1)*4 + j] in the high one.
-    const __m256 y01 = _mm256_loadu_ps(m.y), y23 = _mm256_loadu_ps(m.y + 8);
-    const __m256 pair[2][4] = {{_mm256_permute_ps(y01, 0x00), _mm256_permute_ps(y01, 0x55),
-                                _mm256_permute_ps(y01, 0xAA), _mm256_permute_ps(y01, 0xFF)},
-                               {_mm256_permute_ps(y23, 0x00), _mm256_permute_ps(y23, 0x55),
-                                _mm256_permute_ps(y23, 0xAA), _mm256_permute_ps(y23, 0xFF)}};
-    for (int z = 0; z < 4; ++z) {
-        const float* plane = a + 16 * z;
-        __m256 row[4];
-        for (int j = 0; j < 4; ++j) row[j] = _mm256_broadcast_ps(reinterpret_cast<const __m128*>(plane + 4 * j));
-        for (int p = 0; p < 2; ++p) {
-            __m256 acc = _mm256_mul_ps(row[0], pair[p][0]);
-            for (int j = 1; j < 4; ++j) acc = _mm256_fmadd_ps(row[j], pair[p][j], acc);
-            _mm256_storeu_ps(b + 16 * z + 8 * p, acc);
-        }
-    }
+    const PlaneY4 planeY(m.y);
+    for (int z = 0; z < 4; ++z) planeY(a + 16 * z, b + 16 * z);
     // z pass: half planes side by side.
     rowsProduct<4>(b, out, m.z, 16);
     rowsProduct<4>(b + 8, out + 8, m.z, 16);
@@ -363,6 +376,113 @@ void axisPass(const float* in, float* out, const float* m, StandardTransform kin
     }
 }
 
+// Blocks loaded together. The x pass of an image row segment and the y pass of a
+// column of x-pass rows do not depend on the block that asks for them, so a tile of
+// blocks (one x position, up to kBoxTile positions along y and z) computes each once:
+// X holds the x pass of the tile's image rows, row (y', z') at (z' * rowsY + y') * bx;
+// Y the y pass, plane (y, z') at (y * planesZ + z') * bx * by. Only the z pass is
+// per block. Every value goes through the same operations as in transf3D.
+struct BoxTile {
+    const float* image;  // first voxel of the tile's first block
+    std::ptrdiff_t rowStride, planeStride;
+    Vec3<int> first;  // position of that block
+    int ty, tz;       // block positions along y and z
+    Vec3<int> b;
+    int rowsY() const { return ty + b.y - 1; }
+    int planesZ() const { return tz + b.z - 1; }
+    std::ptrdiff_t plane() const { return static_cast<std::ptrdiff_t>(b.x) * b.y; }
+};
+
+template <int N>
+void boxRowsX(const BoxTile& t, const float* m, float* X) {
+    const int n = N > 0 ? N : t.b.x;
+    float mt[N > 0 ? N * N : kMaxTransposed * kMaxTransposed];
+    const bool transposed = n <= kMaxTransposed;
+    if (transposed)
+        for (int k = 0; k < n; ++k)
+            for (int j = 0; j < n; ++j) mt[j * n + k] = m[k * n + j];
+    const float* mm = transposed ? mt : m;
+    const std::ptrdiff_t js = transposed ? n : 1, ks = transposed ? 1 : n;
+    for (int z = 0; z < t.planesZ(); ++z)
+        for (int y = 0; y < t.rowsY(); ++y)
+            productAlongLines<N>(t.image + z * t.planeStride + y * t.rowStride,
+                                 X + (static_cast<std::ptrdiff_t>(z) * t.rowsY() + y) * n, mm, n, js, ks, 1);
+}
+
+void boxPassX(const BoxTile& t, const float* m, float* X) {
+    switch (t.b.x) {
+        case 4:
+            boxRowsX<4>(t, m, X);
+            return;
+        case 8:
+            boxRowsX<8>(t, m, X);
+            return;
+        default:
+            boxRowsX<0>(t, m, X);
+            return;
+    }
+}
+
+// Calls pass(rows, out) for every plane of Y: rows are the x-pass rows it is made of.
+template <class Pass>
+void forEachPlaneY(const BoxTile& t, const float* X, float* Y, Pass pass) {
+    for (int z = 0; z < t.planesZ(); ++z)
+        for (int y = 0; y < t.ty; ++y)
+            pass(X + (static_cast<std::ptrdiff_t>(z) * t.rowsY() + y) * t.b.x,
+                 Y + (static_cast<std::ptrdiff_t>(y) * t.planesZ() + z) * t.plane());
+}
+
+// Calls pass(planes, slot) for every block of the tile: planes are its y-pass planes.
+template <class Pass>
+void forEachBlockZ(const BoxTile& t, const float* Y, const BlockRing& ring, Pass pass) {
+    const Vec3<int>& r = ring.range;
+    const long sx = t.first.x % r.x;
+    for (int y = 0; y < t.ty; ++y) {
+        for (int z = 0; z < t.tz; ++z) {
+            const long slot = sx + static_cast<long>((t.first.y + y) % r.y) * r.x +
+                              static_cast<long>((t.first.z + z) % r.z) * r.x * r.y;
+            pass(Y + (static_cast<std::ptrdiff_t>(y) * t.planesZ() + z) * t.plane(),
+                 ring.buffer + slot * ring.blockElements);
+        }
+    }
+}
+
+void boxTile(const BoxTile& t, const Vec3<const float*>& m, float* scratch, const BlockRing& ring) {
+    float* X = scratch;
+    float* Y = scratch + static_cast<std::ptrdiff_t>(t.rowsY()) * t.planesZ() * t.b.x;
+    boxPassX(t, m.x, X);
+    const std::ptrdiff_t plane = t.plane();
+#if KORVO_CUBE_VECTORS
+    if (t.b.x == 4 && t.b.y == 4 && t.b.z == 4) {
+        const PlaneY4 planeY(m.y);
+        forEachPlaneY(t, X, Y, [&](const float* rows, float* out) { planeY(rows, out); });
+        forEachBlockZ(t, Y, ring, [&](const float* planes, float* out) {
+            rowsProduct<4>(planes, out, m.z, 16);
+            rowsProduct<4>(planes + 8, out + 8, m.z, 16);
+        });
+        return;
+    }
+    if (t.b.x == 8 && t.b.y == 8 && t.b.z == 8) {
+        forEachPlaneY(t, X, Y, [&](const float* rows, float* out) { rowsProduct<8>(rows, out, m.y, 8); });
+        forEachBlockZ(t, Y, ring, [&](const float* planes, float* out) {
+            for (int r = 0; r < 8; ++r) rowsProduct<8>(planes + 8 * r, out + 8 * r, m.z, 64);
+        });
+        return;
+    }
+#endif
+    const int bx = t.b.x, by = t.b.y, bz = t.b.z;
+    forEachPlaneY(t, X, Y, [&](const float* rows, float* out) {
+        productAcrossLines(rows, out, m.y, by, bx, bx);
+    });
+    forEachBlockZ(t, Y, ring, [&](const float* planes, float* out) {
+        if (bz == 1) {  // a single plane has no z pass
+            for (std::ptrdiff_t i = 0; i < plane; ++i) out[i] = planes[i];
+        } else {
+            productAcrossLines(planes, out, m.z, bz, plane, plane);
+        }
+    });
+}
+
 }  // namespace
 
 void transf3D(const float* input, const Vec3<const float*>& transforms,
@@ -378,6 +498,27 @@ void transf3D(const float* input, const Vec3<const float*>& transforms,
             productAcrossLines(bufferB, output, transforms.z, sz, plane, plane);
         }
     }
+}
+
+bool transformBlockBox(const float* image, const Vec3<int>& imageSize, const Vec3<int>& lo,
+                       const Vec3<int>& count, const Vec3<int>& blockSize,
+                       const Vec3<const float*>& transforms,
+                       const Vec3<TransformsMetas::StandardTransform>& kinds, const BlockRing& ring,
+                       float* scratch) {
+    if (hasButterfly(kinds.x) || hasButterfly(kinds.y)) return false;
+    const std::ptrdiff_t rowStride = imageSize.x;
+    const std::ptrdiff_t planeStride = rowStride * imageSize.y;
+    for (int x = lo.x; x < lo.x + count.x; ++x) {
+        for (int y = lo.y; y < lo.y + count.y; y += kBoxTile) {
+            for (int z = lo.z; z < lo.z + count.z; z += kBoxTile) {
+                const BoxTile tile{image + z * planeStride + y * rowStride + x, rowStride, planeStride,
+                                   {x, y, z}, std::min(kBoxTile, lo.y + count.y - y),
+                                   std::min(kBoxTile, lo.z + count.z - z), blockSize};
+                boxTile(tile, transforms, scratch, ring);
+            }
+        }
+    }
+    return true;
 }
 
 }  // namespace KORVO_KERNEL_NS

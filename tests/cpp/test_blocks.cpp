@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <random>
 #include <string>
@@ -12,6 +13,8 @@
 
 #include "BlockCollection.h"
 #include "KORVO.h"
+#include "Kernels.h"
+#include "transforms/transf3D.h"
 #include "korvo/Threading.h"
 
 using V3 = Vec3<int>;
@@ -233,6 +236,66 @@ TEST(BlockCollection, SlidesKeepEveryCoveredBlockCurrent) {
     // A step above 2 can slide the band past the low end of the window on the first slide after
     // an extraction at the border; the stored blocks stay current all the same.
     walkVolume<HardThresholding>({30, 8, 1}, {4, 4, 1}, {4, 3, 0}, {3, 3, 1}, 24, false);
+}
+
+namespace {
+// Every valid position of the band holds exactly what transf3D makes of its block alone.
+void expectBandExact(const BlockCollection<float>& c, const Rig& s, const Kinds& kinds, const std::string& where) {
+    const V3 b = s.block, start = c.bufferStart(), end = start + c.bufferRange(), last = s.image.size() - b;
+    std::vector<float> block(b.volume()), scratchA(b.volume()), scratchB(b.volume());
+    int checked = 0;
+    for (int z = start.z; z < end.z && z <= last.z; ++z)
+        for (int y = start.y; y < end.y && y <= last.y; ++y)
+            for (int x = start.x; x < end.x && x <= last.x; ++x, ++checked) {
+                for (int e = 0; e < b.volume(); ++e)
+                    block[e] = s.image.at({x + e % b.x, y + e / b.x % b.y, z + e / (b.x * b.y)});
+                transf3D<float>(block.data(), s.fwd(), kinds, scratchA.data(), scratchB.data(), block.data(), b);
+                ASSERT_EQ(std::memcmp(block.data(), c.getBlock({x, y, z}), sizeof(float) * b.volume()), 0)
+                    << where << " block " << x << "," << y << "," << z;
+            }
+    EXPECT_GT(checked, 0) << where;
+}
+}  // namespace
+
+// Blocks loaded together share their x and y passes; the stored bits must not change. Extraction
+// runs on two threads; slides go on along each axis past the upper border (fewer blocks, then none).
+TEST(BlockCollection, LoadsEqualBlockByBlockTransformsBitForBit) {
+    const Kinds butterflies{TransformsMetas::Dct8, TransformsMetas::Bior8, TransformsMetas::Arbitrary};
+    struct Case { V3 size, block, window, pos; Kinds kinds; };
+    const Case cases[] = {
+        {{12, 12, 26}, {4, 4, 4}, {2, 2, 9}, {4, 3, 10}, kArbitrary},  // more than one tile along z
+        {{17, 16, 16}, {8, 8, 8}, {2, 2, 2}, {3, 3, 2}, kArbitrary},
+        {{13, 14, 12}, {3, 5, 2}, {2, 2, 2}, {3, 4, 3}, kArbitrary},
+        {{24, 22, 1}, {4, 4, 1}, {3, 3, 0}, {5, 6, 0}, kArbitrary},     // a single plane has no z pass
+        {{24, 22, 1}, {8, 8, 1}, {3, 3, 0}, {5, 6, 0}, butterflies},    // block by block
+    };
+    ThreadPool::THREAD_POOL.launchPool(2);
+    for (bool baseline : {false, true}) {
+        korvo_detail::forceBaselineKernels(baseline);
+        for (const Case& c : cases) {
+            Rig s(c.size, c.block, 40);
+            ASSERT_NE(s.coll.allocate(c.size, c.block, c.window), nullptr);
+            const std::string name = std::string(korvo_detail::activeKernelName()) + " block " +
+                                     std::to_string(c.block.x) + "x" + std::to_string(c.block.y) + "x" +
+                                     std::to_string(c.block.z);
+            for (const V3& step : {V3{3, 0, 0}, V3{0, 3, 0}, V3{0, 0, 2}}) {
+                if (step.z != 0 && c.size.z == 1) continue;
+                ASSERT_TRUE(s.extract(s.coll, s.image, c.pos, false, c.window, c.kinds));
+                expectBandExact(s.coll, s, c.kinds, name + " extracted");
+                if (c.kinds.x == butterflies.x) break;
+                for (bool atBorder = false; !atBorder;) {  // the slide from the border loads nothing
+                    const V3 end = s.coll.bufferStart() + s.coll.bufferRange(), last = c.size - c.block;
+                    atBorder = (step.x && end.x > last.x) || (step.y && end.y > last.y) || (step.z && end.z > last.z);
+                    s.slide(step);
+                    const V3 at = s.coll.bufferStart();
+                    expectBandExact(s.coll, s, kArbitrary, name + " slid to " + std::to_string(at.x) + "," +
+                                                               std::to_string(at.y) + "," + std::to_string(at.z));
+                }
+            }
+        }
+    }
+    korvo_detail::forceBaselineKernels(false);
+    ThreadPool::THREAD_POOL.clearPool();
 }
 
 TEST(BlockCollectionDeathTest, AssertionsGuardTheBand) {
