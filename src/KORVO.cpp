@@ -4,9 +4,11 @@
 #include <atomic>
 #include <cmath>
 #include <cstdio>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <system_error>
 #include <thread>
 
@@ -338,6 +340,61 @@ struct SlabBuffers {
     }
 };
 
+// Matches found ahead for the worker with the most slices by the last one, once
+// that has finished its own: rows (of a slice) of the busy worker are claimed
+// one by one by whichever of the two gets there first. The helper only matches
+// and records; the owner replays the record, so groups, filtering and the order
+// of the additions stay the owner's.
+struct MatchHandoff {
+    static constexpr int kRing = korvo_detail::kHandoffRows;  // recorded, not yet replayed
+    enum : int { Free = 0, Owner = 1, Helper = 2, Ready = 3 };
+
+    int firstSlice = 0, rowsPerSlice = 0, perRow = 0, entries = 0;
+    long rows = 0;  // of the owner's slices
+    std::vector<std::atomic<int>> state;
+    std::atomic<long> ownerNext{0};    // the owner's next row; rows before it are replayed
+    std::atomic<bool> ownerDone{false};  // the owner left its slices (finished or stopped)
+    std::vector<std::int32_t> counts;
+    std::vector<Vec3<int>> positions, relative;
+
+    bool allocate(int first, int slices, int rowsInSlice, int positionsInRow, int groupSize) {
+        firstSlice = first;
+        rowsPerSlice = rowsInSlice;
+        perRow = positionsInRow;
+        entries = groupSize;
+        rows = static_cast<long>(slices) * rowsInSlice;
+        const size_t refs = static_cast<size_t>(kRing) * static_cast<size_t>(perRow);
+        try {
+            state = std::vector<std::atomic<int>>(static_cast<size_t>(rows));
+            counts.assign(refs, 0);
+            positions.assign(refs * static_cast<size_t>(entries), Vec3<int>{});
+            relative.assign(positions.size(), Vec3<int>{});
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+        return true;
+    }
+    // Storage whose rows are the ring slot's references, in the order of the row.
+    BlockMatchStorage slot(long row, bool replay) {
+        const size_t first = static_cast<size_t>(row % kRing) * static_cast<size_t>(perRow);
+        return {entries, counts.data() + first, positions.data() + first * static_cast<size_t>(entries),
+                relative.data() + first * static_cast<size_t>(entries), 0, replay ? 1 : 0};
+    }
+    // The owner's claim on `row`: true when it matches itself, false when it must
+    // replay the helper's record (waits until that is complete).
+    bool ownerTakes(long row) {
+        int expected = Free;
+        if (state[static_cast<size_t>(row)].compare_exchange_strong(expected, Owner)) return true;
+        while (state[static_cast<size_t>(row)].load(std::memory_order_acquire) != Ready) pause();
+        return false;
+    }
+    static void pause() {
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#endif
+    }
+};
+
 bool backwardsOnNarrowAxis(const Vec3<int>& position, const Vec3<int>& previous,
                            const Vec3<int>& band, const Vec3<int>& imageSize) {
     for (int a = 0; a < 3; ++a) {
@@ -363,16 +420,16 @@ bool bandHoldsSearchWindow(const BlockCollection<T>& collection, const Vec3<int>
     return true;
 }
 
-// Keeps a worker's own collections covering the search window around `position`.
-// Collections only slide forwards, and a slide by a step of three or more can
+// Keeps a worker's own collections covering the search window around `position`
+// (`fresh`: fills them afresh, as after a jump). Collections only slide forwards, and a slide by a step of three or more can
 // leave the window's low edge behind; either way the band is filled afresh.
 template <StageName stage, typename T>
 void keepBandAround(const Vec3<int>& position, const Vec3<int>& previous, const Vec3<int>& band,
                     const Parameters& params, const TransformsMeta<T>& meta,
                     const ImageData<T>& noisy, const ImageData<T>* pilot,
                     const Vec3<T*>& moveTransforms, TempMemory<T>& temp,
-                    BlockCollection<T>* noisyColl, BlockCollection<T>* pilotColl) {
-    if (!backwardsOnNarrowAxis(position, previous, band, params.imageSize)) {
+                    BlockCollection<T>* noisyColl, BlockCollection<T>* pilotColl, bool fresh = false) {
+    if (!fresh && !backwardsOnNarrowAxis(position, previous, band, params.imageSize)) {
         const Vec3<int> moved{std::max(position.x - previous.x, 0), std::max(position.y - previous.y, 0),
                               std::max(position.z - previous.z, 0)};
         moveCollections<stage, T>(position, moved, band, params.blockSize, moveTransforms, temp, noisy,
@@ -385,6 +442,47 @@ void keepBandAround(const Vec3<int>& position, const Vec3<int>& previous, const 
         pilotColl->extractInitial(*pilot, position, params.blockSize, meta.forward, meta.forwardKinds,
                                   false, temp, band);
     }
+}
+
+// Fills the covariance table and, when asked, the distance-correction table on
+// all of the pool's threads. Units (a lane group of the covariance table, then
+// a row of the distance table) are handed out in order; each is computed the
+// same way whichever thread takes it. False when scratch memory ran out.
+template <typename T>
+bool prepareNoiseTables(const Parameters& params, const Parameters& pairParams,
+                        const CovarianceTable& table, bool pairTable, const Vec3<int>& kept,
+                        const StageResources<T>& resources, TempMemory<T>& mainTemp) {
+    const Vec3<int>& sw = params.searchWindow;
+    const Vec3<int> windowExtent{2 * sw.x + 1, 2 * sw.y + 1, 2 * sw.z + 1};
+    const long covarianceUnits = table.groups();
+    const long units = covarianceUnits + (pairTable ? static_cast<long>(windowExtent.y) * windowExtent.z : 0);
+    std::atomic<long> nextUnit{0};
+    std::atomic<bool> failed{false};
+    ThreadPool::THREAD_POOL.newLoopJob([&](int t) {
+        std::unique_ptr<TempMemory<T>> own;
+        TempMemory<T>* scratch = t == 0 ? &mainTemp : nullptr;  // one index may use the main scratch
+        for (long u = nextUnit.fetch_add(1); u < units && !failed.load(); u = nextUnit.fetch_add(1)) {
+            if (u < covarianceUnits) {
+                if (!computeNoiseCovarianceLanes(resources.kernel, table, u, resources.covariance)) {
+                    failed.store(true);
+                }
+                continue;
+            }
+            if (scratch == nullptr) {
+                own.reset(new TempMemory<T>(createTempMemory<T>(pairParams)));
+                if (!own->allocated) {
+                    failed.store(true);
+                    return;
+                }
+                scratch = own.get();
+            }
+            const int row = static_cast<int>(u - covarianceUnits);
+            calculateVariancePairRows<T>(sw, windowExtent, params.blockSize, params.psdWorkSize, kept,
+                                         resources.kernel, SIZE_2_TRANSFORM, params.matchVarianceWeight,
+                                         resources.distanceCorrection, *scratch, row, row + 1);
+        }
+    });
+    return !failed.load();
 }
 }  // namespace
 
@@ -401,10 +499,10 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
     pool.launchPool(params.numThreads);
 
     Memory<T> mainMemory = allocateMemory<T>(params);
-    // The distance-correction table is built from two-block groups, whatever the
-    // largest group of the stage.
+    // The main thread's scratch only serves the distance-correction table, built
+    // from two-block groups, whatever the largest group of the stage.
     Parameters pairParams = params;
-    pairParams.maxGroupSize = std::max(params.maxGroupSize, 2);
+    pairParams.maxGroupSize = 2;
     TempMemory<T> mainTemp = createTempMemory<T>(pairParams);
     if (!mainMemory.allocated || !mainTemp.allocated) {
         report("Error: could not allocate working memory");
@@ -437,25 +535,23 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
         return false;
     }
     // Only the first stage matches noisy blocks; the Wiener stage matches on its
-    // pilot, whose distances carry no noise to correct for.
-    if (stage == HardThresholding && params.matchVarianceWeight > 0) {
-        calculateVariancePairs<T>(sw, windowExtent, params.blockSize, params.psdWorkSize, kept,
-                                  resources.kernel, SIZE_2_TRANSFORM, params.matchVarianceWeight,
-                                  resources.distanceCorrection, mainTemp);
-    } else {
+    // pilot, whose distances carry no noise to correct for. The groups' variances
+    // come from the covariance table alone: the kernel it is built from is
+    // released before the workers take their memory.
+    const bool pairTable = stage == HardThresholding && params.matchVarianceWeight > 0;
+    if (!pairTable) {
         std::fill(resources.distanceCorrection, resources.distanceCorrection + windowExtent.volume(),
                   0.0f);
     }
-    // The groups' variances come from the covariance table alone: the kernel it is
-    // built from is released before the workers take their memory.
-    computeNoiseCovariance(resources.kernel, params.psdWorkSize, kept, params.blockSize.volume(),
-                           resources.covariance);
-    std::free(resources.kernel);
-    resources.kernel = nullptr;
-    if (resources.covariance == nullptr) {
+    const CovarianceTable table{params.psdWorkSize, kept, params.blockSize.volume()};
+    resources.covariance = allocateNoiseCovariance(table);
+    if (resources.covariance == nullptr || !prepareNoiseTables<T>(params, pairParams, table, pairTable,
+                                                                  kept, resources, mainTemp)) {
         report("Could not allocate memory for variances");
         return false;
     }
+    std::free(resources.kernel);
+    resources.kernel = nullptr;
 
     // A band that is whole everywhere is filled once and shared.
     const korvo_detail::ReferenceGrid grid(params);
@@ -490,12 +586,27 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
                                   const_cast<T*>(meta.forward.z)};
     const korvo_detail::SlicePlan plan = korvo_detail::planSlices(params, pool.getNumThreads());
     std::vector<SlabBuffers<T>> slabs(static_cast<size_t>(plan.workers));
+    // The last busy worker, having fewer slices, helps the one before it. Not
+    // with a match storage: its rows are the caller's to record or replay.
+    const int owner = plan.busy - 2;
+    MatchHandoff handoff;
+    const bool helping = owner >= 0 && storage == nullptr &&
+                         handoff.allocate(owner * plan.perWorker, plan.perWorker, grid.rowsPerSlice(),
+                                          grid.counts.x, params.maxGroupSize);
 
     pool.newLoopJob([&](int t) {
         const int slices = grid.slices();
         const int first = t * plan.perWorker;
         const int end = std::min(first + plan.perWorker, slices);
         if (t >= plan.workers || first >= end) return;
+        const bool owning = helping && t == owner;
+        // However the owner leaves, the helper stops waiting for it.
+        struct Leave {
+            MatchHandoff* handoff;
+            ~Leave() {
+                if (handoff != nullptr) handoff->ownerDone.store(true, std::memory_order_release);
+            }
+        } leave{owning ? &handoff : nullptr};
         const FlushSubnormals flush;
         AggregationSlab<T> slab;
         if (!slabs[static_cast<size_t>(t)].allocate(params, grid, plan, t, slab)) {
@@ -537,6 +648,9 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
                     failed.store(true);
                     return;
                 }
+                const long handoffRow = static_cast<long>(k - first) * rowCount + j;
+                const bool replay = owning && !handoff.ownerTakes(handoffRow);
+                BlockMatchStorage recorded = replay ? handoff.slot(handoffRow, true) : BlockMatchStorage{};
                 for (int i = 0; i < grid.counts.x; ++i) {
                     Vec3<int> position;
                     if (!korvo_detail::referencePosition(params, grid, grid.raw(params.step, k, j, i),
@@ -548,14 +662,57 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
                                    pilotColl);
                     previous = position;
                     havePrevious = true;
-                    const int referenceIndex = grid.index(k, j, i);
                     processReferenceLocation<stage, T>(
                         position, params, meta, resources.distanceCorrection, resources.covariance,
-                        resources.localVariance, referenceIndex, *noisyColl, output, weights,
-                        tm.memory, tm.tempMemory, pilotColl, storage, &slab);
+                        resources.localVariance, replay ? i : grid.index(k, j, i), *noisyColl, output,
+                        weights, tm.memory, tm.tempMemory, pilotColl, replay ? &recorded : storage, &slab);
                 }
+                if (owning) handoff.ownerNext.store(handoffRow + 1, std::memory_order_release);
             }
             if (monitor != nullptr) monitor->slicesDone.fetch_add(1);
+        }
+        if (!helping || t != plan.busy - 1) return;
+        // Helper: rows ahead of the owner, while ring slots are free.
+        const int ownerFirst = handoff.firstSlice;
+        long lastRow = -2;  // the helper's bands only slide from row to next row
+        for (long row = handoff.ownerNext.load(std::memory_order_acquire) + 1; row < handoff.rows;) {
+            if (handoff.ownerDone.load(std::memory_order_acquire)) break;
+            if (monitor != nullptr && monitor->cancel.load(std::memory_order_relaxed)) break;
+            const long next = handoff.ownerNext.load(std::memory_order_acquire);
+            if (row <= next) {  // overtaken: go on ahead of the owner
+                row = next + 1;
+                continue;
+            }
+            if (row >= next + MatchHandoff::kRing) {  // the slot's previous row is not replayed yet
+                MatchHandoff::pause();
+                continue;
+            }
+            int expected = MatchHandoff::Free;
+            if (!handoff.state[static_cast<size_t>(row)].compare_exchange_strong(expected, MatchHandoff::Helper)) {
+                ++row;
+                continue;
+            }
+            BlockMatchStorage record = handoff.slot(row, false);
+            const int k = ownerFirst + static_cast<int>(row / rowCount);
+            const int j = static_cast<int>(row % rowCount);
+            bool jumped = row != lastRow + 1 && !wholeBand;
+            lastRow = row;
+            for (int i = 0; i < grid.counts.x; ++i) {
+                Vec3<int> position;
+                if (!korvo_detail::referencePosition(params, grid, grid.raw(params.step, k, j, i), position)) {
+                    continue;
+                }
+                keepBandAround<stage, T>(position, havePrevious ? previous : position, band, params, meta,
+                                         noisy, pilot, moveTransforms, tm.tempMemory, noisyColl, pilotColl,
+                                         jumped);
+                jumped = false;
+                previous = position;
+                havePrevious = true;
+                matchReferenceLocation<stage, T>(position, params, resources.distanceCorrection, i, *noisyColl,
+                                                 pilotColl, tm.memory, record);
+            }
+            handoff.state[static_cast<size_t>(row)].store(MatchHandoff::Ready, std::memory_order_release);
+            ++row;
         }
     });
 

@@ -47,6 +47,9 @@ KORVO_API StageStatus runStageWie(const float* noisy, const float* psd, Paramete
 // Per-axis arrays shorter than two values count as absent: length 1, ZERO.
 void normaliseAxisArrays(Parameters& params);
 
+// Rows of matches the last busy worker records ahead for the one before it.
+constexpr int kHandoffRows = 4;
+
 // Threads a pool launched with `requested` runs (the hardware's when below 1).
 int poolThreadCount(int requested);
 

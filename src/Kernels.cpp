@@ -92,8 +92,18 @@ void calculateVariancePairs(const Vec3<int>& centre, const Vec3<int>& extent,
                             const Vec3<int>& keptSize, const float* k3fT3,
                             const float* pairTransform, float weight, float* table,
                             TempMemory<T>& tmp) {
+    calculateVariancePairRows(centre, extent, blockSize, workSize, keptSize, k3fT3, pairTransform,
+                              weight, table, tmp, 0, extent.y * extent.z);
+}
+
+template <typename T>
+void calculateVariancePairRows(const Vec3<int>& centre, const Vec3<int>& extent,
+                               const Vec3<int>& blockSize, const Vec3<int>& workSize,
+                               const Vec3<int>& keptSize, const float* k3fT3,
+                               const float* pairTransform, float weight, float* table,
+                               TempMemory<T>& tmp, int firstRow, int endRow) {
     activeKernels().variancePairs(centre, extent, blockSize, workSize, keptSize, k3fT3,
-                                  pairTransform, weight, table, tmp);
+                                  pairTransform, weight, table, tmp, firstRow, endRow);
 }
 
 int fftReal(int n, Complex* in, Complex* out) { return activeKernels().fftReal(n, in, out); }
@@ -121,3 +131,7 @@ template void covarianceVariances<float>(int, const Vec3<int>&, const Vec3<int>&
 template void calculateVariancePairs<float>(const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
                                             const Vec3<int>&, const Vec3<int>&, const float*,
                                             const float*, float, float*, TempMemory<float>&);
+template void calculateVariancePairRows<float>(const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
+                                               const Vec3<int>&, const Vec3<int>&, const float*,
+                                               const float*, float, float*, TempMemory<float>&, int,
+                                               int);

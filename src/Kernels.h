@@ -53,7 +53,7 @@ struct KernelSet {
                           const bool*, TempMemory<float>&);
     void (*variancePairs)(const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
                           const Vec3<int>&, const float*, const float*, float, float*,
-                          TempMemory<float>&);
+                          TempMemory<float>&, int, int);
     int (*fftReal)(int, Complex*, Complex*);
     int (*fftComplex)(int, Complex*, Complex*);
     void (*fft64)(const creal32_T*, creal32_T*);
@@ -123,7 +123,7 @@ void calculateVariancePairs(const Vec3<int>& centre, const Vec3<int>& extent,
                             const Vec3<int>& blockSize, const Vec3<int>& workSize,
                             const Vec3<int>& keptSize, const float* k3fT3,
                             const float* pairTransform, float weight, float* table,
-                            TempMemory<float>& tmp);
+                            TempMemory<float>& tmp, int firstRow, int endRow);
 int fftReal(int n, Complex* in, Complex* out);
 int fftComplex(int n, Complex* in, Complex* out);
 void FFTComplex64(const creal32_T* in, creal32_T* out);

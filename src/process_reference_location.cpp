@@ -75,6 +75,19 @@ float blockVariances(int n, long blockVolume, const float* inverse, Memory<T>& m
     return n < 1 ? 0.0f : total / static_cast<float>(n);
 }
 
+// Takes the aggregation lock, spinning a while before sleeping on it: it is held
+// for one group's accumulation only, much shorter than a sleep and a wake-up.
+std::unique_lock<std::mutex> takeLock(std::mutex& mutex) {
+    constexpr int kSpins = 1000;
+    for (int i = 0; i < kSpins; ++i) {
+        if (mutex.try_lock()) return std::unique_lock<std::mutex>(mutex, std::adopt_lock);
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#endif
+    }
+    return std::unique_lock<std::mutex>(mutex);
+}
+
 template <typename T>
 Cube4D<T> firstMembers(const Cube4D<T>& cube, int n) {
     return Cube4D<T>{{cube.size.x, cube.size.y, cube.size.z, n}, cube.data};
@@ -149,25 +162,56 @@ void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int 
         if (plane >= slabFirst && plane < slabEnd) return own + (offset - slabFirst * slab->stride);
         return shared + offset;
     };
+    // Up to this many samples a block's contributions are formed first, whole
+    // (eight lanes at a time), and then only added row by row.
+    constexpr long kFormed = 512;
+    const long volume = static_cast<long>(bx) * by * bz;
+    alignas(32) T formedNum[kFormed];
+    alignas(32) float formedWts[kFormed];
+    auto touchRows = [&](const Vec3<int>& p) {
+        for (int z = 0; z < bz; ++z) {
+            for (int y = 0; y < by; ++y) {
+                __builtin_prefetch(row(num, slabbed ? slab->numerator : num, p, y, z), 1);
+                __builtin_prefetch(row(wts, slabbed ? slab->weights : wts, p, y, z), 1);
+            }
+        }
+    };
     for (int k = 0; k < groupSize; ++k) {
         const float v = blockVariances[k];
         const float vN = std::max(v, 1e-8f);
         const float vW = floor > v ? floor : v;
         const Vec3<int>& p = matches[k].position;
         const T* block = group.data + k * slot;
-        for (int z = 0; z < bz; ++z) {
-            for (int y = 0; y < by; ++y) {
-                const T* g = block + bx * (y + by * z);
-                const float* w = window + bx * (y + by * z);
-                T* KORVO_RESTRICT numRow = row(num, slabbed ? slab->numerator : num, p, y, z);
-                for (int x = 0; x < bx; ++x) numRow[x] += g[x] * w[x] / vN;
+        if (volume > kFormed) {
+            for (int z = 0; z < bz; ++z) {
+                for (int y = 0; y < by; ++y) {
+                    const T* g = block + bx * (y + by * z);
+                    const float* w = window + bx * (y + by * z);
+                    T* KORVO_RESTRICT numRow = row(num, slabbed ? slab->numerator : num, p, y, z);
+                    for (int x = 0; x < bx; ++x) numRow[x] += g[x] * w[x] / vN;
+                }
             }
+            for (int z = 0; z < bz; ++z) {
+                for (int y = 0; y < by; ++y) {
+                    const float* w = window + bx * (y + by * z);
+                    float* KORVO_RESTRICT wRow = row(wts, slabbed ? slab->weights : wts, p, y, z);
+                    for (int x = 0; x < bx; ++x) wRow[x] += w[x] / vW;
+                }
+            }
+            continue;
         }
+        for (long e = 0; e < volume; ++e) {
+            formedNum[e] = block[e] * window[e] / vN;
+            formedWts[e] = window[e] / vW;
+        }
+        if (k + 1 < groupSize) touchRows(matches[k + 1].position);
         for (int z = 0; z < bz; ++z) {
             for (int y = 0; y < by; ++y) {
-                const float* w = window + bx * (y + by * z);
+                const long at = bx * (y + by * z);
+                T* KORVO_RESTRICT numRow = row(num, slabbed ? slab->numerator : num, p, y, z);
                 float* KORVO_RESTRICT wRow = row(wts, slabbed ? slab->weights : wts, p, y, z);
-                for (int x = 0; x < bx; ++x) wRow[x] += w[x] / vW;
+                for (int x = 0; x < bx; ++x) numRow[x] += formedNum[at + x];
+                for (int x = 0; x < bx; ++x) wRow[x] += formedWts[at + x];
             }
         }
     }
@@ -250,11 +294,27 @@ void processReferenceLocation(const Vec3<int>& referencePosition, const Paramete
     }
     const float meanVariance = blockVariances(n, blockVolume, inverse, memory, tempMemory);
 
-    std::lock_guard<std::mutex> lock(aggregationMutex);
+    const std::unique_lock<std::mutex> lock = takeLock(aggregationMutex);
     aggregate<T>(memory.matches, blockSize, n, memory.estimate, memory.blockVariances, meta.window,
                  meanVariance, numerator, weights, slab);
 }
 
+template <StageName stage, typename T>
+void matchReferenceLocation(const Vec3<int>& position, const Parameters& params,
+                            const float* distanceCorrection, int referenceIndex,
+                            const BlockCollection<T>& collection, const BlockCollection<T>* pilotCollection,
+                            Memory<T>& memory, BlockMatchStorage& storage) {
+    KORVO_ASSERT(storage.filled == 0);
+    const BlockCollection<T>& matchCollection = stage == Wiener ? *pilotCollection : collection;
+    gatherGroup(position, params, distanceCorrection, referenceIndex, matchCollection, memory, &storage);
+}
+
+template void matchReferenceLocation<HardThresholding, float>(
+    const Vec3<int>&, const Parameters&, const float*, int, const BlockCollection<float>&,
+    const BlockCollection<float>*, Memory<float>&, BlockMatchStorage&);
+template void matchReferenceLocation<Wiener, float>(const Vec3<int>&, const Parameters&, const float*, int,
+                                                    const BlockCollection<float>&, const BlockCollection<float>*,
+                                                    Memory<float>&, BlockMatchStorage&);
 template void alphaRooting<float>(float, float, bool, Cube4D<float>&, Cube4D<float>&);
 template void aggregate<float>(const BlockDistance<float>*, const Vec3<int>&, int,
                                const Cube4D<float>&, const float*, const float*, float,

@@ -34,6 +34,15 @@ void processReferenceLocation(const Vec3<int>& referencePosition, const Paramete
                               BlockCollection<T>* pilotCollection, BlockMatchStorage* storage,
                               const AggregationSlab<T>* slab = nullptr);
 
+// Finds the group of the reference at `position` (on the pilot in the Wiener
+// stage) and records it in row `referenceIndex` of `storage`, which must be
+// recording: the filter can replay it from there, on another thread.
+template <StageName stage, typename T>
+void matchReferenceLocation(const Vec3<int>& position, const Parameters& params,
+                            const float* distanceCorrection, int referenceIndex,
+                            const BlockCollection<T>& collection, const BlockCollection<T>* pilotCollection,
+                            Memory<T>& memory, BlockMatchStorage& storage);
+
 // Sharpens the surviving coefficients relative to the group DC; the DC itself
 // and its variance are never changed.
 template <typename T>

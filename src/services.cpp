@@ -10,6 +10,7 @@
 #include "BlockCollection.h"
 #include "KORVO.h"
 #include "korvo/korvo.h"
+#include "noise/covariance.h"
 
 namespace {
 constexpr int kMaxGroup = 64;
@@ -385,7 +386,8 @@ long long korvoWorkingBytes(const Parameters* params, int stage) {
     const long long window = (2LL * sw.x + 1) * (2LL * sw.y + 1) * (2LL * sw.z + 1);
     // The weight image, the noise covariance table, the distance table and the
     // per-coefficient variances.
-    long long bytes = product(p.imageSize) * f + product(p.psdWorkSize) * block * f + window * f + block * f;
+    const CovarianceTable covariance{p.psdWorkSize, p.psdWorkSize, static_cast<int>(block)};
+    long long bytes = product(p.imageSize) * f + covariance.rows() * block * f + window * f + block * f;
     const korvo_detail::ReferenceGrid grid(p);
     const korvo_detail::SlicePlan plan =
         korvo_detail::planSlices(p, korvo_detail::poolThreadCount(p.numThreads));
@@ -396,5 +398,12 @@ long long korvoWorkingBytes(const Parameters* params, int stage) {
     const long long plane = grid.sliceAxis == 2 ? static_cast<long long>(p.imageSize.x) * p.imageSize.y
                                                 : p.imageSize.x;
     for (int count : plan.slabCount) bytes += count * plane * 2 * f;
+    // Matches recorded ahead for the busiest worker: a few rows of records, and
+    // a claim flag per row of its slices.
+    if (plan.busy >= 2) {
+        const long long records = static_cast<long long>(korvo_detail::kHandoffRows) * grid.counts.x;
+        bytes += records * (static_cast<long long>(sizeof(std::int32_t)) + group * 2 * static_cast<long long>(sizeof(Vec3<int>))) +
+                 static_cast<long long>(plan.perWorker) * grid.rowsPerSlice() * static_cast<long long>(sizeof(int));
+    }
     return bytes;
 }

@@ -13,9 +13,33 @@
 
 #include "common.h"
 
-// Stores in `out` (malloc'ed, the caller frees it; null when out of memory) the
-// table C: B floats per displacement d = (dx, dy, dz), 0 <= d < workSize, at
-// (dx + Nx*(dy + Ny*dz)) * B + e. Computed in double by separable passes.
+// The table C: B floats per displacement class d = (dx, dy, dz), 0 <= d < workSize,
+// at (dx + Nx*(dy + Ny*dz)) * B + e. C(-d) = C(d), so only the classes with
+// dz <= Nz/2 are kept; covarianceClass maps any class to its row.
+struct CovarianceTable {
+    Vec3<int> workSize{};
+    Vec3<int> keptSize{};
+    int b = 0;
+    long rows() const;  // displacement classes kept
+    long groups() const;  // lane groups: units of computeNoiseCovarianceLanes
+};
+
+inline int covarianceClass(int x, int y, int z, const Vec3<int>& w) {
+    const bool flip = z > w.z / 2;
+    const int fx = flip && x != 0 ? w.x - x : x;
+    const int fy = flip && y != 0 ? w.y - y : y;
+    const int fz = flip ? w.z - z : z;
+    return fx + w.x * (fy + w.y * fz);
+}
+
+// Allocates the table (calloc; the caller frees it; null when out of memory).
+float* allocateNoiseCovariance(const CovarianceTable& table);
+// Fills lane group `group` of the table (each group its own coefficients, so
+// groups may be filled concurrently); false when out of scratch memory.
+bool computeNoiseCovarianceLanes(const float* k3fT3, const CovarianceTable& table, long group,
+                                 float* out);
+// Allocates and fills the whole table into `out` (null when out of memory).
+// Computed in double by separable passes.
 void computeNoiseCovariance(const float* k3fT3, const Vec3<int>& workSize,
                             const Vec3<int>& keptSize, int b, float*& out);
 

@@ -9,6 +9,7 @@
 
 #include "Kernels.h"
 #include "fused.h"
+#include "noise/covariance.h"
 
 namespace KORVO_KERNEL_NS {
 namespace {
@@ -331,7 +332,7 @@ void covarianceVariances(int n, const Vec3<int>& blockSize, const Vec3<int>& wor
                 const int x = dx[i] + (wx & (dx[i] >> 31));
                 const int y = dy[i] + (wy & (dy[i] >> 31));
                 const int z = dz[i] + (wz & (dz[i] >> 31));
-                row[i] = x + wx * (y + wy * z);
+                row[i] = covarianceClass(x, y, z, w);
                 member[i] = k * kMemberStride + from + i;
             }
             batch.count += count;
@@ -345,25 +346,25 @@ void calculateVariancePairs(const Vec3<int>& centre, const Vec3<int>& extent,
                             const Vec3<int>& blockSize, const Vec3<int>& workSize,
                             const Vec3<int>& keptSize, const float* k3fT3,
                             const float* pairTransform, float weight, float* table,
-                            TempMemory<float>& tmp) {
+                            TempMemory<float>& tmp, int firstRow, int endRow) {
     const int b = blockSize.x * blockSize.y * blockSize.z;
     Cube4D<float> cube{{blockSize.x, blockSize.y, blockSize.z, 2},
                        static_cast<float*>(std::malloc(static_cast<size_t>(b) * 2 * sizeof(float)))};
     BlockDistance<float> records[2] = {};
     records[0].relativePosition = centre;
-    for (int dz = 0; dz < extent.z; ++dz) {
-        for (int dy = 0; dy < extent.y; ++dy) {
-            for (int dx = 0; dx < extent.x; ++dx) {
-                records[1].relativePosition = Vec3<int>{dx, dy, dz};
-                calculateVariances(2, blockSize, workSize, keptSize, 2, pairTransform, k3fT3,
-                                   nullptr, cube, records, tmp);
-                // The second group coefficient is the scaled difference of the two blocks.
-                float s = 0.0f;
-                for (int e = 0; e < b; ++e) {
-                    s += cube.data[b + e];
-                }
-                table[dx + extent.x * (dy + extent.y * dz)] = (s + s) * weight;
+    const int endAt = std::min(endRow, extent.y * extent.z);
+    for (int rowIndex = std::max(firstRow, 0); rowIndex < endAt; ++rowIndex) {
+        const int dy = rowIndex % extent.y, dz = rowIndex / extent.y;
+        for (int dx = 0; dx < extent.x; ++dx) {
+            records[1].relativePosition = Vec3<int>{dx, dy, dz};
+            calculateVariances(2, blockSize, workSize, keptSize, 2, pairTransform, k3fT3, nullptr, cube,
+                               records, tmp);
+            // The second group coefficient is the scaled difference of the two blocks.
+            float s = 0.0f;
+            for (int e = 0; e < b; ++e) {
+                s += cube.data[b + e];
             }
+            table[dx + extent.x * (dy + extent.y * dz)] = (s + s) * weight;
         }
     }
     std::free(cube.data);

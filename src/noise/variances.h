@@ -22,3 +22,11 @@ void calculateVariancePairs(const Vec3<int>& centre, const Vec3<int>& extent,
                             const Vec3<int>& keptSize, const float* k3fT3,
                             const float* pairTransform, float weight, float* table,
                             TempMemory<T>& tmp);
+// The same for the rows dy + extent.y * dz from firstRow up to endRow only: parts
+// of one table may be filled concurrently, each with its own scratch.
+template <typename T>
+void calculateVariancePairRows(const Vec3<int>& centre, const Vec3<int>& extent,
+                               const Vec3<int>& blockSize, const Vec3<int>& workSize,
+                               const Vec3<int>& keptSize, const float* k3fT3,
+                               const float* pairTransform, float weight, float* table,
+                               TempMemory<T>& tmp, int firstRow, int endRow);

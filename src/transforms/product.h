@@ -73,6 +73,73 @@ void productOverRows(Rows row, const float* KORVO_RESTRICT m, int n, float* KORV
     }
 }
 
+// The nonzero entries of an n x n matrix, row by row in column order. Skipping
+// the zero terms of the product changes no value: a fused multiply-add with a
+// zero product returns its addend (only the sign of an all-zero sum may differ).
+struct SparseRows {
+    static constexpr int kMaxN = 32;
+    int n = 0;
+    int start[kMaxN + 1] = {};
+    int column[kMaxN * kMaxN] = {};
+    float value[kMaxN * kMaxN] = {};
+
+    // False (and nothing kept) when n is out of range or fewer than half the
+    // entries are zero, where the dense loops do as well.
+    bool build(const float* m, int size) {
+        if (size < 1 || size > kMaxN) return false;
+        int nonzero = 0;
+        for (int i = 0; i < size * size; ++i) nonzero += m[i] != 0.0f;
+        if (2 * nonzero > size * size) return false;
+        n = size;
+        int at = 0;
+        for (int k = 0; k < size; ++k) {
+            start[k] = at;
+            for (int j = 0; j < size; ++j) {
+                if (m[k * size + j] == 0.0f) continue;
+                column[at] = j;
+                value[at++] = m[k * size + j];
+            }
+        }
+        start[size] = at;
+        return true;
+    }
+};
+
+// productOverRows<0> over the nonzero terms only, in the same order.
+template <class Rows>
+void sparseProductOverRows(Rows row, const SparseRows& s, float* KORVO_RESTRICT out,
+                           std::ptrdiff_t outStride, std::ptrdiff_t count) {
+    constexpr std::ptrdiff_t kBlock = 16;
+    const std::ptrdiff_t blocked = count - count % kBlock;
+    const float* in[SparseRows::kMaxN];
+    for (int j = 0; j < s.n; ++j) in[j] = row(j);
+    for (int k = 0; k < s.n; ++k) {
+        float* dst = out + k * outStride;
+        const int first = s.start[k], end = s.start[k + 1];
+        if (first == end) {
+            for (std::ptrdiff_t i = 0; i < count; ++i) dst[i] = 0.0f;
+            continue;
+        }
+        const float* KORVO_RESTRICT r0 = in[s.column[first]];
+        const float m0 = s.value[first];
+        for (std::ptrdiff_t i0 = 0; i0 < blocked; i0 += kBlock) {
+            float acc[kBlock];
+            for (std::ptrdiff_t i = 0; i < kBlock; ++i) acc[i] = r0[i0 + i] * m0;
+            for (int t = first + 1; t < end; ++t) {
+                const float* KORVO_RESTRICT rj = in[s.column[t]] + i0;
+                const float mj = s.value[t];
+                for (std::ptrdiff_t i = 0; i < kBlock; ++i) acc[i] = fusedMultiplyAdd(rj[i], mj, acc[i]);
+            }
+            for (std::ptrdiff_t i = 0; i < kBlock; ++i) dst[i0 + i] = acc[i];
+        }
+        if (blocked < count) {
+            scaleRow(r0 + blocked, m0, dst + blocked, count - blocked);
+            for (int t = first + 1; t < end; ++t)
+                fmaRow(in[s.column[t]] + blocked, s.value[t], dst + blocked, count - blocked);
+        }
+    }
+}
+
 // productOverRows with the common sizes fixed at compile time.
 template <class Rows>
 void productOverRowsAnySize(Rows row, const float* m, int n, float* out, std::ptrdiff_t outStride,

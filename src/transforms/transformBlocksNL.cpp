@@ -2,6 +2,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
+#include <memory>
 
 #include "Kernels.h"
 #include "transforms/product.h"
@@ -11,12 +13,49 @@ namespace {
 
 using TransformsMetas::StandardTransform;
 using product::productOverRowsAnySize;
+using product::SparseRows;
+
+// The sparse form of the last few large matrices this thread multiplied with,
+// recognised by address and contents (a caller's table may be reused).
+const SparseRows* sparseForm(const float* m, int n) {
+    if (n < 16 || n > SparseRows::kMaxN) return nullptr;
+    struct Entry {
+        const float* source = nullptr;
+        int n = 0;
+        bool sparse = false;
+        float copy[SparseRows::kMaxN * SparseRows::kMaxN];
+        SparseRows rows;
+    };
+    constexpr int kEntries = 4;
+    struct Cache {
+        Entry entry[kEntries];
+        int next = 0;
+    };
+    thread_local std::unique_ptr<Cache> cache;
+    if (!cache) cache.reset(new Cache());
+    const size_t bytes = sizeof(float) * static_cast<size_t>(n) * static_cast<size_t>(n);
+    for (const Entry& e : cache->entry) {
+        if (e.source == m && e.n == n && std::memcmp(e.copy, m, bytes) == 0)
+            return e.sparse ? &e.rows : nullptr;
+    }
+    Entry& e = cache->entry[cache->next];
+    cache->next = (cache->next + 1) % kEntries;
+    e.source = m;
+    e.n = n;
+    std::memcpy(e.copy, m, bytes);
+    e.sparse = e.rows.build(m, n);
+    return e.sparse ? &e.rows : nullptr;
+}
 
 // Output member k = input member 0 times M[k*n], then fused multiply-adds over
 // the members j = 1..n-1 in ascending order, coefficient by coefficient.
 template <class Members>
 void generalProduct(Members member, int n, const float* m, float* out, std::ptrdiff_t vol) {
     if (vol < 1 || n < 1) return;
+    if (const SparseRows* sparse = sparseForm(m, n)) {
+        product::sparseProductOverRows(member, *sparse, out, vol, vol);
+        return;
+    }
     productOverRowsAnySize(member, m, n, out, vol, vol);
 }
 

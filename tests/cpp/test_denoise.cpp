@@ -1,6 +1,7 @@
 // The denoiser end to end, and the filter steps it is built from.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -11,6 +12,8 @@
 #include "ImageData.h"
 #include "korvo/korvo.h"
 #include "process_reference_location.h"
+#include "transforms/tables.h"
+#include "transforms/transformBlocksNL.h"
 
 namespace {
 using korvo_phantom::addNoise;
@@ -162,6 +165,27 @@ TEST(Denoise, SplitBandsAndThreadCountsAgree) {
     EXPECT_LT(maxAbsDifference(denoise(noisy, psd, single).final, whole.final), 1e-5);
 }
 
+// The last worker has fewer slices and, once done, matches rows of the one
+// before it ahead of it. With a match storage it does not; both must give the same bits.
+TEST(Denoise, MatchesFoundAheadByTheIdleWorkerChangeNothing) {
+    const Vec3<int> size{26, 24, 30};  // slices 8 and 6
+    const auto [clean, noisy] = korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, 6);
+    Parameters p = baseParameters(size, {4, 4, 4});
+    p.psdSize = {1, 1, 1};
+    const std::vector<float> psd{0.01f};
+    for (const bool split : {false, true}) {
+        p.splitBlockExtraction[2] = split;
+        const int rows = (size.x / 2 + 2) * (size.y / 2 + 2) * (size.z / 2 + 2);
+        MatchTable table(rows, p.maxGroupSize);
+        const StageResults alone = denoise(noisy, psd, p, &table.storage);
+        for (int run = 0; run < 3; ++run) {
+            const StageResults helped = denoise(noisy, psd, p);
+            EXPECT_EQ(helped.basic, alone.basic) << split;
+            EXPECT_EQ(helped.final, alone.final) << split;
+        }
+    }
+}
+
 // The order of the additions into the accumulators must not depend on thread
 // timing: repeated runs with the same thread count agree bit for bit.
 TEST(Denoise, RepeatedRunsWithTheSameThreadCountAgreeBitForBit) {
@@ -295,4 +319,82 @@ TEST(AlphaRooting, MatchesDirectFormula) {
     }
     EXPECT_EQ(c2[0], 4.0f);
     EXPECT_EQ(v2[0], v[0]);
+}
+
+// Blocks up to 512 samples have their contributions formed whole before they are
+// added, larger ones row by row: both against the element-wise rule.
+TEST(Aggregate, WholeBlockAndRowPathsFollowTheElementRule) {
+    for (const Vec3<int> block : {Vec3<int>{4, 4, 4}, Vec3<int>{3, 5, 2}, Vec3<int>{9, 8, 8}}) {
+        const Vec3<int> size{block.x + 3, block.y + 2, block.z + 2};
+        const int n = 4;
+        const long vol = block.volume();
+        std::vector<float> group(static_cast<size_t>(vol * n)), window(static_cast<size_t>(vol));
+        for (size_t i = 0; i < group.size(); ++i) group[i] = std::sin(0.37f * static_cast<float>(i)) * 3.0f;
+        for (size_t i = 0; i < window.size(); ++i) window[i] = 0.5f + 0.01f * static_cast<float>(i % 17);
+        const float variances[n] = {0.3f, 1e-9f, 2.5f, 0.07f};
+        BlockDistance<float> matches[n] = {{nullptr, 0.0f, {0, 0, 0}, {}}, {nullptr, 0.0f, {1, 2, 1}, {}},
+                                           {nullptr, 0.0f, {3, 0, 2}, {}}, {nullptr, 0.0f, {1, 2, 1}, {}}};
+        std::vector<float> num(static_cast<size_t>(size.volume()), 0.0f), den(num.size(), 0.0f);
+        std::vector<float> refNum = num, refDen = den;
+        ImageDataMutable<float> numerator(num.data(), size, false), weights(den.data(), size, false);
+        const Cube4D<float> cube{{block.x, block.y, block.z, n}, group.data()};
+        aggregate<float>(matches, block, n, cube, variances, window.data(), 0.5f, numerator, weights);
+        const float floor = std::max(0.5f * 0.0001f, 1e-8f);
+        for (int k = 0; k < n; ++k) {
+            const Vec3<int>& p = matches[k].position;
+            for (long e = 0; e < vol; ++e) {
+                const int x = static_cast<int>(e % block.x), y = static_cast<int>(e / block.x % block.y),
+                          z = static_cast<int>(e / (block.x * block.y));
+                const size_t at = static_cast<size_t>(p.x + x + size.x * (p.y + y + size.y * (p.z + z)));
+                refNum[at] += group[static_cast<size_t>(k * vol + e)] * window[static_cast<size_t>(e)] /
+                              std::max(variances[k], 1e-8f);
+                refDen[at] += window[static_cast<size_t>(e)] / (floor > variances[k] ? floor : variances[k]);
+            }
+        }
+        EXPECT_EQ(num, refNum);
+        EXPECT_EQ(den, refDen);
+    }
+}
+
+// Matrices that are mostly zeros skip their zero terms: the same values as the
+// full multiply-add chain, whatever the contents left at the same address.
+TEST(GroupTransform, SparseMatricesGiveTheFullProductsValues) {
+    const Vec3<int> block{4, 4, 3};
+    const long vol = block.volume();
+    const int n = 32;
+    std::vector<float> members(static_cast<size_t>(vol * n)), out(members.size()), back(members.size());
+    for (size_t i = 0; i < members.size(); ++i) members[i] = std::cos(0.731f * static_cast<float>(i)) * 2.0f;
+    std::vector<BlockDistance<float>> matches(n);
+    for (int j = 0; j < n; ++j) matches[static_cast<size_t>((j * 5) % n)].block = members.data() + j * vol;
+    auto reference = [&](auto member, const float* m, int size, long e, int k) {
+        float acc = member(0)[e] * m[k * size];
+        for (int j = 1; j < size; ++j) acc = std::fma(member(j)[e], m[k * size + j], acc);
+        return acc;
+    };
+    std::vector<float> matrix(HAAR_32_FWD, HAAR_32_FWD + n * n);
+    std::vector<float> zeroRow(HAAR_16_FWD, HAAR_16_FWD + 256);
+    std::fill(zeroRow.begin() + 16 * 5, zeroRow.begin() + 16 * 6, 0.0f);
+    struct Case {
+        int size;
+        const float* forward;
+        const float* inverse;
+    } cases[] = {{16, HAAR_16_FWD, HAAR_16_INV}, {16, zeroRow.data(), HAAR_16_INV}, {32, matrix.data(), HAAR_32_INV}};
+    auto check = [&](const Case& c) {
+        Cube4D<float> forward{{block.x, block.y, block.z, c.size}, out.data()};
+        Cube4D<float> inverse{{block.x, block.y, block.z, c.size}, back.data()};
+        transformBlocksNL<float>(matches.data(), c.size, c.forward, TransformsMetas::Arbitrary, forward, block);
+        transformBlocksNL<float>(forward, c.size, c.inverse, TransformsMetas::InverseArbitrary, inverse, block);
+        const auto fromMatches = [&](int j) { return matches[static_cast<size_t>(j)].block; };
+        const auto fromCube = [&](int j) { return out.data() + j * vol; };
+        for (int k = 0; k < c.size; ++k) {
+            for (long e = 0; e < vol; ++e) {
+                ASSERT_EQ(out[static_cast<size_t>(k * vol + e)], reference(fromMatches, c.forward, c.size, e, k));
+                ASSERT_EQ(back[static_cast<size_t>(k * vol + e)], reference(fromCube, c.inverse, c.size, e, k));
+            }
+        }
+    };
+    for (const Case& c : cases) check(c);
+    // Same address, new contents: a dense matrix this time.
+    for (size_t i = 0; i < matrix.size(); ++i) matrix[i] = 0.01f * static_cast<float>((i * 37) % 101) - 0.5f;
+    check(cases[2]);
 }

@@ -440,6 +440,12 @@ void checkAgainstSimulation(const Scenario& s) {
         std::vector<float> table(pairs, -1.0f);
         calculateVariancePairs<float>(s.centre, s.extent, s.block, s.grid, model.kept, model.k3.p, pairTransform,
                                       weight, table.data(), model.tmp);
+        // Filled in parts, as the stage's threads share it: the same table.
+        std::vector<float> parts(pairs, -1.0f);
+        for (int row = 0; row < s.extent.y * s.extent.z; row += 2)
+            calculateVariancePairRows<float>(s.centre, s.extent, s.block, s.grid, model.kept, model.k3.p,
+                                             pairTransform, weight, parts.data(), model.tmp, row, row + 2);
+        EXPECT_EQ(parts, table);
         for (size_t i = 0; i < pairs; ++i) {
             const double mean = pairSum[i] / s.draws;
             const double spread = std::sqrt(std::max(pairSquares[i] / s.draws - mean * mean, 0.0) / (s.draws - 1));
