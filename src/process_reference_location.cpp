@@ -168,14 +168,6 @@ void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int 
     const long volume = static_cast<long>(bx) * by * bz;
     alignas(32) T formedNum[kFormed];
     alignas(32) float formedWts[kFormed];
-    auto touchRows = [&](const Vec3<int>& p) {
-        for (int z = 0; z < bz; ++z) {
-            for (int y = 0; y < by; ++y) {
-                __builtin_prefetch(row(num, slabbed ? slab->numerator : num, p, y, z), 1);
-                __builtin_prefetch(row(wts, slabbed ? slab->weights : wts, p, y, z), 1);
-            }
-        }
-    };
     for (int k = 0; k < groupSize; ++k) {
         const float v = blockVariances[k];
         const float vN = std::max(v, 1e-8f);
@@ -204,7 +196,6 @@ void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int 
             formedNum[e] = block[e] * window[e] / vN;
             formedWts[e] = window[e] / vW;
         }
-        if (k + 1 < groupSize) touchRows(matches[k + 1].position);
         for (int z = 0; z < bz; ++z) {
             for (int y = 0; y < by; ++y) {
                 const long at = bx * (y + by * z);
