@@ -80,9 +80,9 @@ def speed(args):
                                patch_distance=5, fast_mode=True)
     rows.append(("scikit-image non-local means", seconds, peak, psnr(out, clean)))
     print(f"{VOLUME} {z.shape}, {z.size / 1e6:.2f} Mvoxel, noise std {SIGMA}\n")
-    print("| call | seconds | peak memory | PSNR (dB) |\n|---|---|---|---|")
+    print("| call | seconds | PSNR (dB) |\n|---|---|---|")
     for name, seconds, peak, quality in rows:
-        print(f"| {name} | {seconds:.2f} | {peak / (4 * z.size):.1f}x | {quality:.2f} |")
+        print(f"| {name} | {seconds:.2f} | {quality:.2f} |")
     one, two, nlm = rows[0][1], rows[1][1], rows[2][1]
     print(f"\nspeed-up 1 -> 2 threads: {one / two:.2f}x; non-local means / korvo (2 threads): "
           f"{nlm / two:.1f}x")

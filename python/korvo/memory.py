@@ -77,7 +77,9 @@ def choose_split(record, stage, budget, native):
     (slabs cost no measurable time: each worker slides its own along its
     slices), then bands along the two slowest axes, then along all three
     (every new row of reference positions then fills its band afresh).
-    ``record`` is the stage's native record; its split flags are overwritten."""
+    Where even that exceeds the budget, fewer worker threads run the stage,
+    each keeping its own bands. ``record`` is the stage's native record; its
+    split flags (and thread count) are overwritten."""
     plane = record.image_size[2] == 1
     whole = (False, False, False)
     options = [(False, True, False), (True, True, False)] if plane else [
@@ -94,6 +96,8 @@ def choose_split(record, stage, budget, native):
             choice = split
             break
     record.split_block_extraction = choice
+    while budget is not None and record.num_threads > 1 and cost(choice) > budget:
+        record.num_threads -= 1
     return choice
 
 

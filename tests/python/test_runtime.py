@@ -167,6 +167,7 @@ def test_split_choice_follows_memory():
                           (1, (True, True, True))):
         assert choose_split(wiener, 1, budget, _native) == split
         assert wiener.split_block_extraction == split
+    assert wiener.num_threads == 1  # fewer workers, fewer bands, when nothing fits
     # A volume barely deeper than a band keeps it whole.
     assert choose_split(record((12, 256, 256), 1), 1, None, _native) == (False, False, False)
     plane = record((4000, 4000), 0)
