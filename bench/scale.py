@@ -128,10 +128,13 @@ def big(args):
         seconds = time.perf_counter() - started
         korvo.chunked._WORKERS.close()
         worker = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss * 1024
+        workers = korvo.profile._cpu_count()
+        total = driver + workers * worker
         print(f"{size}^3 ({z.size / 1e6:.0f} Mvoxel) in chunks of {chunk}^3 from .npy on disk to "
-              f".npy on disk: {seconds:.0f} s; driver peak added {driver / 2**20:.0f} MiB, largest "
-              f"worker process {worker / 2**20:.0f} MiB ({(driver + worker) / (4 * z.size):.2f}x "
-              f"the volume per worker)")
+              f".npy on disk, {workers} worker processes: {seconds:.0f} s; driver peak added "
+              f"{driver / 2**20:.0f} MiB, largest worker process {worker / 2**20:.0f} MiB "
+              f"(interpreter included); in all at most {total / 2**20:.0f} MiB, "
+              f"{total / (4 * z.size):.2f}x the volume's float32 bytes")
 
 
 def compare_dask(args):
