@@ -8,7 +8,7 @@ import numpy as np
 
 from . import _native, chunked
 from .matches import MatchStorage, StageMatches
-from .memory import SPLIT_ADVICE, call_budget, held_bytes
+from .memory import SPLIT_ADVICE, call_budget, held_bytes, release_freed
 from .noise import prewhiten
 from .profile import BUILT_IN_BLOCKS, KORVOProfile, PSDAdaptation, stage_parameters
 from .progress import make_reporter
@@ -107,6 +107,7 @@ def _run_stage(stage, noisy, psd, record, pilot, output, storage, reporter, labe
     if "error" in outcome:
         raise outcome["error"]
     status, rows = outcome["result"]
+    release_freed()
     if status == _native.StageStatus.THREAD_START_FAILED:
         raise MemoryError(f"could not start {record.num_threads} worker threads for the "
                           f"{_STAGE_LABELS[stage]} stage (the system refused them); lower "

@@ -5,6 +5,7 @@ peak memory a call adds."""
 from __future__ import annotations
 
 import os
+import sys
 import threading
 import time
 
@@ -99,6 +100,25 @@ def choose_split(record, stage, budget, native):
     while budget is not None and record.num_threads > 1 and cost(choice) > budget:
         record.num_threads -= 1
     return choice
+
+
+def _libc_trim():
+    try:
+        import ctypes
+        return ctypes.CDLL("libc.so.6").malloc_trim
+    except (OSError, AttributeError):  # not glibc
+        return None
+
+
+_TRIM = _libc_trim() if sys.platform.startswith("linux") else None
+
+
+def release_freed():
+    """Hands memory the allocator keeps after frees back to the system (glibc):
+    a stage's worker threads free their blocks in arenas of their own, which
+    would otherwise stay resident while the next stage allocates afresh."""
+    if _TRIM is not None:
+        _TRIM(0)
 
 
 def _status(field):
