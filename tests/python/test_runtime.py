@@ -100,7 +100,7 @@ def test_refused_threads_then_a_normal_call():
     script = textwrap.dedent("""
         import resource, numpy as np, korvo
         z = korvo.phantom((12, 24, 24))
-        many = korvo.KORVOProfile(num_threads=64)
+        many = korvo.KORVOProfile(num_threads=64, memory_limit=2**40)  # all 64 wanted
         korvo.korvo(z, 0.1)  # everything loaded and touched once
         soft, hard = resource.getrlimit(resource.RLIMIT_AS)
         with open("/proc/self/statm") as f:
