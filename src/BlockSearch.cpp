@@ -7,6 +7,7 @@
 #define KORVO_SEARCH_SSE 1
 #endif
 
+#include <cstdint>
 #include <utility>
 
 #include "Kernels.h"
@@ -24,7 +25,7 @@ inline float contribution(const Complex& a, const Complex& b) {
 }
 
 // Candidates whose sums run side by side; batches are padded to a multiple of kLanes.
-constexpr int kBatch = 32;
+constexpr int kBatch = 32;  // at most the bits of a decision mask
 constexpr int kLanes = 8;
 
 // The sums of kLanes candidates as independent chains, each still adding its
@@ -93,6 +94,20 @@ struct Lanes {
 };
 #define KORVO_SEARCH_LANES 1
 #endif
+
+// Index of the lowest set bit of a nonzero mask.
+inline int lowestBit(std::uint32_t mask) {
+#if defined(__GNUC__) && defined(__AVX2__)  // the baseline set must not count with tzcnt
+    return __builtin_ctz(mask);
+#else
+    int i = 0;
+    while (!(mask & 1u)) {
+        mask >>= 1;
+        ++i;
+    }
+    return i;
+#endif
+}
 
 // Asks for a block's cache lines ahead of its use.
 template <typename T>
@@ -181,28 +196,45 @@ void search(const CollectionView<T>& coll, const float* distanceCorrection, cons
     long size = 0;
     float worst = 0.0f;  // distance of the queue's top once it is full
 
-    const T* batchBlock[kBatch];
-    float batchDistance[kBatch];
-    Vec3<int> batchPosition[kBatch];
-    const auto decide = [&](int count) {
+    // Two batches: one is summed while the decisions of the one before run, so
+    // the branchy decisions overlap the tail of the sums instead of waiting on it.
+    struct Batch {
+        const T* block[kBatch];
+        float distance[kBatch];
+        Vec3<int> position[kBatch];
+        int count;
+    };
+    Batch batches[2];
+    const auto sum = [&](Batch& b) {
         // Padding lanes read the reference block; their sums are not looked at.
-        const int padded = (count + kLanes - 1) / kLanes * kLanes;
-        for (int i = count; i < padded; ++i) {
-            batchBlock[i] = ref;
-            batchDistance[i] = 0.0f;
+        const int padded = (b.count + kLanes - 1) / kLanes * kLanes;
+        for (int i = b.count; i < padded; ++i) {
+            b.block[i] = ref;
+            b.distance[i] = 0.0f;
         }
-        addDistancesBatch(batchDistance, batchBlock, ref, volume, padded);
-        for (int i = 0; i < count; ++i) {
-            const BlockDistance<T> candidate{batchBlock[i], batchDistance[i], batchPosition[i], batchPosition[i]};
-            if (size < capacity) {
-                worst = pushCandidate(queue, candidate);
-                ++size;
-            } else if (batchDistance[i] < worst) {
-                worst = replaceWorstCandidate(queue, candidate);
-            }
+        addDistancesBatch(b.distance, b.block, ref, volume, padded);
+    };
+    const auto candidateAt = [](const Batch& b, int i) {
+        return BlockDistance<T>{b.block[i], b.distance[i], b.position[i], b.position[i]};
+    };
+    const auto decide = [&](const Batch& b) {
+        int i = 0;
+        for (; i < b.count && size < capacity; ++i) {
+            worst = pushCandidate(queue, candidateAt(b, i));
+            ++size;
+        }
+        // The worst only drops as candidates are taken, so a candidate not below
+        // it now never gets in: only the others are looked at, in order.
+        std::uint32_t below = 0;
+        for (int k = i; k < b.count; ++k) below |= static_cast<std::uint32_t>(b.distance[k] < worst) << k;
+        for (; below != 0; below &= below - 1) {
+            const int k = lowestBit(below);
+            if (b.distance[k] < worst) worst = replaceWorstCandidate(queue, candidateAt(b, k));
         }
     };
-    int count = 0;
+    Batch* filling = &batches[0];
+    Batch* pending = nullptr;  // summed, not yet decided
+    filling->count = 0;
     for (int z = windowStart.z; z <= windowEnd.z; ++z) {
         for (int y = windowStart.y; y <= windowEnd.y; ++y) {
             // Index of the correction of (x, y, z) is rowCorrection + x.
@@ -228,17 +260,23 @@ void search(const CollectionView<T>& coll, const float* distanceCorrection, cons
                 }
                 const T* block = blockAt(candidateSlot);
                 const float start = -distanceCorrection[rowCorrection + x];
-                batchBlock[count] = block;
-                batchDistance[count] = start;
-                batchPosition[count] = Vec3<int>{x, y, z};
-                if (++count == kBatch) {
-                    decide(count);
-                    count = 0;
+                const int i = filling->count;
+                filling->block[i] = block;
+                filling->distance[i] = start;
+                filling->position[i] = Vec3<int>{x, y, z};
+                if (++filling->count == kBatch) {
+                    sum(*filling);
+                    if (pending) decide(*pending);
+                    pending = filling;
+                    filling = filling == &batches[0] ? &batches[1] : &batches[0];
+                    filling->count = 0;
                 }
             }
         }
     }
-    if (count > 0) decide(count);
+    if (filling->count > 0) sum(*filling);
+    if (pending) decide(*pending);
+    decide(*filling);
 }
 
 template void search<float>(const CollectionView<float>&, const float*, const Vec3<int>&,
