@@ -73,7 +73,7 @@ def speed(args):
     korvo.korvo(z[:24, :24, :24].copy(), SIGMA)  # first-call imports stay out of the figures
     rows = []
     for threads in (1, 2):
-        profile = korvo.KORVOProfile(num_threads=threads)
+        profile = korvo.KORVOProfile(num_threads=threads, memory_limit=args.memory_limit)
         out, seconds, peak = timed(korvo.korvo, z, SIGMA, profile=profile, repeat=args.repeat)
         rows.append((f"korvo, {threads} thread{'s' * (threads > 1)}", seconds, peak, psnr(out, clean)))
     out, seconds, peak = timed(denoise_nl_means, z, h=0.8 * SIGMA, sigma=SIGMA, patch_size=5,
@@ -162,6 +162,8 @@ def main(argv=None):
     p = sub.add_parser("speed")
     p.add_argument("--size", type=int, default=100)
     p.add_argument("--repeat", type=int, default=2)
+    p.add_argument("--memory-limit", type=float, default=None,
+                   help="profile.memory_limit in bytes (default: the package's)")
     p.set_defaults(run=speed)
     p = sub.add_parser("sizes")
     p.add_argument("--sizes", type=int, nargs="+", default=[64, 128, 256])
