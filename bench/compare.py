@@ -23,41 +23,21 @@ from __future__ import annotations
 import argparse
 import os
 import sys
-import threading
 import time
 
 import numpy as np
 
 import korvo
+from korvo.memory import measure_peak
 
 KERNEL = np.array([[[1.0, 2.0, 1.0]]]) / np.sqrt(6.0)
 
 
-def _rss():
-    with open("/proc/self/statm") as f:
-        return int(f.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
-
-
 def measure(function):
     """-> (result, seconds, peak added resident memory in bytes)."""
-    base = _rss()
-    peak = [base]
-    running = [True]
-
-    def sample():
-        while running[0]:
-            peak[0] = max(peak[0], _rss())
-            time.sleep(0.003)
-
-    sampler = threading.Thread(target=sample, daemon=True)
-    sampler.start()
     started = time.perf_counter()
-    result = function()
-    seconds = time.perf_counter() - started
-    running[0] = False
-    sampler.join()
-    peak[0] = max(peak[0], _rss())
-    return result, seconds, peak[0] - base
+    result, peak = measure_peak(function)
+    return result, time.perf_counter() - started, peak
 
 
 def normalise(a):

@@ -27,7 +27,7 @@ struct AggregationSlab {
 template <StageName stage, typename T>
 void processReferenceLocation(const Vec3<int>& referencePosition, const Parameters& params,
                               const TransformsMeta<T>& meta, const float* distanceCorrection,
-                              const float* noiseKernel, const float* localVariance,
+                              const float* covariance, const float* localVariance,
                               int referenceIndex, const BlockCollection<T>& collection,
                               ImageDataMutable<T>& numerator, ImageDataMutable<float>& weights,
                               Memory<T>& memory, TempMemory<T>& tempMemory,

@@ -8,7 +8,7 @@ import numpy as np
 
 from . import _native, chunked
 from .matches import MatchStorage, StageMatches
-from .memory import SPLIT_ADVICE, call_budget, held_bytes, release_freed
+from .memory import SPLIT_ADVICE, call_budget, release_freed
 from .noise import prewhiten
 from .profile import BUILT_IN_BLOCKS, KORVOProfile, PSDAdaptation, stage_parameters
 from .progress import make_reporter
@@ -59,10 +59,8 @@ def _budget(profile, z, run, normalize, adaptation, held=0):
     (None: the profile sets the bands), besides ``held`` bytes of the caller's."""
     if profile.split_block_extraction is not None:
         return None
-    volume = 4 * z.size
-    held += held_bytes(volume, 2 if run != (0,) else 1, _needs_copy(z, normalize),
-                       adaptation.prewhiten)
-    return call_budget(volume, held, profile.memory_limit)
+    return call_budget(z.size, 2 if run != (0,) else 1, _needs_copy(z, normalize),
+                       adaptation.prewhiten, held, profile.memory_limit)
 
 
 def _run_stage(stage, noisy, psd, record, pilot, output, storage, reporter, label):

@@ -9,8 +9,8 @@ import sys
 import threading
 import time
 
-__all__ = ["available_memory", "call_budget", "choose_split", "held_bytes", "measure_peak",
-           "MEMORY_TARGET", "SPLIT_ADVICE"]
+__all__ = ["available_memory", "call_budget", "choose_split", "measure_peak", "MEMORY_TARGET",
+           "SPLIT_ADVICE"]
 
 SPLIT_ADVICE = ("set profile.split_block_extraction = [False, False, True], or if that still "
                 "fails [False, True, True]")
@@ -51,24 +51,21 @@ def available_memory():
     return min(candidates) if candidates else None
 
 
-def held_bytes(volume_bytes, outputs, copy, prewhiten=False):
-    """Bytes of arrays a call holds while a native stage runs: its working
-    copy of the data (``copy``), ``outputs`` float32 volumes (the pilot and
-    the result), or during matching on a prewhitened copy that copy and the
-    pass's scratch output."""
-    return volume_bytes * (int(copy) + max(outputs, 2 if prewhiten else 0))
-
-
-def call_budget(volume_bytes, held_bytes, limit=None):
+def call_budget(voxels, outputs, copy, prewhiten=False, held=0, limit=None):
     """Bytes a stage's native working memory (block collections, weights,
-    noise tables) may take: ``limit`` bytes for the whole call (None:
-    MEMORY_TARGET times ``volume_bytes``), never more than the machine has
-    free, less the ``held_bytes`` of arrays the call keeps meanwhile."""
-    total = MEMORY_TARGET * volume_bytes if limit is None else limit
+    noise tables) may take in a call on ``voxels`` voxels: ``limit`` bytes
+    for the whole call (None: MEMORY_TARGET times the volume's float32
+    bytes), never more than the machine has free, less what the call holds
+    meanwhile: its working copy of the data (``copy``), ``outputs`` float32
+    volumes (the pilot and the result), or during matching on a prewhitened
+    copy that copy and the pass's scratch output, and ``held`` bytes more."""
+    volume = 4 * voxels
+    total = MEMORY_TARGET * volume if limit is None else limit
     free = available_memory()
     if free is not None:
         total = min(total, free)
-    return max(0, total - held_bytes)
+    held += volume * (int(copy) + max(outputs, 2 if prewhiten else 0))
+    return max(0, total - held)
 
 
 def choose_split(record, stage, budget, native):

@@ -23,7 +23,7 @@ import re
 import numpy as np
 
 from . import _native
-from .memory import call_budget, choose_split, held_bytes
+from .memory import call_budget, choose_split
 from .noise import noise_dominated_fraction, psd_concentration, whitening_gain
 from .validation import MAX_DYNAMIC_RANGE
 
@@ -352,9 +352,8 @@ class KORVOProfile(_Validated):
         if len(shape) not in (2, 3):
             raise ValueError(f"expected a 2-D or 3-D shape, got {len(shape)} dimensions")
         adaptation = PSDAdaptation.of(self, shape, psd, z)
-        volume = 4 * math.prod(shape)
-        budget = call_budget(volume, held_bytes(volume, 2, True, adaptation.prewhiten),
-                             self.memory_limit)
+        budget = call_budget(math.prod(shape), 2, True, adaptation.prewhiten,
+                             limit=self.memory_limit)
         psd_shape = None if psd is None else np.shape(psd)
         records = {key: stage_parameters(self, stage, shape, psd_shape=psd_shape, budget=budget,
                                          adaptation=adaptation)
