@@ -459,7 +459,10 @@ def estimate_rician_sigma(z, coils=1, mask=None):
     cells, binned by local level as for :func:`estimate_poisson_gaussian`,
     are fitted with the exact relation Var[z] = sigma^2 s(m / sigma)^2, where
     s(m) is the magnitude's standard deviation at mean m for sigma 1 (0.655
-    in a one-coil background, 1 at high SNR).
+    in a one-coil background, 1 at high SNR). Where the data then shows a
+    background (windows of 5^ndim voxels whose mean is that of noise alone,
+    at least 2 % of the data), sigma is re-estimated there by maximum
+    likelihood, sigma^2 = mean(z^2) / 2L: about four times more precise.
     """
     coils = _coils(coils)
     if mask is not None:
@@ -501,7 +504,43 @@ def estimate_rician_sigma(z, coils=1, mask=None):
     if not (binned[1] > 0).all():
         raise ValueError("estimate_rician_sigma: parts of the data hold no noise "
                          "(constant or clipped); give sigma or a background mask")
-    return float(_robust_fit(fit, *binned))
+    return _background_sigma(np.asarray(z, dtype=np.float64), coils,
+                             float(_robust_fit(fit, *binned)))
+
+
+# Background search: windows of _BG_WIDTH^ndim voxels whose mean magnitude
+# is within _BG_ERRORS standard errors of the noise-only mean, shrunk by
+# _BG_SHRINK voxels away from tissue. Tighter windows pick voxels for being
+# low (the estimate drops); looser ones let dark tissue in.
+_BG_WIDTH, _BG_ERRORS, _BG_SHRINK, _BG_ROUNDS = 5, 4.0, 2, 3
+# Least background worth using: voxels, and fraction of the data.
+_BG_MIN_VOXELS, _BG_MIN_FRACTION = 1000, 0.02
+
+
+def _background_sigma(a, coils, sigma):
+    """``sigma`` refined from the data's background where it has one (air
+    around the head), by the maximum-likelihood estimate of a central chi
+    distribution, sigma^2 = mean(z^2) / 2L, over it: within about 0.4 % on a
+    64^3 head with a quarter of background, where the fit over all
+    intensities reads 1-2 % low. The dark-region estimate of the unbiased
+    inverse moves with the square root of the sigma error, so that
+    difference shows there. Data without such a region keep ``sigma``."""
+    table = _rician_table(coils)
+    floor = table.mean[0] + _BG_ERRORS * table.std[0] / math.sqrt(_BG_WIDTH ** a.ndim)
+    window = _box(a, _BG_WIDTH)
+    # Windows reaching past the border repeat its voxels, which would then
+    # pick themselves for being low.
+    inner = np.zeros(a.shape, dtype=bool)
+    inner[tuple(slice(_BG_WIDTH // 2, n - _BG_WIDTH // 2) for n in a.shape)] = True
+    shrink = 2 * _BG_SHRINK + 1
+    need = max(_BG_MIN_VOXELS, _BG_MIN_FRACTION * a.size)
+    for _ in range(_BG_ROUNDS):
+        quiet = (window <= floor * sigma) & inner
+        background = _box(quiet.astype(np.float64), shrink) > 1.0 - 1e-9
+        if background.sum() < need:
+            break
+        sigma = math.sqrt(float(np.mean(np.square(a[background]))) / (2 * coils))
+    return sigma
 
 
 # ---------------------------------------------------------------- one interface

@@ -141,7 +141,9 @@ def test_rician_sigma_estimate(coils, background):
     if background:
         x[:, :, :12] = 0.0
     z = _magnitude(rng, x, coils, 1.0, x.shape) * 3.0
-    assert nm.estimate_rician_sigma(z, coils) == pytest.approx(3.0, rel=0.05)
+    # A background found in the data pins sigma far better than the fit over
+    # all intensities (one coil: 1-2 % low), which the dark regions need.
+    assert nm.estimate_rician_sigma(z, coils) == pytest.approx(3.0, rel=0.008 if background else 0.05)
     if background:
         mask = x == 0
         assert nm.estimate_rician_sigma(z, coils, mask=mask) == pytest.approx(3.0, rel=0.03)
