@@ -114,15 +114,30 @@ def estimate_psd(z, shape=None, *, mask=None):
         # Busy data (no region of noise alone): structure inflates the block
         # estimate, mostly at low frequencies, where the short-range fit
         # extrapolates instead.
+        details = _Details(volume, [a for a, g in enumerate(grid3) if g > 1 and volume.shape[a] > 1])
         try:
-            fit = _short_range(volume, grid3)
+            fit = _short_range(volume, grid3, details)
         except ValueError as exc:
             fit, error = None, error or exc
         if fit is not None and (best is None or best.sum() > (1.0 + _FIT_MARGIN) * fit.sum()):
             best = fit
+        elif best is not None:
+            best = _checked(best, details)
     if best is None:
         raise error
     return best.reshape(grid).astype(np.float32)
+
+
+def _checked(psd, details):
+    """The block estimate held against the finest details. Along an axis
+    that does not test as correlated, what the blocks read as colour is
+    smooth structure passing for noise (out-of-focus haze, shading), so the
+    spectrum is made flat along it; with no correlated axis at all the noise
+    is white, at the details' level where that is lower."""
+    if not details.correlated:
+        return np.full(psd.shape, min(details.white_variance() * psd.size, psd.mean()))
+    flat = tuple(a for a in details.axes if a not in details.correlated)
+    return np.broadcast_to(psd.mean(axis=flat, keepdims=True), psd.shape).copy()
 
 
 def _estimate(volume, grid, weights, scale):
@@ -359,7 +374,7 @@ def _full_spectrum(half, block):
 # Short-range fit
 
 
-def _short_range(volume, grid):
+def _short_range(volume, grid, details=None):
     """PSD of a noise whose correlations reach at most _FIT_LAGS samples per
     axis, fitted to the high frequencies of small blocks.
 
@@ -378,7 +393,8 @@ def _short_range(volume, grid):
     detail variances (see _Details).
     """
     block = tuple(1 if g == 1 else min(n, _FIT_BLOCK) for n, g in zip(volume.shape, grid))
-    details = _Details(volume, [a for a, b in enumerate(block) if b > 1])
+    if details is None:
+        details = _Details(volume, [a for a, b in enumerate(block) if b > 1])
     reach = [min(_FIT_LAGS, max(0, b // 2 - 1)) if a in details.correlated else 0
              for a, b in enumerate(block)]
     if not any(reach):
