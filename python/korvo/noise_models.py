@@ -504,7 +504,7 @@ def estimate_rician_sigma(z, coils=1, mask=None):
     if not (binned[1] > 0).all():
         raise ValueError("estimate_rician_sigma: parts of the data hold no noise "
                          "(constant or clipped); give sigma or a background mask")
-    return _background_sigma(np.asarray(z, dtype=np.float64), coils,
+    return _background_sigma(np.asarray(z, dtype=np.float32), coils,
                              float(_robust_fit(fit, *binned)))
 
 
@@ -526,7 +526,7 @@ def _background_sigma(a, coils, sigma):
     inverse moves with the square root of the sigma error, so that
     difference shows there. Data without such a region keep ``sigma``."""
     table = _rician_table(coils)
-    floor = table.mean[0] + _BG_ERRORS * table.std[0] / math.sqrt(_BG_WIDTH ** a.ndim)
+    spread = _BG_ERRORS * table.std[0] / math.sqrt(_BG_WIDTH ** a.ndim)
     window = _box(a, _BG_WIDTH)
     # Windows reaching past the border repeat its voxels, which would then
     # pick themselves for being low.
@@ -535,11 +535,13 @@ def _background_sigma(a, coils, sigma):
     shrink = 2 * _BG_SHRINK + 1
     need = max(_BG_MIN_VOXELS, _BG_MIN_FRACTION * a.size)
     for _ in range(_BG_ROUNDS):
-        quiet = (window <= floor * sigma) & inner
-        background = _box(quiet.astype(np.float64), shrink) > 1.0 - 1e-9
+        # Both sides: regions quieter than noise (zero-filled, masked) are no background.
+        quiet = (np.abs(window - table.mean[0] * sigma) <= spread * sigma) & inner
+        # Windows of ones come out exactly 1 in float32 too.
+        background = _box(quiet.astype(np.float32), shrink) >= 1.0
         if background.sum() < need:
             break
-        sigma = math.sqrt(float(np.mean(np.square(a[background]))) / (2 * coils))
+        sigma = math.sqrt(float(np.mean(np.square(a[background], dtype=np.float64))) / (2 * coils))
     return sigma
 
 
