@@ -702,9 +702,16 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
                 if (!korvo_detail::referencePosition(params, grid, grid.raw(params.step, k, j, i), position)) {
                     continue;
                 }
-                keepBandAround<stage, T>(position, havePrevious ? previous : position, band, params, meta,
-                                         noisy, pilot, moveTransforms, tm.tempMemory, noisyColl, pilotColl,
-                                         jumped);
+                // Only the collection matched on moves: the pilot's in the Wiener stage.
+                if (stage == Wiener) {
+                    keepBandAround<HardThresholding, T>(position, havePrevious ? previous : position, band,
+                                                        params, meta, *pilot, nullptr, moveTransforms,
+                                                        tm.tempMemory, pilotColl, nullptr, jumped);
+                } else {
+                    keepBandAround<stage, T>(position, havePrevious ? previous : position, band, params, meta,
+                                             noisy, pilot, moveTransforms, tm.tempMemory, noisyColl, pilotColl,
+                                             jumped);
+                }
                 jumped = false;
                 previous = position;
                 havePrevious = true;

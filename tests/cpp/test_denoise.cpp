@@ -173,8 +173,10 @@ TEST(Denoise, MatchesFoundAheadByTheIdleWorkerChangeNothing) {
     Parameters p = baseParameters(size, {4, 4, 4});
     p.psdSize = {1, 1, 1};
     const std::vector<float> psd{0.01f};
-    for (const bool split : {false, true}) {
-        p.splitBlockExtraction[2] = split;
+    // Whole bands, z bands, and bands on every axis (where the helper slides
+    // only the collection it matches on).
+    for (const int split : {0, 1, 3}) {
+        for (int axis = 0; axis < 3; ++axis) p.splitBlockExtraction[axis] = axis >= 3 - split;
         const int rows = (size.x / 2 + 2) * (size.y / 2 + 2) * (size.z / 2 + 2);
         MatchTable table(rows, p.maxGroupSize);
         const StageResults alone = denoise(noisy, psd, p, &table.storage);
