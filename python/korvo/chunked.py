@@ -173,8 +173,7 @@ def _denoise_region(region, pilot, offset, flat, inner, settings):
     if normalize:
         channel.offset = offset
     adaptation = PSDAdaptation.of(profile, region.shape, settings["psd"], flat_fraction=flat)
-    records = channel.records(profile, run, _budget(profile, channel.z, run, normalize, adaptation),
-                              adaptation)
+    records = channel.records(profile, run, _budget(profile, channel.z, normalize), adaptation)
     out = _denoise(channel, records, run, None, make_reporter(False), normalize)
     return np.ascontiguousarray(out[inner])
 

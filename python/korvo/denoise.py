@@ -8,7 +8,7 @@ import numpy as np
 
 from . import _native, chunked
 from .matches import MatchStorage, StageMatches
-from .memory import SPLIT_ADVICE, call_budget, release_freed
+from .memory import SPLIT_ADVICE, release_freed, stage_budgets
 from .noise import prewhiten
 from .profile import BUILT_IN_BLOCKS, KORVOProfile, PSDAdaptation, stage_parameters
 from .progress import make_reporter
@@ -54,13 +54,13 @@ def _needs_copy(z, normalize):
     return normalize or z.dtype != np.float32 or not z.flags.c_contiguous
 
 
-def _budget(profile, z, run, normalize, adaptation, held=0):
-    """Bytes a stage's native working memory may take in a call on ``z``
-    (None: the profile sets the bands), besides ``held`` bytes of the caller's."""
+def _budget(profile, z, normalize, held=0):
+    """Bytes each stage's native working memory may take in a call on ``z``,
+    by record key (None: the profile sets the bands), besides ``held`` bytes
+    of the caller's."""
     if profile.split_block_extraction is not None:
         return None
-    return call_budget(z.size, 2 if run != (0,) else 1, _needs_copy(z, normalize),
-                       adaptation.prewhiten, held, profile.memory_limit)
+    return stage_budgets(z.size, _needs_copy(z, normalize), held, profile.memory_limit)
 
 
 def _run_stage(stage, noisy, psd, record, pilot, output, storage, reporter, label):
@@ -151,18 +151,20 @@ class _Channel:
                                  f"{self.z.shape}")
             check_range("pilot", plo, phi, self.offset, smallest, self.unit)
 
-    def records(self, profile, run, budget, adaptation):
+    def records(self, profile, run, budgets, adaptation):
         """Native records by stage, and under "match" the prewhitened matching
-        pass's when the groups are matched on a prewhitened copy."""
+        pass's when the groups are matched on a prewhitened copy; ``budgets``
+        by the same keys (None: no bound)."""
         psd_shape = None if self.psd is None else self.psd.shape
+        budgets = budgets or {}
         records = {stage: stage_parameters(profile, stage, self.z.shape, noise_std=self.unit,
-                                           psd_shape=psd_shape, budget=budget,
+                                           psd_shape=psd_shape, budget=budgets.get(stage),
                                            adaptation=adaptation) for stage in run}
         if adaptation.prewhiten:
             records["match"] = stage_parameters(profile, 0, self.z.shape,
                                                 noise_std=self.unit * adaptation.match_std,
-                                                budget=budget, adaptation=adaptation,
-                                                matching=True)
+                                                budget=budgets.get("match"),
+                                                adaptation=adaptation, matching=True)
         return records
 
     def native_psd(self):
@@ -363,7 +365,7 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
                          None if noise_map is None else split.view(noise_map, i))
                 for i in range(split.count)]
     adaptation = PSDAdaptation.of(profile, channels[0].z.shape, psd, channels[0].z)
-    budget = _budget(profile, channels[0].z, run, normalize, adaptation,
+    budget = _budget(profile, channels[0].z, normalize,
                      0 if split.axis is None else z.size * 4)  # the channels' result
     plans = [channel.records(profile, run, budget, adaptation) for channel in channels]
 

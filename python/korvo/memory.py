@@ -10,7 +10,7 @@ import threading
 import time
 
 __all__ = ["available_memory", "call_budget", "choose_split", "measure_peak", "MEMORY_TARGET",
-           "SPLIT_ADVICE"]
+           "SPLIT_ADVICE", "stage_budgets"]
 
 SPLIT_ADVICE = ("set profile.split_block_extraction = [False, False, True], or if that still "
                 "fails [False, True, True]")
@@ -66,6 +66,16 @@ def call_budget(voxels, outputs, copy, prewhiten=False, held=0, limit=None):
         total = min(total, free)
     held += volume * (int(copy) + max(outputs, 2 if prewhiten else 0))
     return max(0, total - held)
+
+
+def stage_budgets(voxels, copy, held=0, limit=None):
+    """call_budget of each stage of a call, by record key: the
+    hard-thresholding stage holds its own output (the pilot to be), the
+    Wiener stage the pilot and its result, and the matching pass on a
+    prewhitened copy ("match") that copy and its scratch output."""
+    return {0: call_budget(voxels, 1, copy, False, held, limit),
+            1: call_budget(voxels, 2, copy, False, held, limit),
+            "match": call_budget(voxels, 0, copy, True, held, limit)}
 
 
 def choose_split(record, stage, budget, native):

@@ -23,7 +23,7 @@ import re
 import numpy as np
 
 from . import _native
-from .memory import call_budget, choose_split
+from .memory import choose_split, stage_budgets
 from .noise import noise_dominated_fraction, psd_concentration, whitening_gain
 from .validation import MAX_DYNAMIC_RANGE
 
@@ -352,15 +352,15 @@ class KORVOProfile(_Validated):
         if len(shape) not in (2, 3):
             raise ValueError(f"expected a 2-D or 3-D shape, got {len(shape)} dimensions")
         adaptation = PSDAdaptation.of(self, shape, psd, z)
-        budget = call_budget(math.prod(shape), 2, True, adaptation.prewhiten,
-                             limit=self.memory_limit)
+        budgets = stage_budgets(math.prod(shape), True, limit=self.memory_limit)
         psd_shape = None if psd is None else np.shape(psd)
-        records = {key: stage_parameters(self, stage, shape, psd_shape=psd_shape, budget=budget,
-                                         adaptation=adaptation)
+        records = {key: stage_parameters(self, stage, shape, psd_shape=psd_shape,
+                                         budget=budgets[stage], adaptation=adaptation)
                    for stage, key in enumerate(STAGE_KEYS)}
         if adaptation.prewhiten:
             records["match"] = stage_parameters(self, 0, shape, noise_std=adaptation.match_std,
-                                                budget=budget, adaptation=adaptation, matching=True)
+                                                budget=budgets["match"], adaptation=adaptation,
+                                                matching=True)
         return records
 
 

@@ -170,6 +170,11 @@ def test_split_choice_follows_memory():
     assert wiener.num_threads == 1  # fewer workers, fewer bands, when nothing fits
     # A volume barely deeper than a band keeps it whole.
     assert choose_split(record((12, 256, 256), 1), 1, None, _native) == (False, False, False)
+    # Each stage is held to what it holds: the hard-thresholding stage has no
+    # Wiener result yet, so it can keep larger bands than the Wiener stage.
+    records = korvo.KORVOProfile(num_threads=2, memory_limit=24 * 10**6).resolve((100, 100, 100))
+    assert records["ht"].split_block_extraction == (False, True, True)
+    assert records["wiener"].split_block_extraction == (True, True, True)
     plane = record((4000, 4000), 0)
     assert choose_split(plane, 0, 2**20, _native) in ((False, True, False), (True, True, False))
     assert korvo.available_memory() is None or korvo.available_memory() > 0
