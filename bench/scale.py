@@ -8,7 +8,7 @@ ratio is taken from figures measured in the same run; memory is the peak
 resident memory a call adds (korvo.memory.measure_peak), in multiples of the
 volume's float32 bytes.
 
-    python bench/scale.py speed          # ~1 Mvoxel: 1 and 2 threads, scikit-image NLM beside it
+    python bench/scale.py speed          # ~1 Mvoxel: 1 and 2 threads, scikit-image NLM, in rounds
     python bench/scale.py sizes          # 64^3 .. 256^3 in memory, 1 thread and all threads
     python bench/scale.py big [--size N] # 512^3 from a .npy on disk through dask, to a .npy
     python bench/scale.py dask           # the dask path against the in-memory call
@@ -66,26 +66,36 @@ def psnr(estimate, clean):
 
 
 def speed(args):
+    """Rounds of one call each on 1 and 2 threads and of non-local means, in
+    turn, so that the machine's drift reaches all three alike; medians, and
+    the ratios taken round by round."""
     from skimage.restoration import denoise_nl_means
 
     clean = volume(args.size)
     z = noisy(clean)
     korvo.korvo(z[:24, :24, :24].copy(), SIGMA)  # first-call imports stay out of the figures
-    rows = []
-    for threads in (1, 2):
-        profile = korvo.KORVOProfile(num_threads=threads, memory_limit=args.memory_limit)
-        out, seconds, peak = timed(korvo.korvo, z, SIGMA, profile=profile, repeat=args.repeat)
-        rows.append((f"korvo, {threads} thread{'s' * (threads > 1)}", seconds, peak, psnr(out, clean)))
-    out, seconds, peak = timed(denoise_nl_means, z, h=0.8 * SIGMA, sigma=SIGMA, patch_size=5,
-                               patch_distance=5, fast_mode=True)
-    rows.append(("scikit-image non-local means", seconds, peak, psnr(out, clean)))
-    print(f"{VOLUME} {z.shape}, {z.size / 1e6:.2f} Mvoxel, noise std {SIGMA}\n")
-    print("| call | seconds | PSNR (dB) |\n|---|---|---|")
-    for name, seconds, peak, quality in rows:
-        print(f"| {name} | {seconds:.2f} | {quality:.2f} |")
-    one, two, nlm = rows[0][1], rows[1][1], rows[2][1]
-    print(f"\nspeed-up 1 -> 2 threads: {one / two:.2f}x; non-local means / korvo (2 threads): "
-          f"{nlm / two:.1f}x")
+    calls = [(f"korvo, {threads} thread{'s' * (threads > 1)}", korvo.korvo, (z, SIGMA),
+              {"profile": korvo.KORVOProfile(num_threads=threads, memory_limit=args.memory_limit)})
+             for threads in (1, 2)]
+    calls.append(("scikit-image non-local means", denoise_nl_means, (z,),
+                  {"h": 0.8 * SIGMA, "sigma": SIGMA, "patch_size": 5, "patch_distance": 5,
+                   "fast_mode": True}))
+    seconds = np.zeros((args.repeat, len(calls)))
+    quality = []
+    for r in range(args.repeat):
+        for c, (_, function, positional, keywords) in enumerate(calls):
+            out, seconds[r, c], _ = timed(function, *positional, **keywords)
+            if r == 0:
+                quality.append(psnr(out, clean))
+    print(f"{VOLUME} {z.shape}, {z.size / 1e6:.2f} Mvoxel, noise std {SIGMA}, "
+          f"{args.repeat} rounds\n")
+    print("| call | seconds (median, min-max) | PSNR (dB) |\n|---|---|---|")
+    for (name, *_), column, value in zip(calls, seconds.T, quality):
+        print(f"| {name} | {np.median(column):.2f} ({column.min():.2f}-{column.max():.2f}) "
+              f"| {value:.2f} |")
+    one, two, nlm = seconds.T
+    print(f"\nspeed-up 1 -> 2 threads: {np.median(one / two):.2f}x; non-local means / korvo "
+          f"(2 threads): {np.median(nlm / two):.1f}x (medians of the rounds' ratios)")
 
 
 def sizes(args):
@@ -161,7 +171,7 @@ def main(argv=None):
     sub = parser.add_subparsers(dest="what", required=True)
     p = sub.add_parser("speed")
     p.add_argument("--size", type=int, default=100)
-    p.add_argument("--repeat", type=int, default=2)
+    p.add_argument("--repeat", type=int, default=5, help="rounds")
     p.add_argument("--memory-limit", type=float, default=None,
                    help="profile.memory_limit in bytes (default: the package's)")
     p.set_defaults(run=speed)
