@@ -258,6 +258,24 @@ inline void rowsProduct(const float* in, float* out, const float* m, std::ptrdif
     }
 }
 
+// rowsProduct<4> with the matrix broadcast once: for loops over many blocks,
+// where reading M again after every store to the block costs more than the products.
+struct Rows4 {
+    __m256 m[16];
+    explicit Rows4(const float* matrix) {
+        for (int i = 0; i < 16; ++i) m[i] = _mm256_broadcast_ss(matrix + i);
+    }
+    inline void operator()(const float* in, float* out, std::ptrdiff_t stride) const {
+        __m256 r[4];
+        for (int j = 0; j < 4; ++j) r[j] = _mm256_loadu_ps(in + j * stride);
+        for (int k = 0; k < 4; ++k) {
+            __m256 acc = _mm256_mul_ps(r[0], m[4 * k]);
+            for (int j = 1; j < 4; ++j) acc = _mm256_fmadd_ps(r[j], m[4 * k + j], acc);
+            _mm256_storeu_ps(out + k * stride, acc);
+        }
+    }
+};
+
 // y pass of a 4x4 plane: output rows k and k+1 from input row j (four values, rows
 // four apart) in both halves, times M[k*4 + j] in the low half and M[(k+1)*4 + j]
 // in the high one.
@@ -456,9 +474,10 @@ void boxTile(const BoxTile& t, const Vec3<const float*>& m, float* scratch, cons
     if (t.b.x == 4 && t.b.y == 4 && t.b.z == 4) {
         const PlaneY4 planeY(m.y);
         forEachPlaneY(t, X, Y, [&](const float* rows, float* out) { planeY(rows, out); });
+        const Rows4 planeZ(m.z);
         forEachBlockZ(t, Y, ring, [&](const float* planes, float* out) {
-            rowsProduct<4>(planes, out, m.z, 16);
-            rowsProduct<4>(planes + 8, out + 8, m.z, 16);
+            planeZ(planes, out, 16);
+            planeZ(planes + 8, out + 8, 16);
         });
         return;
     }
