@@ -258,8 +258,8 @@ inline void rowsProduct(const float* in, float* out, const float* m, std::ptrdif
     }
 }
 
-// rowsProduct<4> with the matrix broadcast once: for loops over many blocks,
-// where reading M again after every store to the block costs more than the products.
+// rowsProduct for four rows, the matrix broadcast once into registers: loops
+// over many blocks would otherwise read M again after every store to a block.
 struct Rows4 {
     __m256 m[16];
     explicit Rows4(const float* matrix) {
@@ -323,8 +323,9 @@ void cube4(const float* in, const Vec3<const float*>& m, float* a, float* b, flo
     const PlaneY4 planeY(m.y);
     for (int z = 0; z < 4; ++z) planeY(a + 16 * z, b + 16 * z);
     // z pass: half planes side by side.
-    rowsProduct<4>(b, out, m.z, 16);
-    rowsProduct<4>(b + 8, out + 8, m.z, 16);
+    const Rows4 planeZ(m.z);
+    planeZ(b, out, 16);
+    planeZ(b + 8, out + 8, 16);
 }
 
 void cube8(const float* in, const Vec3<const float*>& m, float* a, float* b, float* out) {
