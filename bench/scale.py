@@ -49,16 +49,11 @@ def noisy(clean, seed=0):
     return (clean + SIGMA * rng.standard_normal(clean.shape, dtype=np.float32)).astype(np.float32)
 
 
-def timed(function, *args, repeat=1, **kwargs):
-    """-> (result, best seconds, peak added bytes of the first run)."""
-    best, result, peak = None, None, None
-    for _ in range(repeat):
-        started = time.perf_counter()
-        result, added = measure_peak(function, *args, **kwargs)
-        seconds = time.perf_counter() - started
-        best = seconds if best is None else min(best, seconds)
-        peak = added if peak is None else peak
-    return result, best, peak
+def timed(function, *args, **kwargs):
+    """-> (result, seconds, peak added bytes)."""
+    started = time.perf_counter()
+    result, added = measure_peak(function, *args, **kwargs)
+    return result, time.perf_counter() - started, added
 
 
 def psnr(estimate, clean):

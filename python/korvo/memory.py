@@ -9,8 +9,8 @@ import sys
 import threading
 import time
 
-__all__ = ["available_memory", "call_budget", "choose_split", "measure_peak", "MEMORY_TARGET",
-           "SPLIT_ADVICE", "stage_budgets"]
+__all__ = ["available_memory", "choose_split", "measure_peak", "MEMORY_TARGET", "SPLIT_ADVICE",
+           "stage_budgets"]
 
 SPLIT_ADVICE = ("set profile.split_block_extraction = [False, False, True], or if that still "
                 "fails [False, True, True]")
@@ -51,31 +51,23 @@ def available_memory():
     return min(candidates) if candidates else None
 
 
-def call_budget(voxels, outputs, copy, prewhiten=False, held=0, limit=None):
-    """Bytes a stage's native working memory (block collections, weights,
-    noise tables) may take in a call on ``voxels`` voxels: ``limit`` bytes
-    for the whole call (None: MEMORY_TARGET times the volume's float32
-    bytes), never more than the machine has free, less what the call holds
-    meanwhile: its working copy of the data (``copy``), ``outputs`` float32
-    volumes (the pilot and the result), or during matching on a prewhitened
-    copy that copy and the pass's scratch output, and ``held`` bytes more."""
+def stage_budgets(voxels, copy, held=0, limit=None):
+    """Bytes each stage's native working memory (block collections, weights,
+    noise tables) may take in a call on ``voxels`` voxels, by record key:
+    ``limit`` bytes for the whole call (None: MEMORY_TARGET times the
+    volume's float32 bytes), never more than the machine has free, less what
+    the call holds meanwhile: its working copy of the data (``copy``),
+    ``held`` bytes more, and float32 volumes of its own: the
+    hard-thresholding stage its output (the pilot to be), the Wiener stage
+    the pilot and its result, the matching pass on a prewhitened copy
+    ("match") that copy and its scratch output."""
     volume = 4 * voxels
     total = MEMORY_TARGET * volume if limit is None else limit
     free = available_memory()
     if free is not None:
         total = min(total, free)
-    held += volume * (int(copy) + max(outputs, 2 if prewhiten else 0))
-    return max(0, total - held)
-
-
-def stage_budgets(voxels, copy, held=0, limit=None):
-    """call_budget of each stage of a call, by record key: the
-    hard-thresholding stage holds its own output (the pilot to be), the
-    Wiener stage the pilot and its result, and the matching pass on a
-    prewhitened copy ("match") that copy and its scratch output."""
-    return {0: call_budget(voxels, 1, copy, False, held, limit),
-            1: call_budget(voxels, 2, copy, False, held, limit),
-            "match": call_budget(voxels, 0, copy, True, held, limit)}
+    volumes = {0: 1, 1: 2, "match": 2}
+    return {key: max(0, total - held - volume * (int(copy) + n)) for key, n in volumes.items()}
 
 
 def choose_split(record, stage, budget, native):
