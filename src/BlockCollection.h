@@ -49,12 +49,6 @@ public:
         return _buffer + slot(coords) * _blockElements;
     }
 
-    // The ring slot of a position splits into a part for (y, z) and one for x, so a
-    // scan along x can step its slot without a division per block.
-    long rowSlot(int y, int z) const {
-        return static_cast<long>(y % _bufferRange.y) * _bufferRange.x +
-               static_cast<long>(z % _bufferRange.z) * _bufferRange.x * _bufferRange.y;
-    }
     const T* blockAtSlot(long slotIndex) const { return _buffer + slotIndex * _blockElements; }
 
     bool getHasData() const { return _hasData; }
