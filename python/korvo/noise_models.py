@@ -462,7 +462,9 @@ def estimate_rician_sigma(z, coils=1, mask=None):
     in a one-coil background, 1 at high SNR). Where the data then shows a
     background (windows of 5^ndim voxels whose mean is that of noise alone,
     at least 2 % of the data), sigma is re-estimated there by maximum
-    likelihood, sigma^2 = mean(z^2) / 2L: about four times more precise.
+    likelihood, sigma^2 = mean(z^2) / 2L (about four times more precise),
+    and finally set where the stabilised background averages to the noise-only
+    mean E[f | nu = 0], which the unbiased inverse maps to zero.
     """
     return _rician_sigma_and_background(z, _coils(coils), mask)[0]
 
@@ -635,7 +637,9 @@ def stabilise(z, model="gaussian", **params):
       :func:`inverse_anscombe` and estimates E[z] = x + offset.
     * "rician": sigma (None: :func:`estimate_rician_sigma`), coils (1),
       mask (background, for the estimate); y = rician_vst(z, sigma, coils);
-      the inverse estimates the true magnitude.
+      the inverse estimates the true magnitude. Where a background is known
+      (the mask, or found in the data), the inverse first takes off the
+      mean lift denoising gave it, so that it comes back at zero.
 
     Raises ValueError for an unknown model, a parameter the model does not
     take, gain or sigma <= 0 (sigma may be 0 for photon counts), coils < 1,
