@@ -116,6 +116,9 @@ public:
         this->c.clear();
         return std::move(this->c);
     }
+    // Records already in the order of a heap that std::push_heap and
+    // std::pop_heap built with this queue's comparison.
+    void adoptHeap(const BlockDistance<T>* ordered, int count) { this->c.assign(ordered, ordered + count); }
 };
 
 // The best maxGroupSize - 1 candidates of the window around refPos.

@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <cstdint>
+#include <vector>
 
 #include "BlockCollection.h"
 #include "Kernels.h"
@@ -10,6 +12,20 @@ template <typename T>
 std::vector<BlockDistance<T>>& spareQueueStorage() {
     static thread_local std::vector<BlockDistance<T>> spare;
     return spare;
+}
+
+// Each thread's candidate-heap storage, grown only when the group limit grows.
+template <typename T>
+SearchScratch<T> searchScratch(int maxGroupSize) {
+    static thread_local std::vector<std::uint64_t> keys;
+    static thread_local std::vector<BlockDistance<T>> records, ordered;
+    const size_t n = static_cast<size_t>(std::max(maxGroupSize, 1));
+    if (keys.size() < n) {
+        keys.resize(n);
+        records.resize(n);
+        ordered.resize(n);
+    }
+    return {keys.data(), records.data(), ordered.data()};
 }
 
 inline bool isPowerOfTwo(long n) { return n > 0 && (n & (n - 1)) == 0; }
@@ -29,19 +45,6 @@ void setSearchWindow(const Vec3<int>& refPos, const Vec3<int>& searchWindow,
 }
 
 template <typename T>
-float pushCandidate(BlockQueue<T>& queue, const BlockDistance<T>& candidate) {
-    queue.push(candidate);
-    return queue.top().distance;
-}
-
-template <typename T>
-float replaceWorstCandidate(BlockQueue<T>& queue, const BlockDistance<T>& candidate) {
-    queue.pop();
-    queue.push(candidate);
-    return queue.top().distance;
-}
-
-template <typename T>
 BlockQueue<T> blockMatching(const BlockCollection<T>& coll, const float* distanceCorrection,
                             const Vec3<int>& refPos, const Vec3<int>& blockSize,
                             const Vec3<int>& searchWindow, const Vec3<int>& windowStart,
@@ -57,8 +60,9 @@ BlockQueue<T> blockMatching(const BlockCollection<T>& coll, const float* distanc
         coll.getBlock(windowEnd);
     }
     const CollectionView<T> view{coll.blockAtSlot(0), coll.blockElements(), coll.bufferRange()};
-    searchKernel(coll)(view, distanceCorrection, refPos, blockSize, searchWindow, windowStart, windowEnd,
-                     maxGroupSize, queue);
+    const SearchScratch<T> scratch = searchScratch<T>(maxGroupSize);
+    queue.adoptHeap(scratch.ordered, searchKernel(coll)(view, distanceCorrection, refPos, blockSize, searchWindow,
+                                                        windowStart, windowEnd, maxGroupSize, scratch));
     return queue;
 }
 
@@ -105,8 +109,6 @@ void getBlockMatches(const BlockCollection<T>& coll, const float* distanceCorrec
 }
 
 #define KORVO_INSTANTIATE_MATCHING(T)                                                            \
-    template float pushCandidate<T>(BlockQueue<T>&, const BlockDistance<T>&);                    \
-    template float replaceWorstCandidate<T>(BlockQueue<T>&, const BlockDistance<T>&);            \
     template BlockQueue<T> blockMatching<T>(const BlockCollection<T>&, const float*,             \
                                             const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, \
                                             const Vec3<int>&, const Vec3<int>&, int);            \

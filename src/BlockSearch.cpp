@@ -7,7 +7,9 @@
 #define KORVO_SEARCH_SSE 1
 #endif
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <utility>
 
 #include "Kernels.h"
@@ -23,6 +25,26 @@ inline float contribution(const Complex& a, const Complex& b) {
     const float im = a.imag - b.imag;
     return re * re + im * im;
 }
+
+// The candidate heap holds (distance, slot) keys in one word each and orders
+// them by distance alone, so std::push_heap and std::pop_heap put every key
+// exactly where they would put its 40-byte record in the queue's own heap,
+// moving a fifth of the bytes per step.
+inline std::uint64_t heapKey(float distance, int slot) {
+    std::uint32_t bits;
+    std::memcpy(&bits, &distance, sizeof bits);
+    return static_cast<std::uint64_t>(slot) << 32 | bits;
+}
+inline float keyDistance(std::uint64_t key) {
+    const std::uint32_t bits = static_cast<std::uint32_t>(key);
+    float distance;
+    std::memcpy(&distance, &bits, sizeof distance);
+    return distance;
+}
+inline int keySlot(std::uint64_t key) { return static_cast<int>(key >> 32); }
+struct ByDistance {
+    bool operator()(std::uint64_t a, std::uint64_t b) const { return keyDistance(a) < keyDistance(b); }
+};
 
 // Candidates whose sums run side by side; batches are padded to a multiple of kLanes.
 constexpr int kBatch = 32;  // at most the bits of a decision mask
@@ -179,11 +201,11 @@ inline void addDistancesBatch<float>(float* d, const float* const* cand, const f
 // Candidates are read by ring slot along each row; the caller has checked that
 // the window lies inside the collection's band.
 template <typename T>
-void search(const CollectionView<T>& coll, const float* distanceCorrection, const Vec3<int>& refPos,
-            const Vec3<int>& blockSize, const Vec3<int>& searchWindow, const Vec3<int>& windowStart,
-            const Vec3<int>& windowEnd, int maxGroupSize, BlockQueue<T>& queue) {
+int search(const CollectionView<T>& coll, const float* distanceCorrection, const Vec3<int>& refPos,
+           const Vec3<int>& blockSize, const Vec3<int>& searchWindow, const Vec3<int>& windowStart,
+           const Vec3<int>& windowEnd, int maxGroupSize, const SearchScratch<T>& scratch) {
     if (maxGroupSize == 1) {
-        return;
+        return 0;
     }
     const Vec3<int>& ring = coll.range;
     const auto blockAt = [&coll](long slot) { return coll.buffer + slot * coll.blockElements; };
@@ -214,14 +236,19 @@ void search(const CollectionView<T>& coll, const float* distanceCorrection, cons
         }
         addDistancesBatch(b.distance, b.block, ref, volume, padded);
     };
-    const auto candidateAt = [](const Batch& b, int i) {
-        return BlockDistance<T>{b.block[i], b.distance[i], b.position[i], b.position[i]};
+    std::uint64_t* const keys = scratch.keys;
+    const auto take = [&](const Batch& b, int i, int slot) {
+        scratch.records[slot] = BlockDistance<T>{b.block[i], b.distance[i], b.position[i], b.position[i]};
+        return heapKey(b.distance[i], slot);
     };
+    // A push, and a pop then a push, exactly as the queue makes them.
     const auto decide = [&](const Batch& b) {
         int i = 0;
         for (; i < b.count && size < capacity; ++i) {
-            worst = pushCandidate(queue, candidateAt(b, i));
+            keys[size] = take(b, i, static_cast<int>(size));
             ++size;
+            std::push_heap(keys, keys + size, ByDistance());
+            worst = keyDistance(keys[0]);
         }
         // The worst only drops as candidates are taken, so a candidate not below
         // it now never gets in: only the others are looked at, in order.
@@ -229,7 +256,12 @@ void search(const CollectionView<T>& coll, const float* distanceCorrection, cons
         for (int k = i; k < b.count; ++k) below |= static_cast<std::uint32_t>(b.distance[k] < worst) << k;
         for (; below != 0; below &= below - 1) {
             const int k = lowestBit(below);
-            if (b.distance[k] < worst) worst = replaceWorstCandidate(queue, candidateAt(b, k));
+            if (b.distance[k] < worst) {
+                std::pop_heap(keys, keys + size, ByDistance());  // the worst goes last; its slot is free
+                keys[size - 1] = take(b, k, keySlot(keys[size - 1]));
+                std::push_heap(keys, keys + size, ByDistance());
+                worst = keyDistance(keys[0]);
+            }
         }
     };
     Batch* filling = &batches[0];
@@ -277,12 +309,14 @@ void search(const CollectionView<T>& coll, const float* distanceCorrection, cons
     if (filling->count > 0) sum(*filling);
     if (pending) decide(*pending);
     decide(*filling);
+    for (long k = 0; k < size; ++k) scratch.ordered[k] = scratch.records[keySlot(keys[k])];
+    return static_cast<int>(size);
 }
 
-template void search<float>(const CollectionView<float>&, const float*, const Vec3<int>&,
-                            const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
-                            int, BlockQueue<float>&);
-template void search<Complex>(const CollectionView<Complex>&, const float*, const Vec3<int>&,
-                              const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
-                              const Vec3<int>&, int, BlockQueue<Complex>&);
+template int search<float>(const CollectionView<float>&, const float*, const Vec3<int>&,
+                           const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
+                           int, const SearchScratch<float>&);
+template int search<Complex>(const CollectionView<Complex>&, const float*, const Vec3<int>&,
+                             const Vec3<int>&, const Vec3<int>&, const Vec3<int>&,
+                             const Vec3<int>&, int, const SearchScratch<Complex>&);
 }  // namespace KORVO_KERNEL_NS

@@ -5,6 +5,8 @@
 // contracted.
 #pragma once
 
+#include <cstdint>
+
 #include "BlockCollection.h"
 #include "common.h"
 #include "noise/fft.h"
@@ -18,13 +20,15 @@ struct CollectionView {
     Vec3<int> range;
 };
 
-// The search hands every queue change to these (compiled once, for the baseline),
-// so the kernels instantiate no standard-library code of their own. Both return
-// the distance of the new worst candidate.
+// Per-thread storage of a search's candidate heap, owned by the caller (compiled
+// once, for the baseline), so the kernels instantiate no standard-library code
+// over shared types. Each holds at least maxGroupSize - 1 entries.
 template <typename T>
-float pushCandidate(BlockQueue<T>& queue, const BlockDistance<T>& candidate);
-template <typename T>
-float replaceWorstCandidate(BlockQueue<T>& queue, const BlockDistance<T>& candidate);
+struct SearchScratch {
+    std::uint64_t* keys;        // heap of (distance, slot) keys
+    BlockDistance<T>* records;  // candidates by slot
+    BlockDistance<T>* ordered;  // the result: candidates in the queue's heap order
+};
 
 struct KernelSet {
     const char* name;
@@ -38,11 +42,11 @@ struct KernelSet {
                              TransformsMetas::StandardTransform, Cube4D<float>&, const Vec3<int>&);
     void (*groupFromCube)(const Cube4D<float>&, int, const float*,
                           TransformsMetas::StandardTransform, Cube4D<float>&, const Vec3<int>&);
-    void (*searchFloat)(const CollectionView<float>&, const float*, const Vec3<int>&, const Vec3<int>&,
-                        const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, int, BlockQueue<float>&);
-    void (*searchComplex)(const CollectionView<Complex>&, const float*, const Vec3<int>&,
-                          const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, int,
-                          BlockQueue<Complex>&);
+    int (*searchFloat)(const CollectionView<float>&, const float*, const Vec3<int>&, const Vec3<int>&,
+                       const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, int, const SearchScratch<float>&);
+    int (*searchComplex)(const CollectionView<Complex>&, const float*, const Vec3<int>&,
+                         const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, int,
+                         const SearchScratch<Complex>&);
     void (*variances)(int, const Vec3<int>&, const Vec3<int>&, const Vec3<int>&, int, const float*,
                       const float*, const float*, Cube4D<float>&, BlockDistance<float>*,
                       TempMemory<float>&);
@@ -104,10 +108,11 @@ void groupFromMatches(const BlockDistance<float>* matches, int n, const float* m
 void groupFromCube(const Cube4D<float>& input, int n, const float* matrix,
                    TransformsMetas::StandardTransform kind, Cube4D<float>& output,
                    const Vec3<int>& blockSize);
+// Returns how many candidates it left in scratch.ordered.
 template <typename T>
-void search(const CollectionView<T>& coll, const float* distanceCorrection, const Vec3<int>& refPos,
-            const Vec3<int>& blockSize, const Vec3<int>& searchWindow, const Vec3<int>& windowStart,
-            const Vec3<int>& windowEnd, int maxGroupSize, BlockQueue<T>& queue);
+int search(const CollectionView<T>& coll, const float* distanceCorrection, const Vec3<int>& refPos,
+           const Vec3<int>& blockSize, const Vec3<int>& searchWindow, const Vec3<int>& windowStart,
+           const Vec3<int>& windowEnd, int maxGroupSize, const SearchScratch<T>& scratch);
 void calculateVariances(int n, const Vec3<int>& blockSize, const Vec3<int>& workSize,
                         const Vec3<int>& keptSize, int m, const float* groupTransform,
                         const float* k3fT3, const float* localVariances, Cube4D<float>& variances,

@@ -349,6 +349,49 @@ std::vector<Candidate> bruteForce(const BlockCollection<T>& coll, const float* c
     return all;
 }
 
+// The search one candidate at a time on the standard queue, with its partial
+// checks: among equal distances, which candidates stay and in what order is
+// that queue's, and the fast search must keep to it.
+template <typename T>
+std::vector<V3> plainMatches(const BlockCollection<T>& coll, const float* corr, const V3& ref, const V3& block,
+                             const V3& w, const V3& lo, const V3& hi, int maxGroupSize, int minReduceCount,
+                             float threshold) {
+    BlockQueue<T> queue;
+    const int v = block.volume(), quarter = v / 4, half = v / 2;
+    const size_t capacity = size_t(std::max(maxGroupSize - 1, 0));
+    for (int z = lo.z; z <= hi.z && capacity > 0; ++z)
+        for (int y = lo.y; y <= hi.y; ++y)
+            for (int x = lo.x; x <= hi.x; ++x) {
+                const V3 p{x, y, z};
+                if (p == ref) continue;
+                const T* cand = coll.getBlock(p);
+                float d = -corr[((z - ref.z + w.z) * (2 * w.y + 1) + (y - ref.y + w.y)) * (2 * w.x + 1) + x - ref.x + w.x];
+                const auto add = [&](int from, int to) {
+                    for (int e = from; e < to; ++e) d += term(cand[e], coll.getBlock(ref)[e]);
+                };
+                if (queue.size() == capacity) {
+                    const float worst = queue.top().distance;
+                    add(0, quarter);
+                    if (d > worst) continue;
+                    add(quarter, half);
+                    if (d > worst) continue;
+                    add(half, v);
+                    if (!(d < worst)) continue;
+                    queue.pop();
+                } else {
+                    add(0, v);
+                }
+                queue.push({cand, d, p, p});
+            }
+    std::vector<BlockDistance<T>> out(size_t(maxGroupSize) + 1);
+    V3 corner = ref;
+    int count = 0;
+    unloadBlockQueue(minReduceCount, threshold, corner, queue, out.data(), count);
+    std::vector<V3> positions;
+    for (int k = 1; k <= count; ++k) positions.push_back(out[k].position);
+    return positions;
+}
+
 // With ties (unique false) only the distances by rank and each record's consistency are fixed.
 template <typename T>
 void checkMatches(const BlockCollection<T>& coll, const V3& volume, const float* corr, const V3& ref, const V3& block,
@@ -381,6 +424,10 @@ void checkMatches(const BlockCollection<T>& coll, const V3& volume, const float*
         corner = {std::min(corner.x, m.position.x), std::min(corner.y, m.position.y), std::min(corner.z, m.position.z)};
     }
     for (int k = 0; k < count; ++k) EXPECT_EQ(out[k].relativePosition, out[k].position - corner);
+    const std::vector<V3> plain =
+        plainMatches(coll, corr, ref, block, w, lo, hi, maxGroupSize, minReduceCount, threshold);
+    ASSERT_EQ(int(plain.size()), count - 1);
+    for (int k = 1; k < count; ++k) EXPECT_EQ(out[k].position, plain[k - 1]) << "rank " << k << " as the queue has it";
 }
 }  // namespace
 
