@@ -462,9 +462,7 @@ def estimate_rician_sigma(z, coils=1, mask=None):
     in a one-coil background, 1 at high SNR). Where the data then shows a
     background (windows of 5^ndim voxels whose mean is that of noise alone,
     at least 2 % of the data), sigma is re-estimated there by maximum
-    likelihood, sigma^2 = mean(z^2) / 2L (about four times more precise),
-    and finally set where the stabilised background averages to the noise-only
-    mean E[f | nu = 0], which the unbiased inverse maps to zero.
+    likelihood, sigma^2 = mean(z^2) / 2L: about four times more precise.
     """
     return _rician_sigma_and_background(z, _coils(coils), mask)[0]
 
@@ -560,7 +558,7 @@ def _background(a, coils, sigma, refine=True):
         if not refine:
             return sigma, background
         sigma = math.sqrt(float(np.mean(np.square(a[background], dtype=np.float64))) / (2 * coils))
-    return _floor_calibrated(a[background], table, sigma), background
+    return sigma, background
 
 
 def _densest_noise_level(windows, mean, spread, sigma):
@@ -574,29 +572,6 @@ def _densest_noise_level(windows, mean, spread, sigma):
         return sigma
     peak = int(np.argmax(counts))
     return sigma * 0.5 * float(edges[peak] + edges[peak + 1])
-
-
-def _floor_calibrated(samples, table, sigma):
-    """The sigma near ``sigma`` at which the stabilised background averages
-    to E[f | nu = 0], the point the inverse maps to zero. The inverse is
-    steepest there, so a stabilised mean off by the background's own
-    sampling error, or by a sigma 0.5 % off, came back as a dark bias of
-    1-2 % of the range at SNR 3; at this sigma the background comes back at
-    zero on average. The maximum-likelihood sigma starts the search."""
-    # A strided subset bounds the cost on large volumes; its sampling error
-    # (0.1 % of sigma) is far below the background's own.
-    samples = samples[::max(1, samples.size // 2_000_000)].astype(np.float64)
-
-    def excess(log_sigma):
-        return float(np.mean(table.forward(samples / math.exp(log_sigma)))) - table.ef[0]
-
-    lo, hi = math.log(sigma) - 0.1, math.log(sigma) + 0.1
-    if not excess(lo) > 0 > excess(hi):
-        return sigma  # not noise alone after all: keep the likelihood estimate
-    for _ in range(30):
-        mid = 0.5 * (lo + hi)
-        lo, hi = (mid, hi) if excess(mid) > 0 else (lo, mid)
-    return math.exp(0.5 * (lo + hi))
 
 
 # ---------------------------------------------------------------- one interface
