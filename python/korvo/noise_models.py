@@ -253,10 +253,16 @@ def _box(a, width):
     p = np.pad(a, pad, mode="edge")
     for axis in range(a.ndim):
         c = np.cumsum(p, axis=axis)
-        c = np.concatenate([np.zeros_like(np.take(c, [0], axis=axis)), c], axis=axis)
-        n = p.shape[axis]
-        p = (np.take(c, np.arange(width, n + 1), axis=axis)
-             - np.take(c, np.arange(0, n + 1 - width), axis=axis)) / width
+
+        def part(start, stop):
+            index = [slice(None)] * c.ndim
+            index[axis] = slice(start, stop)
+            return c[tuple(index)]
+
+        # Window i sums c[i + width - 1] - c[i - 1], the first one c[width - 1] alone.
+        p = part(width - 1, None).copy()
+        p[tuple(slice(1, None) if k == axis else slice(None) for k in range(c.ndim))] -= part(None, -width)
+        p /= width
     return p
 
 
