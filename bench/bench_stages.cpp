@@ -15,6 +15,7 @@
 #include "Kernels.h"
 #include "korvo/Threading.h"
 #include "korvo/matching.h"
+#include "noise/covariance.h"
 #include "noise/psd.h"
 #include "noise/variances.h"
 #include "support.h"
@@ -71,6 +72,9 @@ std::vector<double> breakdown(const Case& c, const Vec3<int>& size) {
     float *kernel = nullptr, *local = nullptr;
     computeK3fT3<float>(c.psd.data(), p.psdSize, p.psdWorkSize, kept, p.blockSize, meta.forward, kernel);
     computeLocalVar(kernel, kept, p.blockSize.volume(), local);
+    // The stage's own route to the variances: the per-run covariance table.
+    float* covariance = nullptr;
+    computeNoiseCovariance(kernel, p.psdWorkSize, kept, static_cast<int>(p.blockSize.volume()), covariance);
     const Vec3<int> extent{2 * p.searchWindow.x + 1, 2 * p.searchWindow.y + 1, 2 * p.searchWindow.z + 1};
     std::vector<float> correction(static_cast<size_t>(extent.volume()), 0.0f);
     if (p.matchVarianceWeight > 0) {
@@ -104,9 +108,9 @@ std::vector<double> breakdown(const Case& c, const Vec3<int>& size) {
                 transformBlocksNL<float>(memory.matches, n, meta.groupForward[n], arb, memory.groupSpectrum,
                                          p.blockSize);
                 auto d = Clock::now();
-                calculateVariances<float>(n, p.blockSize, p.psdWorkSize, kept, std::min(n, p.varianceGroupLimit),
-                                          meta.groupForward[n], kernel, local, memory.variances,
-                                          memory.matches, temp);
+                covarianceVariances<float>(n, p.blockSize, p.psdWorkSize, std::min(n, p.varianceGroupLimit),
+                                           meta.groupForward[n], covariance, local, memory.variances,
+                                           memory.matches, temp);
                 auto e = Clock::now();
                 transformBlocksNL<float>(memory.groupSpectrum, n, meta.groupInverse[n], inv, memory.estimate,
                                          p.blockSize);
@@ -130,6 +134,7 @@ std::vector<double> breakdown(const Case& c, const Vec3<int>& size) {
     }
     std::free(kernel);
     std::free(local);
+    std::free(covariance);
     ThreadPool::THREAD_POOL.clearPool();
     return {tNoise, tForward, tMatch, tGroup, tVariance, tInverse, tAggregate};
 }
