@@ -2,6 +2,7 @@
 // band can slide with the reference position, and the block matching over them.
 #pragma once
 
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <queue>
@@ -116,9 +117,12 @@ public:
         this->c.clear();
         return std::move(this->c);
     }
-    // Records already in the order of a heap that std::push_heap and
+    // The records at `slots`, in the order of a heap that std::push_heap and
     // std::pop_heap built with this queue's comparison.
-    void adoptHeap(const BlockDistance<T>* ordered, int count) { this->c.assign(ordered, ordered + count); }
+    void adoptHeap(const BlockDistance<T>* records, const std::uint64_t* slots, int count) {
+        this->c.clear();
+        for (int k = 0; k < count; ++k) this->c.push_back(records[slots[k]]);
+    }
 };
 
 // The best maxGroupSize - 1 candidates of the window around refPos.

@@ -18,14 +18,13 @@ std::vector<BlockDistance<T>>& spareQueueStorage() {
 template <typename T>
 SearchScratch<T> searchScratch(int maxGroupSize) {
     static thread_local std::vector<std::uint64_t> keys;
-    static thread_local std::vector<BlockDistance<T>> records, ordered;
+    static thread_local std::vector<BlockDistance<T>> records;
     const size_t n = static_cast<size_t>(std::max(maxGroupSize, 1));
     if (keys.size() < n) {
         keys.resize(n);
         records.resize(n);
-        ordered.resize(n);
     }
-    return {keys.data(), records.data(), ordered.data()};
+    return {keys.data(), records.data()};
 }
 
 inline bool isPowerOfTwo(long n) { return n > 0 && (n & (n - 1)) == 0; }
@@ -61,8 +60,9 @@ BlockQueue<T> blockMatching(const BlockCollection<T>& coll, const float* distanc
     }
     const CollectionView<T> view{coll.blockAtSlot(0), coll.blockElements(), coll.bufferRange()};
     const SearchScratch<T> scratch = searchScratch<T>(maxGroupSize);
-    queue.adoptHeap(scratch.ordered, searchKernel(coll)(view, distanceCorrection, refPos, blockSize, searchWindow,
-                                                        windowStart, windowEnd, maxGroupSize, scratch));
+    const int kept = searchKernel(coll)(view, distanceCorrection, refPos, blockSize, searchWindow, windowStart,
+                                        windowEnd, maxGroupSize, scratch);
+    queue.adoptHeap(scratch.records, scratch.keys, kept);
     return queue;
 }
 

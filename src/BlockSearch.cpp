@@ -309,7 +309,7 @@ int search(const CollectionView<T>& coll, const float* distanceCorrection, const
     if (filling->count > 0) sum(*filling);
     if (pending) decide(*pending);
     decide(*filling);
-    for (long k = 0; k < size; ++k) scratch.ordered[k] = scratch.records[keySlot(keys[k])];
+    for (long k = 0; k < size; ++k) keys[k] = static_cast<std::uint64_t>(keySlot(keys[k]));
     return static_cast<int>(size);
 }
 

@@ -25,9 +25,8 @@ struct CollectionView {
 // over shared types. Each holds at least maxGroupSize - 1 entries.
 template <typename T>
 struct SearchScratch {
-    std::uint64_t* keys;        // heap of (distance, slot) keys
+    std::uint64_t* keys;        // heap of (distance, slot) keys; on return the slots in heap order
     BlockDistance<T>* records;  // candidates by slot
-    BlockDistance<T>* ordered;  // the result: candidates in the queue's heap order
 };
 
 struct KernelSet {
@@ -108,7 +107,7 @@ void groupFromMatches(const BlockDistance<float>* matches, int n, const float* m
 void groupFromCube(const Cube4D<float>& input, int n, const float* matrix,
                    TransformsMetas::StandardTransform kind, Cube4D<float>& output,
                    const Vec3<int>& blockSize);
-// Returns how many candidates it left in scratch.ordered.
+// Returns how many candidates it kept: scratch.keys[0 .. count) name their slots in heap order.
 template <typename T>
 int search(const CollectionView<T>& coll, const float* distanceCorrection, const Vec3<int>& refPos,
            const Vec3<int>& blockSize, const Vec3<int>& searchWindow, const Vec3<int>& windowStart,
