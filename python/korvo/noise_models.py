@@ -254,14 +254,12 @@ def _box(a, width):
     for axis in range(a.ndim):
         c = np.cumsum(p, axis=axis)
 
-        def part(start, stop):
-            index = [slice(None)] * c.ndim
-            index[axis] = slice(start, stop)
-            return c[tuple(index)]
+        def along(start, stop):
+            return tuple(slice(start, stop) if k == axis else slice(None) for k in range(c.ndim))
 
         # Window i sums c[i + width - 1] - c[i - 1], the first one c[width - 1] alone.
-        p = part(width - 1, None).copy()
-        p[tuple(slice(1, None) if k == axis else slice(None) for k in range(c.ndim))] -= part(None, -width)
+        p = c[along(width - 1, None)].copy()
+        p[along(1, None)] -= c[along(None, -width)]
         p /= width
     return p
 
@@ -545,20 +543,22 @@ def _background(a, coils, sigma, refine=True):
     # pick themselves for being low.
     inner = np.zeros(a.shape, dtype=bool)
     inner[tuple(slice(_BG_WIDTH // 2, n - _BG_WIDTH // 2) for n in a.shape)] = True
-    shrink = 2 * _BG_SHRINK + 1
     need = max(_BG_MIN_VOXELS, _BG_MIN_FRACTION * a.size)
-    for round_ in range(_BG_ROUNDS):
+
+    def found(sigma):
         # Both sides: regions quieter than noise (zero-filled, masked) are no background.
         quiet = (np.abs(window - table.mean[0] * sigma) <= spread * sigma) & inner
         # Windows of ones come out exactly 1 in float32 too.
-        background = _box(quiet.astype(np.float32), shrink) >= 1.0
+        return _box(quiet.astype(np.float32), 2 * _BG_SHRINK + 1) >= 1.0
+
+    for round_ in range(_BG_ROUNDS):
+        background = found(sigma)
         if background.sum() < need and round_ == 0 and refine and spread < _BG_LEVEL * table.mean[0]:
             # The fit can be further off than 4 standard errors (6 % with four
             # coils, where those are 9 % of the mean): look where the window
             # means crowd within its error, and try again there.
             sigma = _densest_noise_level(window[inner], table.mean[0], spread, sigma)
-            quiet = (np.abs(window - table.mean[0] * sigma) <= spread * sigma) & inner
-            background = _box(quiet.astype(np.float32), shrink) >= 1.0
+            background = found(sigma)
         if background.sum() < need:
             return sigma, None
         if not refine:
@@ -658,7 +658,7 @@ def stabilise(z, model="gaussian", **params):
         sigma, background = _rician_sigma_and_background(z, coils, params.get("mask"))
     elif params.get("mask") is not None:
         raise ValueError("a mask is only used to estimate sigma; give one or the other")
-    y = rician_vst(z, sigma, coils)
+    y = rician_vst(z, sigma, coils)  # checks the data and sigma first
     sigma = float(sigma)
     if params.get("sigma") is not None:
         background = _background(np.asarray(z, dtype=np.float32), coils, sigma, refine=False)[1]

@@ -114,7 +114,7 @@ def estimate_psd(z, shape=None, *, mask=None):
         # Busy data (no region of noise alone): structure inflates the block
         # estimate, mostly at low frequencies, where the short-range fit
         # extrapolates instead.
-        details = _Details(volume, [a for a, g in enumerate(grid3) if g > 1 and volume.shape[a] > 1])
+        details = _Details.of(volume, grid3)
         try:
             fit = _short_range(volume, grid3, details)
         except ValueError as exc:
@@ -393,8 +393,7 @@ def _short_range(volume, grid, details=None):
     detail variances (see _Details).
     """
     block = tuple(1 if g == 1 else min(n, _FIT_BLOCK) for n, g in zip(volume.shape, grid))
-    if details is None:
-        details = _Details(volume, [a for a, b in enumerate(block) if b > 1])
+    details = details or _Details.of(volume, grid)
     reach = [min(_FIT_LAGS, max(0, b // 2 - 1)) if a in details.correlated else 0
              for a, b in enumerate(block)]
     if not any(reach):
@@ -450,6 +449,11 @@ class _Details:
     # An axis is correlated outside this ratio interval: r above 0.26 or
     # below -0.13 (structure never lowers the ratio).
     RATIOS = (1 / 1.3, 1.7)
+
+    @classmethod
+    def of(cls, volume, grid):
+        """The details along the axes a grid of this shape resolves."""
+        return cls(volume, [a for a, (g, n) in enumerate(zip(grid, volume.shape)) if g > 1 and n > 1])
 
     def __init__(self, volume, axes):
         self.axes = list(axes)
