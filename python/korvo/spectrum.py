@@ -55,6 +55,13 @@ _BATCH_SAMPLES = 1 << 22
 # used, and the quantile of the block periodograms taken per frequency.
 _FIT_BLOCK = 8
 _FIT_LAGS = 2
+# Lags per correlated axis of the fit that is returned when some axis tests
+# white: the model then has few terms, and a third lag follows a steep
+# spectral edge (zero-filled k-space) that two cannot. With every axis
+# correlated a third lag overfits. Whether to use the fit at all is decided
+# on the two-lag one, whose level the margin below was set on (the third lag
+# reads a steep edge's level a few per cent low).
+_FIT_LAGS_PARTIAL = 3
 _FIT_RADIUS = 0.3
 _FIT_QUANTILE = 0.1
 # The homogeneous-block estimate is kept unless its noise power exceeds the
@@ -120,7 +127,8 @@ def estimate_psd(z, shape=None, *, mask=None):
         except ValueError as exc:
             fit, error = None, error or exc
         if fit is not None and (best is None or best.sum() > (1.0 + _FIT_MARGIN) * fit.sum()):
-            best = fit
+            partial = details.correlated and not set(details.axes) <= set(details.correlated)
+            best = _short_range(volume, grid3, details, _FIT_LAGS_PARTIAL) if partial else fit
         elif best is not None:
             best = _checked(best, details)
     if best is None:
@@ -374,8 +382,8 @@ def _full_spectrum(half, block):
 # Short-range fit
 
 
-def _short_range(volume, grid, details=None):
-    """PSD of a noise whose correlations reach at most _FIT_LAGS samples per
+def _short_range(volume, grid, details=None, lags=_FIT_LAGS):
+    """PSD of a noise whose correlations reach at most ``lags`` samples per
     axis, fitted to the high frequencies of small blocks.
 
     Structure is sparse at high frequencies but dense at low ones, so only
@@ -394,7 +402,7 @@ def _short_range(volume, grid, details=None):
     """
     block = tuple(1 if g == 1 else min(n, _FIT_BLOCK) for n, g in zip(volume.shape, grid))
     details = details or _Details.of(volume, grid)
-    reach = [min(_FIT_LAGS, max(0, b // 2 - 1)) if a in details.correlated else 0
+    reach = [min(lags, max(0, b // 2 - 1)) if a in details.correlated else 0
              for a, b in enumerate(block)]
     if not any(reach):
         return np.full(grid, details.white_variance() * np.prod(grid))
