@@ -17,6 +17,7 @@ from .matches import MatchStorage, StageMatches
 from .memory import available_memory
 from .noise import (coloured_noise, estimate_sigma, estimate_sigma_map, psd_concentration, psd_from_kernel, psd_sigma,
                     white_psd)
+from .noise_models import estimate_poisson_gaussian, estimate_rician_sigma
 from .phantom import phantom
 from .profile import KORVOProfile, StageProfile
 from .spectrum import estimate_psd
@@ -36,6 +37,8 @@ __all__ = [
     "estimate_sigma",
     "estimate_sigma_map",
     "estimate_psd",
+    "estimate_poisson_gaussian",
+    "estimate_rician_sigma",
     "white_psd",
     "psd_from_kernel",
     "psd_sigma",
