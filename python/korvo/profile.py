@@ -493,4 +493,8 @@ def _refuse(record, stage):
         # The library names its record's fields; the profile spells them in snake case.
         words = re.sub(r"(?<=[a-z])([A-Z])", lambda m: "_" + m.group(1).lower(), reason)
         words = words.replace("image_size", "the data's (x, y, z) extents")
+        if words.startswith("block_size") and words.endswith("along z"):
+            # Thin stacks are the usual case: say what works.
+            words += ("; for so few slices pass block_size=(8, 8, 1) in profile.ht and "
+                      "profile.wiener, or denoise each slice as a 2-D image")
         raise ValueError(f"profile.{STAGE_KEYS[stage]}: {words}")

@@ -143,6 +143,8 @@ def test_bad_call_arguments(no_native):
         korvo.korvo(GOOD, 1.0, progress="yes")
     with pytest.raises(ValueError, match="psd_work_size .* smaller than block_size"):
         korvo.korvo(GOOD, 1.0, profile=korvo.KORVOProfile(psd_work_size=(64, 64, 1)))
+    with pytest.raises(ValueError, match=r"along z; for so few slices pass block_size=\(8, 8, 1\)"):
+        korvo.korvo(np.zeros((3, 40, 40)), 1.0)
 
 
 @pytest.mark.parametrize("stage", ["ht", "wiener"])
