@@ -198,7 +198,8 @@ def whitening_gain(psd, shape):
     weights[..., 0] = 1.0
     if shape[-1] % 2 == 0:
         weights[..., -1] = 1.0
-    ratio = np.sqrt(np.sum(weights * gain ** 2 * relative) / np.sum(weights))
+    # Resampling a sharply peaked PSD rings below zero; noise power cannot.
+    ratio = np.sqrt(np.sum(weights * gain ** 2 * np.maximum(relative, 0.0)) / np.sum(weights))
     return gain, float(ratio)
 
 
