@@ -5,6 +5,7 @@ from __future__ import annotations
 import argparse
 import contextlib
 import os
+import signal
 import sys
 import time
 
@@ -112,6 +113,12 @@ class _Run:
         if args.noise != "gaussian" and (args.psd or args.sigma_map):
             raise ValueError(f"--noise {args.noise} is stabilised to white noise: it takes "
                              f"--sigma (or estimates it), not --psd or --sigma-map")
+        for flag, value, model in (("--gain", args.gain, "poisson-gaussian"),
+                                   ("--offset", args.offset, "poisson-gaussian"),
+                                   ("--coils", args.coils, "rician")):
+            if value is not None and args.noise != model:
+                raise ValueError(f"{flag} is a parameter of --noise {model}, and this run has "
+                                 f"--noise {args.noise}")
         if args.psd_mask and not self.auto:
             raise ValueError("--psd-mask marks where to estimate the PSD: use it with --psd auto")
         if args.psd and not self.auto:
@@ -596,11 +603,32 @@ def _one_line(exc):
     return text or type(exc).__name__
 
 
+class _Terminated(KeyboardInterrupt):
+    """SIGTERM (timeout, batch schedulers, container stops): unwound like
+    Ctrl-C, so that no temporary output is left behind."""
+
+
+def _on_terminate(owner):
+    def handler(signum, frame):
+        if os.getpid() != owner:  # a forked worker ends as it would have
+            signal.signal(signum, signal.SIG_DFL)
+            os.kill(os.getpid(), signum)
+            return
+        raise _Terminated
+    return handler
+
+
 def main(argv=None):
     parser = _parser()
     args = parser.parse_args(argv)
+    previous = None
+    with contextlib.suppress(ValueError):  # not the main thread: leave SIGTERM alone
+        previous = signal.signal(signal.SIGTERM, _on_terminate(os.getpid()))
     try:
         return args.run(args)
+    except _Terminated:
+        print("\nkorvo: terminated", file=sys.stderr)
+        return 128 + signal.SIGTERM
     except KeyboardInterrupt:
         print("\nkorvo: interrupted", file=sys.stderr)
         return 130
@@ -615,6 +643,9 @@ def main(argv=None):
         print(f"korvo: internal error: {type(exc).__name__}: {_one_line(exc)} "
               f"(--traceback shows where)", file=sys.stderr)
         return 1
+    finally:
+        if previous is not None:
+            signal.signal(signal.SIGTERM, previous)
 
 
 if __name__ == "__main__":
