@@ -424,10 +424,16 @@ def rician_vst(z, sigma, coils=1):
     per real channel and ``coils`` coils combined by root sum of squares:
     y = f(z / sigma) has nearly unit noise variance at every true magnitude."""
     sigma, coils = _positive("sigma", sigma), _coils(coils)
-    a = _real(z, "rician_vst")
-    if (a < 0).any():
-        raise ValueError("rician_vst: magnitude data cannot be negative")
-    return _rician_table(coils).forward(a / sigma)
+    return _rician_table(coils).forward(_magnitudes(z, "rician_vst") / sigma)
+
+
+def _magnitudes(z, who):
+    a = _real(z, who)
+    if a.size and a.min() < 0:
+        raise ValueError(f"{who}: magnitude data cannot be negative (minimum {a.min():.4g}); the "
+                         f"Rician model is for magnitude MRI (real, phase or offset images are "
+                         f"not magnitudes)")
+    return a
 
 
 def inverse_rician_vst(d, sigma, coils=1, clip=False):
@@ -474,8 +480,8 @@ def estimate_rician_sigma(z, coils=1, mask=None):
 def _rician_sigma_and_background(z, coils, mask):
     """(sigma, background): :func:`estimate_rician_sigma`, and the voxels it
     took for noise alone (``mask``, or those it found; None without)."""
+    a = _magnitudes(z, "estimate_rician_sigma")
     if mask is not None:
-        a = _real(z, "estimate_rician_sigma")
         mask = np.asarray(mask)
         if mask.dtype != bool or mask.shape != a.shape:
             raise ValueError(f"mask must be a boolean array of the data's shape {a.shape}")

@@ -205,6 +205,7 @@ def test_noise_models_through_korvo(fast_profile):
     (lambda z: nm.stabilise(z, "rician", sigma=1.0, coils=1.5), ValueError),
     (lambda z: nm.stabilise(z, "rician", sigma=1.0, mask=z > 0), ValueError),
     (lambda z: nm.stabilise(z - 10.0, "rician", sigma=1.0), ValueError),
+    (lambda z: nm.estimate_rician_sigma(z - 10.0), ValueError),  # gave a sigma
     (lambda z: nm.stabilise(z.astype(complex), "rician", sigma=1.0), TypeError),
     (lambda z: nm.stabilise(z, "gaussian", sigma="big"), TypeError),
     (lambda z: nm.estimate_rician_sigma(z, mask=np.ones(3, bool)), ValueError),
