@@ -105,6 +105,10 @@ def estimate_psd(z, shape=None, *, mask=None):
         weights = weights[None]
     # A 2-D grid for a volume: 2-D blocks taken slice by slice.
     grid3 = grid if len(grid) == 3 else (1,) + grid
+    resolved = [n for n, g in zip(volume.shape, grid3) if g > 1]
+    if resolved and max(resolved) < _MIN_BLOCK:  # nothing to estimate from, on any axis
+        raise ValueError(f"estimate_psd needs at least {_MIN_BLOCK} samples along the axes of the "
+                         f"PSD grid, got data of shape {data.shape}")
     # Blocks twice the grid estimate long lags better; blocks of the grid's
     # size find more homogeneous places in busy data. Structure only ever adds
     # power, so of the two the estimate with less noise power is kept.

@@ -185,6 +185,8 @@ def _corner_mask(size):
     ((np.ones(50),), {}, ValueError, "2-D or 3-D"),
     ((np.ones((20, 20)), (8, 8, 8)), {}, ValueError, "shape"),
     ((np.ones((20, 20, 3)),), {}, ValueError, "at least 4"),
+    ((np.random.default_rng(0).standard_normal((3, 3, 3)),), {}, ValueError, "at least 4"),
+    ((np.full((1, 1), 0.5),), {}, ValueError, "at least 4"),  # both gave a PSD
     ((np.ones((20, 20, 20)),), {"mask": np.ones((20, 20))}, ValueError, "mask has shape"),
     ((np.ones((20, 20, 20)),), {"mask": np.ones((20, 20, 20), complex)}, TypeError, "mask"),
     ((np.ones((20, 20, 20)),), {"mask": np.zeros((20, 20, 20))}, ValueError, "at least 128"),
