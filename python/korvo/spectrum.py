@@ -30,6 +30,7 @@ blocks, which the lag domain resamples to the grid without interpolation.
 
 from __future__ import annotations
 
+import math
 from statistics import NormalDist
 
 import numpy as np
@@ -137,7 +138,12 @@ def estimate_psd(z, shape=None, *, mask=None):
             best = _checked(best, details)
     if best is None:
         raise error
-    return best.reshape(grid).astype(np.float32)
+    with np.errstate(over="ignore"):
+        psd = best.reshape(grid).astype(np.float32)
+    if not (np.isfinite(psd).all() and psd.max() > 0):  # the stages read it in single precision
+        raise ValueError(f"estimate_psd: a noise std of {math.sqrt(best.mean() / best.size):.3g} gives a "
+                         f"PSD beyond single precision on a {grid} grid; rescale the data")
+    return psd
 
 
 def _checked(psd, details):

@@ -187,6 +187,8 @@ def _corner_mask(size):
     ((np.ones((20, 20, 3)),), {}, ValueError, "at least 4"),
     ((np.random.default_rng(0).standard_normal((3, 3, 3)),), {}, ValueError, "at least 4"),
     ((np.full((1, 1), 0.5),), {}, ValueError, "at least 4"),  # both gave a PSD
+    ((np.random.default_rng(0).standard_normal((20, 20, 20)) * 1e30,), {}, ValueError,
+     "single precision"),  # gave infinities
     ((np.ones((20, 20, 20)),), {"mask": np.ones((20, 20))}, ValueError, "mask has shape"),
     ((np.ones((20, 20, 20)),), {"mask": np.ones((20, 20, 20), complex)}, TypeError, "mask"),
     ((np.ones((20, 20, 20)),), {"mask": np.zeros((20, 20, 20))}, ValueError, "at least 128"),
