@@ -74,10 +74,13 @@ def chunk_margin(shape, profile=None, stages="both"):
     return tuple(margin), tuple(align)
 
 
-def _refuse_options(channel_axis, shared_groups, matches, progress, noise_map):
+def _refuse_channels(channel_axis, shared_groups):
     if channel_axis is not None or shared_groups is not False:
         raise ValueError("a dask array is denoised as one 2-D or 3-D channel; denoise channels "
                          "one by one (korvo(z[..., i], ...))")
+
+
+def _refuse_options(matches, progress, noise_map):
     if matches is not None:
         raise ValueError("matches cannot be recorded or replayed chunk by chunk")
     if progress is not False:
@@ -98,12 +101,13 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
     import dask.array as da
 
     profile = KORVOProfile() if profile is None else profile
+    _refuse_channels(channel_axis, shared_groups)  # before the shape: channels add an axis
     if z.ndim not in (2, 3):
         raise ValueError(f"z must be 2-D or 3-D, got {z.ndim} dimensions with shape {z.shape}")
     if any(math.isnan(n) for n in z.shape):
         raise ValueError("z has chunks of unknown size; call z.compute_chunk_sizes() first")
     sigmas, psd, noise_map = check_noise(sigma, psd, None, z.shape)
-    _refuse_options(channel_axis, shared_groups, matches, progress, noise_map)
+    _refuse_options(matches, progress, noise_map)
     if pilot is not None:
         pilot = da.asarray(pilot)
         if pilot.shape != z.shape:

@@ -96,6 +96,9 @@ def test_options_a_chunked_run_cannot_honour(options, message):
     z = da.zeros((20, 20, 20), chunks=10)
     with pytest.raises(ValueError, match=message):
         korvo.korvo(z, **{"sigma": 0.1, **options})
+    if "channel_axis" in options:  # with the channel axis it names (was: "must be 2-D or 3-D")
+        with pytest.raises(ValueError, match=message):
+            korvo.korvo(da.zeros((2, 20, 20, 20), chunks=10), **{"sigma": 0.1, **options})
 
 
 def test_worker_errors_reach_the_caller():
