@@ -164,7 +164,10 @@ class _Run:
 
     def run(self, block, noise, channel, where):
         self.say(f"denoising {self.name}{where}")
-        shared = self.shared if channel is not None else False
+        if self.shared is not False and channel is None:
+            raise ValueError(f"--shared-groups needs channels, and {self.name} has none "
+                             f"(its axes are space only)")
+        shared = self.shared
         return korvo(block, **noise, profile=self.profile, channel_axis=channel,
                      shared_groups=shared, stages=self.args.stages, progress=not self.args.quiet)
 

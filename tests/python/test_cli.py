@@ -284,6 +284,7 @@ def test_user_errors_are_one_line(tmp_path, capsys):
         ([str(flat), out, "--set", "hard_threshold"], "name=value"),
         ([str(empty), out], "empty.npy"),
         ([str(flat), out, "--gain", "2"], "--gain is a parameter of --noise poisson-gaussian"),
+        ([str(flat), out, "--sigma", "1", "--shared-groups", "1"], "has none"),  # was ignored
         ([str(flat), out, "--noise", "poisson-gaussian", "--coils", "2"], "--coils"),
         ([str(flat), out], "estimated as 0"),
         ([str(tmp_path / "missing.npy"), out], "missing.npy"),
