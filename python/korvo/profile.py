@@ -496,5 +496,6 @@ def _refuse(record, stage):
         if words.startswith("block_size") and words.endswith("along z"):
             # Thin stacks are the usual case: say what works.
             words += ("; for so few slices pass block_size=(8, 8, 1) in profile.ht and "
-                      "profile.wiener, or denoise each slice as a 2-D image")
+                      "profile.wiener (command line: --set ht.block_size=8,8,1 --set "
+                      "wiener.block_size=8,8,1), or denoise each slice as a 2-D image")
         raise ValueError(f"profile.{STAGE_KEYS[stage]}: {words}")
