@@ -317,7 +317,7 @@ def test_without_normalisation(volume, rng):
         warnings.simplefilter("error")  # no rounding warning for data near zero
         raw = korvo.korvo(noisy, 0.1, normalize=False)
     assert psnr(raw, volume) > psnr(korvo.korvo(noisy, 0.1), volume) - 0.5
-    # A large offset swamps the noise in single precision (0.7 sigma rms at 1e5
+    # A large offset swamps the noise in single precision (0.7 sigma rms at 1e6
     # sigma, silently): the caller is told.
     with pytest.warns(RuntimeWarning, match="normalize=True"):
         korvo.korvo(noisy + np.float32(1e5), 0.1, normalize=False)
