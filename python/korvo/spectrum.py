@@ -128,12 +128,11 @@ def estimate_psd(z, shape=None, *, mask=None):
         # extrapolates instead.
         details = _Details.of(volume, grid3)
         try:
-            fit = _short_range(volume, grid3, details)
+            fit, returned = _short_range(volume, grid3, details)
         except ValueError as exc:
             fit, error = None, error or exc
         if fit is not None and (best is None or best.sum() > (1.0 + _FIT_MARGIN) * fit.sum()):
-            partial = details.correlated and not set(details.axes) <= set(details.correlated)
-            best = _short_range(volume, grid3, details, _FIT_LAGS_PARTIAL) if partial else fit
+            best = returned
         elif best is not None:
             best = _checked(best, details)
     if best is None:
@@ -392,9 +391,11 @@ def _full_spectrum(half, block):
 # Short-range fit
 
 
-def _short_range(volume, grid, details=None, lags=_FIT_LAGS):
-    """PSD of a noise whose correlations reach at most ``lags`` samples per
-    axis, fitted to the high frequencies of small blocks.
+def _short_range(volume, grid, details=None):
+    """PSD of a noise whose correlations reach at most _FIT_LAGS samples per
+    axis, fitted to the high frequencies of small blocks; and the PSD to
+    return when that fit is used: with _FIT_LAGS_PARTIAL lags where some axis
+    tests white, else the same. -> (fit, returned)
 
     Structure is sparse at high frequencies but dense at low ones, so only
     frequencies of radius _FIT_RADIUS and above are read, and there a low
@@ -412,10 +413,14 @@ def _short_range(volume, grid, details=None, lags=_FIT_LAGS):
     """
     block = tuple(1 if g == 1 else min(n, _FIT_BLOCK) for n, g in zip(volume.shape, grid))
     details = details or _Details.of(volume, grid)
-    reach = [min(lags, max(0, b // 2 - 1)) if a in details.correlated else 0
-             for a, b in enumerate(block)]
-    if not any(reach):
-        return np.full(grid, details.white_variance() * np.prod(grid))
+
+    def reach(most):
+        return [min(most, max(0, b // 2 - 1)) if a in details.correlated else 0
+                for a, b in enumerate(block)]
+
+    if not any(reach(_FIT_LAGS)):
+        white = np.full(grid, details.white_variance() * np.prod(grid))
+        return white, white
     windows = [_hann(b) for b in block]
     starts = _starts(volume.shape, block, [max(1, b // 2) for b in block])
     # Blocks reaching into noise-free padding would pull the low quantile down.
@@ -425,9 +430,6 @@ def _short_range(volume, grid, details=None, lags=_FIT_LAGS):
     power = _periodograms(volume, starts, block, windows, np.fft.fftn)
     freqs = np.meshgrid(*[np.fft.fftfreq(b) for b in block], indexing="ij")
     used = np.sqrt(sum(f * f for f in freqs)) >= _FIT_RADIUS
-    lags, mult = _half_lags(reach)
-    if used.sum() < 4 * len(lags):
-        raise ValueError(f"estimate_psd: blocks {block} are too small to fit a spectrum")
     # Bins at zero or Nyquist along every axis are real: chi-square, one dof.
     real = np.all([(np.abs(f) == 0) | (np.abs(f) == 0.5) for f in freqs], axis=0)
     q = _FIT_QUANTILE
@@ -437,18 +439,27 @@ def _short_range(volume, grid, details=None, lags=_FIT_LAGS):
     target = np.quantile(power, q, axis=0)[used] / scale[used]
     if not target.max() > 0:
         raise ValueError("estimate_psd: the data has too few non-constant blocks")
-    rho = np.ones(len(lags))
-    for axis, w in enumerate(windows):
-        c = _lagged(w, w)
-        rho *= c[lags[:, axis] % len(c)] / c[0]
-    design = np.cos(2 * np.pi * np.stack([f[used] for f in freqs], axis=1) @ lags.T) * (rho * mult)
     weight = 1.0 / np.maximum(target, 1e-2 * target.mean())
-    cov, *_ = np.linalg.lstsq(design * weight[:, None], target * weight, rcond=None)
     grid_freqs = np.stack([f.ravel() for f in np.meshgrid(
         *[np.fft.fftfreq(g) for g in grid], indexing="ij")], axis=1)
-    psd = (np.cos(2 * np.pi * grid_freqs @ lags.T) @ (cov * mult)).reshape(grid) * np.prod(grid)
-    psd = np.maximum(psd, 1e-3 * max(psd.mean(), 0.0) + 1e-30)
-    return psd * min(1.0, details.level(psd))
+
+    def fit(most):
+        lags, mult = _half_lags(reach(most))
+        if used.sum() < 4 * len(lags):
+            raise ValueError(f"estimate_psd: blocks {block} are too small to fit a spectrum")
+        rho = np.ones(len(lags))
+        for axis, w in enumerate(windows):
+            c = _lagged(w, w)
+            rho *= c[lags[:, axis] % len(c)] / c[0]
+        design = np.cos(2 * np.pi * np.stack([f[used] for f in freqs], axis=1) @ lags.T) * (rho * mult)
+        cov, *_ = np.linalg.lstsq(design * weight[:, None], target * weight, rcond=None)
+        psd = (np.cos(2 * np.pi * grid_freqs @ lags.T) @ (cov * mult)).reshape(grid) * np.prod(grid)
+        psd = np.maximum(psd, 1e-3 * max(psd.mean(), 0.0) + 1e-30)
+        return psd * min(1.0, details.level(psd))
+
+    two = fit(_FIT_LAGS)
+    partial = not set(details.axes) <= set(details.correlated)
+    return two, fit(_FIT_LAGS_PARTIAL) if partial else two
 
 
 class _Details:
