@@ -13,6 +13,7 @@ import numpy as np
 
 from . import KORVOProfile, __version__, estimate_psd, estimate_sigma, estimate_sigma_map, korvo
 from .noise import psd_concentration, psd_sigma
+from .noise_models import MODEL_PARAMETERS, MODELS
 
 __all__ = ["main"]
 
@@ -113,12 +114,11 @@ class _Run:
         if args.noise != "gaussian" and (args.psd or args.sigma_map):
             raise ValueError(f"--noise {args.noise} is stabilised to white noise: it takes "
                              f"--sigma (or estimates it), not --psd or --sigma-map")
-        for flag, value, model in (("--gain", args.gain, "poisson-gaussian"),
-                                   ("--offset", args.offset, "poisson-gaussian"),
-                                   ("--coils", args.coils, "rician")):
-            if value is not None and args.noise != model:
-                raise ValueError(f"{flag} is a parameter of --noise {model}, and this run has "
-                                 f"--noise {args.noise}")
+        for model, names in MODEL_PARAMETERS.items():
+            for name in names:
+                if getattr(args, name) is not None and args.noise != model:
+                    raise ValueError(f"--{name} is a parameter of --noise {model}, and this run "
+                                     f"has --noise {args.noise}")
         if args.psd_mask and not self.auto:
             raise ValueError("--psd-mask marks where to estimate the PSD: use it with --psd auto")
         if args.psd and not self.auto:
@@ -167,9 +167,8 @@ class _Run:
         if self.shared is not False and channel is None:
             raise ValueError(f"--shared-groups needs channels, and {self.name} has none "
                              f"(its axes are space only)")
-        shared = self.shared
         return korvo(block, **noise, profile=self.profile, channel_axis=channel,
-                     shared_groups=shared, stages=self.args.stages, progress=not self.args.quiet)
+                     shared_groups=self.shared, stages=self.args.stages, progress=not self.args.quiet)
 
     def denoise(self, block, labels, where, mask=None, sigma_map=None):
         """Denoise one item (2 or 3 space axes, maybe a channel axis)."""
@@ -548,7 +547,7 @@ def _parser():
     noise.add_argument("--sigma-map", metavar="FILE|auto",
                        help="per-voxel noise std for noise whose level varies in space (IN's "
                             "shape); 'auto': estimate a slowly varying map from IN")
-    d.add_argument("--noise", choices=("gaussian", "poisson-gaussian", "rician"),
+    d.add_argument("--noise", choices=MODELS,
                    default="gaussian",
                    help="noise model: additive Gaussian (default), photon counts "
                         "(poisson-gaussian: --gain, --offset, --sigma read noise) or magnitude "

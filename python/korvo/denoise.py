@@ -419,12 +419,12 @@ def _mean_channel(channels, normalize):
 def _stabilised(z, sigma, psd, model, extra, pilot, options):
     """Non-Gaussian noise: each channel stabilised to white unit noise, the
     stabilised data denoised, each channel brought back by its inverse."""
-    from .noise_models import MODELS, stabilise
+    from .noise_models import MODEL_PARAMETERS, MODELS, stabilise
 
     if model not in MODELS:
         raise ValueError(f"noise must be one of {MODELS}, got {model!r}")
-    taken = {"gaussian": (), "poisson-gaussian": ("gain", "offset"), "rician": ("coils",)}[model]
-    stray = [name for name, value in extra.items() if value is not None and name not in taken]
+    stray = [name for name, value in extra.items()
+             if value is not None and name not in MODEL_PARAMETERS[model]]
     if stray:
         raise ValueError(f"{', '.join(stray)} belong to another noise model than {model!r}")
     if psd is not None:

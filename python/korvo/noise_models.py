@@ -32,12 +32,14 @@ import numpy as np
 
 from .noise import _haar_detail, estimate_sigma
 
-__all__ = ["stabilise", "Inverse", "MODELS",
+__all__ = ["stabilise", "Inverse", "MODELS", "MODEL_PARAMETERS",
            "anscombe", "inverse_anscombe", "inverse_anscombe_algebraic",
            "estimate_poisson_gaussian",
            "rician_vst", "inverse_rician_vst", "rician_moments", "estimate_rician_sigma"]
 
-MODELS = ("gaussian", "poisson-gaussian", "rician")
+# Each noise model and the keyword parameters that belong to it.
+MODEL_PARAMETERS = {"gaussian": (), "poisson-gaussian": ("gain", "offset"), "rician": ("coils",)}
+MODELS = tuple(MODEL_PARAMETERS)
 
 
 # --------------------------------------------------------------------------- checks
