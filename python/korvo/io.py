@@ -267,7 +267,8 @@ def write_volume(path, data, context=None, *, shape=None, dtype=None):
         nib = _require("nibabel", "nifti")
     elif kind == "tiff":
         tifffile = _require("tifffile", "tiff")
-    folder, name = os.path.split(os.path.abspath(path))
+    target = os.path.realpath(path)  # a link to OUT stays a link: write where it points
+    folder, name = os.path.split(target)
     descriptor, temporary = tempfile.mkstemp(prefix=f".{name}.", suffix=_suffix(path), dir=folder)
     os.close(descriptor)
     try:
@@ -277,8 +278,8 @@ def write_volume(path, data, context=None, *, shape=None, dtype=None):
             _write_nifti(nib, temporary, data, shape, dtype, context)
         else:
             _write_tiff(tifffile, temporary, data, shape, dtype, {**context, "name": name})
-        _set_mode(temporary, path)
-        os.replace(temporary, path)
+        _set_mode(temporary, target)
+        os.replace(temporary, target)
     except BaseException:
         try:
             os.unlink(temporary)
@@ -540,7 +541,7 @@ class ChunkedOutput:
     def _temporary_name(self, suffix):
         """A new file (a folder for .zarr) beside OUT."""
         path = _split_hdf5(self.path)[0] if self.kind == "hdf5" else self.path.rstrip("/")
-        where, name = os.path.split(os.path.abspath(path))
+        where, name = os.path.split(os.path.realpath(path))
         if suffix == ".zarr":
             return tempfile.mkdtemp(prefix=f".{name}.", suffix=suffix, dir=where)
         descriptor, temporary = tempfile.mkstemp(prefix=f".{name}.", suffix=suffix, dir=where)
@@ -601,9 +602,9 @@ class ChunkedOutput:
             self.target.flush()
             del self.target
             _set_mode(self.temporary, self.path)
-            os.replace(self.temporary, self.path)
+            os.replace(self.temporary, os.path.realpath(self.path))
         elif self.kind == "zarr":
-            _replace_folder(self.temporary, self.path.rstrip("/"))
+            _replace_folder(self.temporary, os.path.realpath(self.path.rstrip("/")))
         elif self.temporary is None:
             _, dataset = _hdf5_parts(self.path)
             if dataset in self.handle:
@@ -614,7 +615,7 @@ class ChunkedOutput:
             file, _ = _hdf5_parts(self.path)
             self.handle.close()
             _set_mode(self.temporary, file)
-            os.replace(self.temporary, file)
+            os.replace(self.temporary, os.path.realpath(file))
 
     def discard(self):
         try:

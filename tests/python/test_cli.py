@@ -165,10 +165,17 @@ def test_output_is_checked_first_and_written_whole(tmp_path, noisy_volume, monke
         assert cli.main(["denoise", str(source), str(existing), "--sigma", "1", "-f"]) == code
         np.testing.assert_array_equal(np.load(existing), np.zeros(3))  # the old file survives
         assert _names(tmp_path) == before  # and no temporary is left
-    monkeypatch.setattr(cli, "korvo", lambda z, **kw: np.asarray(z, np.float32) + 1)
+    monkeypatch.setattr(cli, "korvo", lambda z, **kw: z.astype(np.float32) + np.float32(1))
     assert cli.main(["denoise", str(source), str(existing), "--sigma", "1", "-f", "-q"]) == 0
     np.testing.assert_array_equal(np.load(existing), noisy + 1)
     assert _names(tmp_path) == before
+    os.symlink(existing, tmp_path / "pointer.npy")  # written through, the link kept
+    for extra in ([], ["--chunks", "8"]):
+        np.save(existing, np.zeros(3))
+        assert cli.main(["denoise", str(source), str(tmp_path / "pointer.npy"), "--sigma", "1",
+                         "-f", "-q"] + extra) == 0
+        assert (tmp_path / "pointer.npy").is_symlink()
+        np.testing.assert_allclose(np.load(existing), noisy + 1, atol=1e-6)
 
 
 def test_dtype_keep_rounds_and_clips(tmp_path, monkeypatch):
