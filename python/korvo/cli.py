@@ -104,7 +104,7 @@ class _Run:
 
     def __init__(self, args, name):
         self.args, self.name = args, name
-        self.dtype = np.dtype(np.float32)
+        self.dtype, self.scaling = np.dtype(np.float32), None
         self.profile = _apply_settings(KORVOProfile(), args.set or [])
         if args.threads is not None:
             self.profile.num_threads = args.threads or None  # 0: every core
@@ -189,7 +189,7 @@ class _Run:
             out = self.run(block, self.noise(block, channel, where, sigma_map), channel, where)
         if flat >= 0:
             out = np.expand_dims(out, flat)
-        return _cast(out, self.dtype)
+        return _cast(out, self.dtype, self.scaling)
 
 
 def _shared_groups(text):
@@ -205,10 +205,13 @@ def _shared_groups(text):
             from None
 
 
-def _cast(result, dtype):
-    """The result in the output type: integers rounded and clipped to their range."""
+def _cast(result, dtype, scaling=None):
+    """The result in the output type: integers rounded and clipped to their range
+    (a scaled NIfTI's: its stored values, (result - intercept) / slope)."""
     if dtype == result.dtype:
         return result
+    if scaling is not None:
+        result = (result - np.float32(scaling[2])) / np.float32(scaling[1])
     if dtype.kind in "iu":
         info = np.iinfo(dtype)
         return np.clip(np.rint(result), info.min, info.max).astype(dtype)
@@ -216,7 +219,7 @@ def _cast(result, dtype):
 
 
 def _denoise(args):
-    from .io import CHUNKED, check_output, read_volume, volume_format, write_volume
+    from .io import CHUNKED, check_output, read_volume, stored_scaling, volume_format, write_volume
 
     check_output(args.output, source=args.input, force=args.force)
     run = _Run(args, args.input)
@@ -240,7 +243,9 @@ def _denoise(args):
                                  f"{data.shape}; they must match")
             companions[key] = np.transpose(extra, order)
     labels = "".join(axes[i] for i in rest)
-    run.dtype = data.dtype if args.dtype == "keep" else np.dtype(np.float32)
+    if args.dtype == "keep":
+        run.scaling = stored_scaling(context)
+        run.dtype = data.dtype if run.scaling is None else run.scaling[0]
     count = int(np.prod(data_t.shape[:len(series)]))
     run.say(f"{args.input}: {_describe(axes, data.shape)}"
             + (f"; {count} items along {''.join(axes[i] for i in series)}" if series else ""))
@@ -566,7 +571,8 @@ def _parser():
                    help="both stages (default) or hard thresholding only")
     d.add_argument("--dtype", choices=("float32", "keep"), default="float32",
                    help="sample type of OUT: float32 (default, nothing lost) or keep IN's "
-                        "(integers rounded and clipped to their range)")
+                        "(integers rounded and clipped to their range; a scaled NIfTI keeps "
+                        "its slope and intercept)")
     d.add_argument("--threads", type=_non_negative,
                    help="worker threads (default and 0: all cores)")
     d.add_argument("--set", action="append", metavar="NAME=VALUE",

@@ -253,7 +253,9 @@ def write_volume(path, data, context=None, *, shape=None, dtype=None):
     ``shape`` and ``dtype`` in order along its leading axes (a series item by
     item); those are written as they come where the format allows.
     ``context["axes"]`` labels the axes (TIFF keeps them); the rest of the
-    context is the metadata of the file read, kept where the formats match.
+    context is the metadata of the file read, kept where the formats match;
+    integers of a scaled NIfTI's stored type keep its slope and intercept (see
+    :func:`stored_scaling`).
     """
     path = os.fspath(path)
     kind = volume_format(path)
@@ -338,6 +340,19 @@ def _write_npy(path, data, shape, dtype):
         del out
 
 
+def stored_scaling(context):
+    """(stored integer dtype, slope, intercept) of a NIfTI read with a scaling
+    (the reader hands out slope * stored + intercept as floats), else None."""
+    source = context.get("image") if context and context.get("kind") == "nifti" else None
+    if source is None:
+        return None
+    stored = np.dtype(source.get_data_dtype())
+    slope, inter = float(source.dataobj.slope), float(source.dataobj.inter)
+    if stored.kind not in "iu" or (slope, inter) == (1.0, 0.0):
+        return None
+    return stored, slope, inter
+
+
 def _write_nifti(nib, path, data, shape, dtype, context):
     """Header first, then the blocks as they come: the package's axis order is
     NIfTI's reversed, so C-ordered blocks are NIfTI's Fortran-ordered data."""
@@ -350,7 +365,10 @@ def _write_nifti(nib, path, data, shape, dtype, context):
     header = image.header
     header.set_data_shape(shape[::-1])
     header.set_data_dtype(dtype)
-    header.set_slope_inter(1.0, 0.0)
+    scaling = stored_scaling(context)
+    # Integers under the source's scaling are its stored values: the scaling stays.
+    same = scaling is not None and scaling[0] == dtype
+    header.set_slope_inter(*(scaling[1:] if same else (1.0, 0.0)))
     # Single-file NIfTI: data after the 348-byte header, the extension flag
     # and any extensions, on a 16-byte boundary.
     header.set_data_offset(-(-(352 + header.extensions.get_sizeondisk()) // 16) * 16)

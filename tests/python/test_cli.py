@@ -200,6 +200,18 @@ def test_dtype_keep_rounds_and_clips(tmp_path, monkeypatch):
         np.testing.assert_array_equal(result, expected)
     assert all(c["profile"].num_threads is None for c in calls)  # 0: every core
 
+    # A scaled NIfTI keeps its stored integers, slope and intercept.
+    nib = pytest.importorskip("nibabel")
+    scaled = nib.Nifti1Image(ramp.astype(np.int16), np.eye(4))
+    scaled.header.set_slope_inter(0.5, 10.0)
+    nib.save(scaled, tmp_path / "in.nii")
+    assert cli.main(["denoise", str(tmp_path / "in.nii"), str(tmp_path / "out.nii"), "--sigma",
+                     "1", "--dtype", "keep", "-q"]) == 0
+    result = nib.load(tmp_path / "out.nii")
+    assert result.get_data_dtype() == np.int16
+    assert (result.dataobj.slope, result.dataobj.inter) == (0.5, 10.0)
+    np.testing.assert_allclose(result.get_fdata(), ramp * 0.5 + 10.6, atol=0.25)
+
 
 def test_psd_auto_and_mask(tmp_path, capsys):
     # Noise correlated along x; the left rows hold noise alone. Each series
