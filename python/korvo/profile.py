@@ -254,7 +254,9 @@ class KORVOProfile(_Validated):
         other than (4, 4, 4) and (8, 8, 1), for which the adaptation was not
         measured to help. False: the settings as written.
     num_threads
-        Worker threads; None: every core this process may use.
+        Worker threads; None: every core this process may use. More than
+        the cores only slows the call down (the workers poll for work), and
+        a call warns.
     split_block_extraction
         Per axis (x, y, z): whether the pre-transformed blocks are kept for a
         band around the current position only (True) or for the whole extent

@@ -95,6 +95,13 @@ def test_native_failures_become_python_errors(volume, monkeypatch):
             korvo.korvo(volume, 0.1)
 
 
+def test_more_threads_than_cores_warns():
+    z = korvo.phantom((8, 16, 16))
+    cores = korvo.profile._cpu_count()
+    with pytest.warns(RuntimeWarning, match=f"more than the {cores} cores"):
+        korvo.korvo(z, 0.1, profile=korvo.KORVOProfile(num_threads=cores + 1))
+
+
 @pytest.mark.skipif(not sys.platform.startswith("linux"), reason="address-space limit")
 def test_refused_threads_then_a_normal_call():
     script = textwrap.dedent("""
