@@ -228,5 +228,13 @@ void BlockCollection<T>::loadBox(const ImageData<float>& image, const Vec3<int>&
     });
 }
 
+void transformedBlock(const ImageData<float>& image, const Vec3<int>& p, const Vec3<int>& blockSize,
+                      const Vec3<const float*>& transforms,
+                      const Vec3<TransformsMetas::StandardTransform>& kinds, float* scratchA,
+                      float* scratchB, float* dst) {
+    copyBlock(image, p, blockSize, dst);
+    transf3D<float>(dst, transforms, kinds, scratchA, scratchB, dst, blockSize);
+}
+
 template class BlockCollection<float>;
 template Complex* BlockCollection<Complex>::allocate(long, long, long&);

@@ -105,6 +105,13 @@ private:
     std::vector<float> _scratch;  // grows once, then serves every load
 };
 
+// The block of `image` at p, read and transformed into dst (the transform's two
+// scratch blocks given): what a collection would hold for it.
+void transformedBlock(const ImageData<float>& image, const Vec3<int>& p, const Vec3<int>& blockSize,
+                      const Vec3<const float*>& transforms,
+                      const Vec3<TransformsMetas::StandardTransform>& kinds, float* scratchA,
+                      float* scratchB, float* dst);
+
 // Candidates of one search, worst kept candidate on top. Its storage can be
 // taken back once the queue is spent, so that searches reuse one allocation.
 template <typename T>

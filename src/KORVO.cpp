@@ -264,17 +264,15 @@ template <typename T>
 struct ThreadMemory {
     Memory<T> memory;
     TempMemory<T> tempMemory;
-    std::shared_ptr<BlockCollection<T>> noisyCollection;
-    std::shared_ptr<BlockCollection<T>> pilotCollection;
+    // The blocks matched on: the noisy volume's in the first stage, the pilot's in
+    // the Wiener stage (which transforms its group's noisy blocks as it needs them).
+    std::shared_ptr<BlockCollection<T>> collection;
 
     explicit ThreadMemory(const Parameters& params, const Vec3<int>& varianceExtents)
         : memory(allocateMemory<T>(params)), tempMemory(createTempMemory<T>(params)) {
         memory.varianceExtents = varianceExtents;
     }
-    ~ThreadMemory() {
-        noisyCollection.reset();
-        pilotCollection.reset();
-    }
+    ~ThreadMemory() { collection.reset(); }
 };
 
 // Everything the stage loop allocates for one call, released on every way out.
@@ -420,28 +418,24 @@ bool bandHoldsSearchWindow(const BlockCollection<T>& collection, const Vec3<int>
     return true;
 }
 
-// Keeps a worker's own collections covering the search window around `position`
-// (`fresh`: fills them afresh, as after a jump). Collections only slide forwards, and a slide by a step of three or more can
-// leave the window's low edge behind; either way the band is filled afresh.
-template <StageName stage, typename T>
+// Keeps a worker's own collection of `image`'s blocks covering the search window
+// around `position` (`fresh`: fills it afresh, as after a jump). Collections only
+// slide forwards, and a slide by a step of three or more can leave the window's
+// low edge behind; either way the band is filled afresh.
+template <typename T>
 void keepBandAround(const Vec3<int>& position, const Vec3<int>& previous, const Vec3<int>& band,
-                    const Parameters& params, const TransformsMeta<T>& meta,
-                    const ImageData<T>& noisy, const ImageData<T>* pilot,
-                    const Vec3<T*>& moveTransforms, TempMemory<T>& temp,
-                    BlockCollection<T>* noisyColl, BlockCollection<T>* pilotColl, bool fresh = false) {
+                    const Parameters& params, const TransformsMeta<T>& meta, const ImageData<T>& image,
+                    const Vec3<T*>& moveTransforms, TempMemory<T>& temp, BlockCollection<T>* coll,
+                    bool fresh = false) {
     if (!fresh && !backwardsOnNarrowAxis(position, previous, band, params.imageSize)) {
         const Vec3<int> moved{std::max(position.x - previous.x, 0), std::max(position.y - previous.y, 0),
                               std::max(position.z - previous.z, 0)};
-        moveCollections<stage, T>(position, moved, band, params.blockSize, moveTransforms, temp, noisy,
-                                  pilot, meta.forwardKinds, noisyColl, pilotColl);
-        if (bandHoldsSearchWindow(*noisyColl, position, params)) return;
+        moveCollections<HardThresholding, T>(position, moved, band, params.blockSize, moveTransforms, temp,
+                                             image, nullptr, meta.forwardKinds, coll, nullptr);
+        if (bandHoldsSearchWindow(*coll, position, params)) return;
     }
-    noisyColl->extractInitial(noisy, position, params.blockSize, meta.forward, meta.forwardKinds,
-                              false, temp, band);
-    if (stage == Wiener) {
-        pilotColl->extractInitial(*pilot, position, params.blockSize, meta.forward, meta.forwardKinds,
-                                  false, temp, band);
-    }
+    coll->extractInitial(image, position, params.blockSize, meta.forward, meta.forwardKinds, false, temp,
+                         band);
 }
 
 // Fills the covariance table and, when asked, the distance-correction table on
@@ -560,17 +554,12 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
     const bool wholeBand = bands.whole;
     if (storage != nullptr) storage->rows = 0;
 
-    auto sharedNoisy = std::make_shared<BlockCollection<T>>();
-    auto sharedPilot = std::make_shared<BlockCollection<T>>();
+    const ImageData<T>& matched = stage == Wiener ? *pilot : noisy;
+    auto shared = std::make_shared<BlockCollection<T>>();
     if (wholeBand) {
         const Vec3<int> origin{0, 0, 0};
-        bool ok = sharedNoisy->extractInitial(noisy, origin, params.blockSize, meta.forward,
-                                              meta.forwardKinds, true, mainTemp, band);
-        if (ok && stage == Wiener) {
-            ok = sharedPilot->extractInitial(*pilot, origin, params.blockSize, meta.forward,
-                                             meta.forwardKinds, true, mainTemp, band);
-        }
-        if (!ok) {
+        if (!shared->extractInitial(matched, origin, params.blockSize, meta.forward, meta.forwardKinds,
+                                    true, mainTemp, band)) {
             report("Failed to allocate block memory");
             return false;
         }
@@ -621,23 +610,16 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
             return;
         }
         if (wholeBand) {
-            tm.noisyCollection = sharedNoisy;
-            tm.pilotCollection = sharedPilot;
+            tm.collection = shared;
         } else {
-            tm.noisyCollection = std::make_shared<BlockCollection<T>>();
-            tm.pilotCollection = std::make_shared<BlockCollection<T>>();
-            bool ok = tm.noisyCollection->allocate(imageSize, params.blockSize, band) != nullptr;
-            if (ok && stage == Wiener) {
-                ok = tm.pilotCollection->allocate(imageSize, params.blockSize, band) != nullptr;
-            }
-            if (!ok) {
+            tm.collection = std::make_shared<BlockCollection<T>>();
+            if (tm.collection->allocate(imageSize, params.blockSize, band) == nullptr) {
                 report("Failed to allocate block memory");
                 failed.store(true);
                 return;
             }
         }
-        BlockCollection<T>* noisyColl = tm.noisyCollection.get();
-        BlockCollection<T>* pilotColl = stage == Wiener ? tm.pilotCollection.get() : nullptr;
+        BlockCollection<T>* coll = tm.collection.get();
 
         const int rowCount = grid.rowsPerSlice();
         bool havePrevious = false;
@@ -657,15 +639,14 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
                                                          position)) {
                         continue;
                     }
-                    keepBandAround<stage, T>(position, havePrevious ? previous : position, band, params,
-                                   meta, noisy, pilot, moveTransforms, tm.tempMemory, noisyColl,
-                                   pilotColl);
+                    keepBandAround<T>(position, havePrevious ? previous : position, band, params, meta,
+                                      matched, moveTransforms, tm.tempMemory, coll);
                     previous = position;
                     havePrevious = true;
                     processReferenceLocation<stage, T>(
                         position, params, meta, resources.distanceCorrection, resources.covariance,
-                        resources.localVariance, replay ? i : grid.index(k, j, i), *noisyColl, output,
-                        weights, tm.memory, tm.tempMemory, pilotColl, replay ? &recorded : storage, &slab);
+                        resources.localVariance, replay ? i : grid.index(k, j, i), *coll, noisy, output,
+                        weights, tm.memory, tm.tempMemory, replay ? &recorded : storage, &slab);
                 }
                 if (owning) handoff.ownerNext.store(handoffRow + 1, std::memory_order_release);
             }
@@ -702,21 +683,13 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
                 if (!korvo_detail::referencePosition(params, grid, grid.raw(params.step, k, j, i), position)) {
                     continue;
                 }
-                // Only the collection matched on moves: the pilot's in the Wiener stage.
-                if (stage == Wiener) {
-                    keepBandAround<HardThresholding, T>(position, havePrevious ? previous : position, band,
-                                                        params, meta, *pilot, nullptr, moveTransforms,
-                                                        tm.tempMemory, pilotColl, nullptr, jumped);
-                } else {
-                    keepBandAround<stage, T>(position, havePrevious ? previous : position, band, params, meta,
-                                             noisy, pilot, moveTransforms, tm.tempMemory, noisyColl, pilotColl,
-                                             jumped);
-                }
+                keepBandAround<T>(position, havePrevious ? previous : position, band, params, meta, matched,
+                                  moveTransforms, tm.tempMemory, coll, jumped);
                 jumped = false;
                 previous = position;
                 havePrevious = true;
-                matchReferenceLocation<stage, T>(position, params, resources.distanceCorrection, i, *noisyColl,
-                                                 pilotColl, tm.memory, record);
+                matchReferenceLocation<T>(position, params, resources.distanceCorrection, i, *coll, tm.memory,
+                                          record);
             }
             handoff.state[static_cast<size_t>(row)].store(MatchHandoff::Ready, std::memory_order_release);
             ++row;

@@ -213,14 +213,13 @@ void processReferenceLocation(const Vec3<int>& referencePosition, const Paramete
                               const TransformsMeta<T>& meta, const float* distanceCorrection,
                               const float* noiseCovariance, const float* localVariance,
                               int referenceIndex, const BlockCollection<T>& collection,
-                              ImageDataMutable<T>& numerator, ImageDataMutable<float>& weights,
-                              Memory<T>& memory, TempMemory<T>& tempMemory,
-                              BlockCollection<T>* pilotCollection, BlockMatchStorage* storage,
+                              const ImageData<T>& noisyImage, ImageDataMutable<T>& numerator,
+                              ImageDataMutable<float>& weights, Memory<T>& memory,
+                              TempMemory<T>& tempMemory, BlockMatchStorage* storage,
                               const AggregationSlab<T>* slab) {
     static std::mutex aggregationMutex;
-    const BlockCollection<T>& matchCollection = stage == Wiener ? *pilotCollection : collection;
-    gatherGroup(referencePosition, params, distanceCorrection, referenceIndex, matchCollection,
-                memory, storage);
+    gatherGroup(referencePosition, params, distanceCorrection, referenceIndex, collection, memory,
+                storage);
     KORVO_ASSERT(((memory.stackSize & (memory.stackSize - 1)) == 0));
     const int n = memory.stackSize;
     const Vec3<int>& blockSize = params.blockSize;
@@ -256,8 +255,14 @@ void processReferenceLocation(const Vec3<int>& referencePosition, const Paramete
         }
     } else {
         // Matched on the pilot; the noisy blocks at the same positions are filtered.
+        // Only the group's are needed, so they are transformed here (into the
+        // estimate's buffer, free until the inverse transforms) rather than kept
+        // for a whole band.
         for (int k = 0; k < n; ++k) {
-            memory.matches[k].block = collection.getBlock(memory.matches[k].position);
+            T* block = memory.estimate.data + k * blockVolume;
+            transformedBlock(noisyImage, memory.matches[k].position, blockSize, meta.forward, meta.forwardKinds,
+                             tempMemory.blockA, tempMemory.blockB, block);
+            memory.matches[k].block = block;
         }
         transformBlocksNL<T>(memory.matches, n, forward, kind, memory.noisySpectrum, blockSize);
         covarianceVariances<T>(n, blockSize, params.psdWorkSize, exactMembers, forward,
@@ -290,22 +295,18 @@ void processReferenceLocation(const Vec3<int>& referencePosition, const Paramete
                  meanVariance, numerator, weights, slab);
 }
 
-template <StageName stage, typename T>
+template <typename T>
 void matchReferenceLocation(const Vec3<int>& position, const Parameters& params,
                             const float* distanceCorrection, int referenceIndex,
-                            const BlockCollection<T>& collection, const BlockCollection<T>* pilotCollection,
-                            Memory<T>& memory, BlockMatchStorage& storage) {
+                            const BlockCollection<T>& collection, Memory<T>& memory,
+                            BlockMatchStorage& storage) {
     KORVO_ASSERT(storage.filled == 0);
-    const BlockCollection<T>& matchCollection = stage == Wiener ? *pilotCollection : collection;
-    gatherGroup(position, params, distanceCorrection, referenceIndex, matchCollection, memory, &storage);
+    gatherGroup(position, params, distanceCorrection, referenceIndex, collection, memory, &storage);
 }
 
-template void matchReferenceLocation<HardThresholding, float>(
-    const Vec3<int>&, const Parameters&, const float*, int, const BlockCollection<float>&,
-    const BlockCollection<float>*, Memory<float>&, BlockMatchStorage&);
-template void matchReferenceLocation<Wiener, float>(const Vec3<int>&, const Parameters&, const float*, int,
-                                                    const BlockCollection<float>&, const BlockCollection<float>*,
-                                                    Memory<float>&, BlockMatchStorage&);
+template void matchReferenceLocation<float>(const Vec3<int>&, const Parameters&, const float*, int,
+                                            const BlockCollection<float>&, Memory<float>&,
+                                            BlockMatchStorage&);
 template void alphaRooting<float>(float, float, bool, Cube4D<float>&, Cube4D<float>&);
 template void aggregate<float>(const BlockDistance<float>*, const Vec3<int>&, int,
                                const Cube4D<float>&, const float*, const float*, float,
@@ -313,11 +314,11 @@ template void aggregate<float>(const BlockDistance<float>*, const Vec3<int>&, in
                                const AggregationSlab<float>*);
 template void processReferenceLocation<HardThresholding, float>(
     const Vec3<int>&, const Parameters&, const TransformsMeta<float>&, const float*, const float*,
-    const float*, int, const BlockCollection<float>&, ImageDataMutable<float>&,
-    ImageDataMutable<float>&, Memory<float>&, TempMemory<float>&, BlockCollection<float>*,
+    const float*, int, const BlockCollection<float>&, const ImageData<float>&,
+    ImageDataMutable<float>&, ImageDataMutable<float>&, Memory<float>&, TempMemory<float>&,
     BlockMatchStorage*, const AggregationSlab<float>*);
 template void processReferenceLocation<Wiener, float>(
     const Vec3<int>&, const Parameters&, const TransformsMeta<float>&, const float*, const float*,
-    const float*, int, const BlockCollection<float>&, ImageDataMutable<float>&,
-    ImageDataMutable<float>&, Memory<float>&, TempMemory<float>&, BlockCollection<float>*,
+    const float*, int, const BlockCollection<float>&, const ImageData<float>&,
+    ImageDataMutable<float>&, ImageDataMutable<float>&, Memory<float>&, TempMemory<float>&,
     BlockMatchStorage*, const AggregationSlab<float>*);

@@ -29,19 +29,19 @@ void processReferenceLocation(const Vec3<int>& referencePosition, const Paramete
                               const TransformsMeta<T>& meta, const float* distanceCorrection,
                               const float* covariance, const float* localVariance,
                               int referenceIndex, const BlockCollection<T>& collection,
-                              ImageDataMutable<T>& numerator, ImageDataMutable<float>& weights,
-                              Memory<T>& memory, TempMemory<T>& tempMemory,
-                              BlockCollection<T>* pilotCollection, BlockMatchStorage* storage,
+                              const ImageData<T>& noisyImage, ImageDataMutable<T>& numerator,
+                              ImageDataMutable<float>& weights, Memory<T>& memory,
+                              TempMemory<T>& tempMemory, BlockMatchStorage* storage,
                               const AggregationSlab<T>* slab = nullptr);
 
-// Finds the group of the reference at `position` (on the pilot in the Wiener
-// stage) and records it in row `referenceIndex` of `storage`, which must be
-// recording: the filter can replay it from there, on another thread.
-template <StageName stage, typename T>
+// Finds the group of the reference at `position` in `collection` (the pilot's in
+// the Wiener stage) and records it in row `referenceIndex` of `storage`, which
+// must be recording: the filter can replay it from there, on another thread.
+template <typename T>
 void matchReferenceLocation(const Vec3<int>& position, const Parameters& params,
                             const float* distanceCorrection, int referenceIndex,
-                            const BlockCollection<T>& collection, const BlockCollection<T>* pilotCollection,
-                            Memory<T>& memory, BlockMatchStorage& storage);
+                            const BlockCollection<T>& collection, Memory<T>& memory,
+                            BlockMatchStorage& storage);
 
 // Sharpens the surviving coefficients relative to the group DC; the DC itself
 // and its variance are never changed.

@@ -366,13 +366,13 @@ long long korvoCollectionBytes(const Parameters* params, int stage) {
     const long long perCollection =
         BlockCollection<float>::bandBlockCount(params->imageSize, params->blockSize, bands.halfExtent) *
         params->blockSize.volume() * static_cast<long long>(sizeof(float));
-    const long long images = stage == Wiener ? 2 : 1;  // the Wiener stage also keeps the pilot's blocks
     Parameters p = *params;
     korvo_detail::normaliseAxisArrays(p);
     // Split bands: one set per worker that gets slices.
     const long long copies =
         bands.whole ? 1 : korvo_detail::planSlices(p, korvo_detail::poolThreadCount(p.numThreads)).busy;
-    return perCollection * images * copies;
+    // One collection: the noisy volume's blocks, or the pilot's in the Wiener stage.
+    return perCollection * copies;
 }
 
 long long korvoWorkingBytes(const Parameters* params, int stage) {
