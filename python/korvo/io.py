@@ -198,7 +198,7 @@ def check_output(path, source=None, force=False):
     if kind == "hdf5":
         return _check_hdf5_output(path, source, force)
     file = path.rstrip("/") if kind == "zarr" else path
-    folder = os.path.dirname(os.path.abspath(file))
+    folder = os.path.dirname(os.path.realpath(file))  # where a link to OUT points
     if not os.path.isdir(folder):
         raise ValueError(f"{path}: the folder {folder} does not exist")
     if not os.access(folder, os.W_OK | os.X_OK):

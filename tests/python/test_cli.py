@@ -136,6 +136,7 @@ def test_output_is_checked_first_and_written_whole(tmp_path, noisy_volume, monke
     (tmp_path / "sub").mkdir()
     os.link(source, tmp_path / "sub" / "hard.npy")
     os.symlink(source, tmp_path / "link.npy")
+    os.symlink(tmp_path / "missing" / "o.npy", tmp_path / "dangling.npy")
     existing = tmp_path / "old.npy"
     np.save(existing, np.zeros(3))
 
@@ -146,6 +147,7 @@ def test_output_is_checked_first_and_written_whole(tmp_path, noisy_volume, monke
     refused = [  # output, extra options, words of the message
         ("o.png", [], ".npy"),
         ("missing/o.npy", [], "does not exist"),
+        ("dangling.npy", [], "missing does not exist"),
         ("sub/hard.npy", ["--force"], "input file itself"),
         ("link.npy", ["--force"], "input file itself"),
         ("sub/../in.npy", ["--force"], "input file itself"),
