@@ -17,6 +17,9 @@ __all__ = ["estimate_sigma", "estimate_sigma_map", "white_psd", "psd_from_kernel
 # Median of |X| for X standard normal: turns a median absolute value into a
 # standard deviation.
 MAD_TO_SIGMA = 0.6744897501960817
+# Fewest informative cells from which a tile of estimate_sigma_map takes its own
+# level (a median of 16 is within about 40 % of the truth).
+_TILE_CELLS = 16
 
 
 def estimate_sigma(z):
@@ -27,9 +30,16 @@ def estimate_sigma(z):
     variance): smooth image content cancels in them, so their median absolute
     value divided by 0.6745 is a robust estimate of the noise level. Edges and
     texture bias it upwards a little; coloured noise is underestimated where
-    its power sits at low frequencies.
+    its power sits at low frequencies. Cells whose samples are all equal (a
+    zero-filled or masked background, saturation) hold no noise and are left
+    out; data that are flat everywhere give 0.
     """
-    return float(np.median(np.abs(_haar_detail(z, "estimate_sigma"))) / MAD_TO_SIGMA)
+    detail, flat = _haar_detail(z, "estimate_sigma", flat=True)
+    return _robust_sigma(detail[~flat])
+
+
+def _robust_sigma(detail):
+    return float(np.median(np.abs(detail)) / MAD_TO_SIGMA) if detail.size else 0.0
 
 
 def estimate_sigma_map(z, tile=16):
@@ -41,8 +51,13 @@ def estimate_sigma_map(z, tile=16):
     and interpolated linearly between tile centres to every voxel. Returns a
     float64 array of z's shape, ready for ``korvo(z, sigma=map)``. Features
     smaller than a tile are not resolved; edges raise a tile's value a little.
+    Cells whose samples are all equal are left out as in
+    :func:`estimate_sigma`; a tile with too few others (a masked background)
+    takes the estimate of the whole array.
     """
-    detail = np.abs(_haar_detail(z, "estimate_sigma_map"))
+    detail, flat = _haar_detail(z, "estimate_sigma_map", flat=True)
+    detail = np.where(flat, np.nan, np.abs(detail))
+    overall = _robust_sigma(detail[~flat])
     shape = np.shape(z)
     if isinstance(tile, bool) or not isinstance(tile, (int, np.integer)) or tile < 4:
         raise ValueError(f"tile must be an integer of at least 4, got {tile!r}")
@@ -53,7 +68,8 @@ def estimate_sigma_map(z, tile=16):
     levels = np.empty(counts)
     for index in np.ndindex(*counts):
         cell = detail[tuple(slice(e[i], e[i + 1]) for e, i in zip(edges, index))]
-        levels[index] = np.median(cell) / MAD_TO_SIGMA
+        cell = cell[~np.isnan(cell)]
+        levels[index] = np.median(cell) / MAD_TO_SIGMA if cell.size >= _TILE_CELLS else overall
     # Tile centres in voxel coordinates (a detail sample spans two voxels).
     out = levels
     for axis, (e, n) in enumerate(zip(edges, shape)):
@@ -62,8 +78,9 @@ def estimate_sigma_map(z, tile=16):
     return out
 
 
-def _haar_detail(z, who):
-    """Finest diagonal Haar detail of a 2-D or 3-D array (variance-preserving)."""
+def _haar_detail(z, who, flat=False):
+    """Finest diagonal Haar detail of a 2-D or 3-D array (variance-preserving);
+    with ``flat``, also whether each cell's samples are all equal."""
     a = np.asarray(z)
     if a.dtype.kind not in "biuf":
         raise TypeError(f"{who} needs a real array, got dtype {a.dtype}")
@@ -75,7 +92,12 @@ def _haar_detail(z, who):
     a = a[cells].astype(np.float64, copy=False)
     if not np.isfinite(a).all():
         raise ValueError(f"{who}: the array contains NaN or infinite samples")
-    return haar_level(a, "H" * a.ndim)
+    detail = haar_level(a, "H" * a.ndim)
+    if not flat:
+        return detail
+    cells = a.reshape(sum(((n // 2, 2) for n in a.shape), ()))
+    pairs = tuple(range(1, 2 * a.ndim, 2))
+    return detail, cells.max(axis=pairs) == cells.min(axis=pairs)
 
 
 def haar_level(cells, kinds):
