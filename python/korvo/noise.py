@@ -30,9 +30,9 @@ def estimate_sigma(z):
     variance): smooth image content cancels in them, so their median absolute
     value divided by 0.6745 is a robust estimate of the noise level. Edges and
     texture bias it upwards a little; coloured noise is underestimated where
-    its power sits at low frequencies. Cells whose samples are all equal (a
-    zero-filled or masked background, saturation) hold no noise and are left
-    out; data that are flat everywhere give 0.
+    its power sits at low frequencies. Cells constant at the data's minimum
+    or maximum (a zero-filled or masked background, padding, saturation) hold
+    no noise and are left out; constant data give 0.
     """
     detail, flat = _haar_detail(z, "estimate_sigma", flat=True)
     return _robust_sigma(detail[~flat])
@@ -51,7 +51,7 @@ def estimate_sigma_map(z, tile=16):
     and interpolated linearly between tile centres to every voxel. Returns a
     float64 array of z's shape, ready for ``korvo(z, sigma=map)``. Features
     smaller than a tile are not resolved; edges raise a tile's value a little.
-    Cells whose samples are all equal are left out as in
+    Cells constant at the data's extremes are left out as in
     :func:`estimate_sigma`; a tile with too few others (a masked background)
     takes the estimate of the whole array.
     """
@@ -80,7 +80,8 @@ def estimate_sigma_map(z, tile=16):
 
 def _haar_detail(z, who, flat=False):
     """Finest diagonal Haar detail of a 2-D or 3-D array (variance-preserving);
-    with ``flat``, also whether each cell's samples are all equal."""
+    with ``flat``, also whether each cell is constant at the array's minimum or
+    maximum."""
     a = np.asarray(z)
     if a.dtype.kind not in "biuf":
         raise TypeError(f"{who} needs a real array, got dtype {a.dtype}")
@@ -97,7 +98,10 @@ def _haar_detail(z, who, flat=False):
         return detail
     cells = a.reshape(sum(((n // 2, 2) for n in a.shape), ()))
     pairs = tuple(range(1, 2 * a.ndim, 2))
-    return detail, cells.max(axis=pairs) == cells.min(axis=pairs)
+    low, high = cells.min(axis=pairs), cells.max(axis=pairs)
+    # Constant at the data's extremes: masked or padded background, saturation.
+    # (Constant cells between them are quantised quiet data, and count.)
+    return detail, (low == high) & ((low == a.min()) | (high == a.max()))
 
 
 def haar_level(cells, kinds):

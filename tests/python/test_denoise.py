@@ -347,7 +347,7 @@ def test_estimate_sigma(volume, image, rng):
     # A masked MRI: noise inside, exact zeros over 60 % of the volume. The
     # zeros gave sigma 0 (and a map of zeros that korvo refuses).
     masked = np.zeros((20, 40, 40))
-    masked[4:16, 8:32, 8:28] = 0.1 * rng.standard_normal((12, 24, 20))
+    masked[4:16, 8:32, 8:28] = 1 + 0.1 * rng.standard_normal((12, 24, 20))
     assert korvo.estimate_sigma(masked) == pytest.approx(0.1, rel=0.1)
     noise_map = korvo.estimate_sigma_map(masked)
     assert noise_map.min() > 0.05 and noise_map.max() < 0.15
