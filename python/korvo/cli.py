@@ -205,6 +205,10 @@ def _shared_groups(text):
             from None
 
 
+def _count(n, noun):
+    return f"{n} {noun}{'s' * (n != 1)}"
+
+
 def _cast(result, dtype, scaling=None):
     """The result in the output type: integers rounded and clipped to their range
     (a scaled NIfTI's: its stored values, (result - intercept) / slope)."""
@@ -248,7 +252,8 @@ def _denoise(args):
         run.dtype = data.dtype if run.scaling is None else run.scaling[0]
     count = int(np.prod(data_t.shape[:len(series)]))
     run.say(f"{args.input}: {_describe(axes, data.shape)}"
-            + (f"; {count} items along {''.join(axes[i] for i in series)}" if series else ""))
+            + (f"; {_count(count, 'item')} along {''.join(axes[i] for i in series)}"
+               if series else ""))
 
     def results():
         for number, (index, block) in enumerate(_items(data_t, series), start=1):
@@ -372,7 +377,7 @@ def _chunked_items(args, run, source, context):
     grid = int(np.prod([-(-shape[i] // s) for i, s in zip(spatial, sizes)]))
     run.say(f"{args.input}: {_describe(axes, shape)}; chunks of {'x'.join(map(str, sizes))}, "
             f"{grid} per {'volume' if len(spatial) == 3 else 'image'}"
-            + (f", {count} items along {''.join(axes[i] for i in loop)}" if loop else ""))
+            + (f", {_count(count, 'item')} along {''.join(axes[i] for i in loop)}" if loop else ""))
     out = ChunkedOutput(args.output, shape, run.dtype, chunks, context)
     try:
         for number, index in enumerate(np.ndindex(*[shape[i] for i in loop]), start=1):
