@@ -30,9 +30,9 @@ def estimate_sigma(z):
     variance): smooth image content cancels in them, so their median absolute
     value divided by 0.6745 is a robust estimate of the noise level. Edges and
     texture bias it upwards a little; coloured noise is underestimated where
-    its power sits at low frequencies. Cells constant at the data's minimum
-    or maximum (a zero-filled or masked background, padding, saturation) hold
-    no noise and are left out; constant data give 0.
+    its power sits at low frequencies. Constant cells (a zero-filled or
+    masked background, padding, saturation) hold no noise and are left out;
+    constant data give 0.
     """
     detail, flat = _haar_detail(z, "estimate_sigma", flat=True)
     return _robust_sigma(detail[~flat])
@@ -51,8 +51,7 @@ def estimate_sigma_map(z, tile=16):
     and interpolated linearly between tile centres to every voxel. Returns a
     float64 array of z's shape, ready for ``korvo(z, sigma=map)``. Features
     smaller than a tile are not resolved; edges raise a tile's value a little.
-    Cells constant at the data's extremes are left out as in
-    :func:`estimate_sigma`; a tile with too few others (a masked background)
+    Constant cells are left out as in :func:`estimate_sigma`; a tile with too few others (a masked background)
     takes the estimate of the whole array.
     """
     detail, flat = _haar_detail(z, "estimate_sigma_map", flat=True)
@@ -80,8 +79,7 @@ def estimate_sigma_map(z, tile=16):
 
 def _haar_detail(z, who, flat=False):
     """Finest diagonal Haar detail of a 2-D or 3-D array (variance-preserving);
-    with ``flat``, also whether each cell is constant at the array's minimum or
-    maximum."""
+    with ``flat``, also which cells are constant."""
     a = np.asarray(z)
     if a.dtype.kind not in "biuf":
         raise TypeError(f"{who} needs a real array, got dtype {a.dtype}")
@@ -94,14 +92,23 @@ def _haar_detail(z, who, flat=False):
     if not np.isfinite(a).all():
         raise ValueError(f"{who}: the array contains NaN or infinite samples")
     detail = haar_level(a, "H" * a.ndim)
-    if not flat:
-        return detail
-    cells = a.reshape(sum(((n // 2, 2) for n in a.shape), ()))
-    pairs = tuple(range(1, 2 * a.ndim, 2))
-    low, high = cells.min(axis=pairs), cells.max(axis=pairs)
-    # Constant at the data's extremes: masked or padded background, saturation.
-    # (Constant cells between them are quantised quiet data, and count.)
-    return detail, (low == high) & ((low == a.min()) | (high == a.max()))
+    return (detail, constant_cells(a, range(a.ndim))) if flat else detail
+
+
+def constant_cells(cells, axes):
+    """Whether each cell of two samples along every axis in ``axes`` (even
+    extents there) is constant: zero-filled, masked or padded background,
+    saturation. Such cells hold no noise, and their details are zero."""
+    axes = set(axes)
+    shape, pairs = [], []
+    for axis, n in enumerate(cells.shape):
+        if axis in axes:
+            shape += [n // 2, 2]
+            pairs.append(len(shape) - 1)
+        else:
+            shape.append(n)
+    grouped = np.reshape(cells, shape)
+    return grouped.max(axis=tuple(pairs)) == grouped.min(axis=tuple(pairs))
 
 
 def haar_level(cells, kinds):

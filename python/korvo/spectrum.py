@@ -35,7 +35,7 @@ from statistics import NormalDist
 
 import numpy as np
 
-from .noise import MAD_TO_SIGMA, haar_level
+from .noise import MAD_TO_SIGMA, constant_cells, haar_level
 
 __all__ = ["estimate_psd"]
 
@@ -492,7 +492,7 @@ class _Details:
                              for a, n in enumerate(volume.shape))]
         details = [np.abs(haar_level(cells, self._kinds(f, volume.ndim))) for f in self.filters]
         # Constant cells (noise-free padding, clipping) would pull the medians to zero.
-        live = np.any(details, axis=0)
+        live = ~constant_cells(cells, self.axes)
         self.live = np.ones(volume.shape, dtype=bool)   # voxels of non-constant cells
         cell_live = live
         for axis in self.axes:
