@@ -266,13 +266,13 @@ struct ThreadMemory {
     TempMemory<T> tempMemory;
     // The blocks matched on: the noisy volume's in the first stage, the pilot's in
     // the Wiener stage (which transforms its group's noisy blocks as it needs them).
+    // Declared last, so released before the two memories.
     std::shared_ptr<BlockCollection<T>> collection;
 
     explicit ThreadMemory(const Parameters& params, const Vec3<int>& varianceExtents)
         : memory(allocateMemory<T>(params)), tempMemory(createTempMemory<T>(params)) {
         memory.varianceExtents = varianceExtents;
     }
-    ~ThreadMemory() { collection.reset(); }
 };
 
 // Everything the stage loop allocates for one call, released on every way out.

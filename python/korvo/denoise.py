@@ -340,12 +340,6 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
         profile = KORVOProfile()
     elif not isinstance(profile, KORVOProfile):
         raise TypeError("profile must be a KORVOProfile")
-    cores = _cpu_count()
-    if profile.num_threads is not None and profile.num_threads > cores:
-        warnings.warn(f"num_threads={profile.num_threads} is more than the {cores} cores this "
-                      f"process may use: the workers poll for work, so the extra threads only "
-                      f"slow the call down (1024 threads on 2 cores took 370 times as long)",
-                      RuntimeWarning, stacklevel=2)
     if stages not in _STAGES:
         raise ValueError(f"stages must be one of {sorted(_STAGES)}, got {stages!r}")
     if stages == "wiener" and pilot is None:
@@ -361,6 +355,12 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
                            pilot, dict(profile=profile, channel_axis=channel_axis,
                                        shared_groups=shared_groups, stages=stages,
                                        matches=matches, progress=progress))
+    cores = _cpu_count()  # checked here: the noise models above call korvo again
+    if profile.num_threads is not None and profile.num_threads > cores:
+        warnings.warn(f"num_threads={profile.num_threads} is more than the {cores} cores this "
+                      f"process may use: the workers poll for work, so the extra threads only "
+                      f"slow the call down (1024 threads on 2 cores took 370 times as long)",
+                      RuntimeWarning, stacklevel=2)
     if chunked.is_dask(z):  # lazily, chunk by chunk
         return chunked.denoise_dask(z, sigma, psd=psd, profile=profile, channel_axis=channel_axis,
                                     shared_groups=shared_groups, stages=stages, pilot=pilot,

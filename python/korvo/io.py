@@ -539,6 +539,8 @@ class ChunkedOutput:
 
     def __init__(self, path, shape, dtype, chunks, context):
         self.path, self.kind = os.fspath(path), volume_format(path)
+        location = _split_hdf5(self.path)[0] if self.kind == "hdf5" else self.path.rstrip("/")
+        self.written = os.path.realpath(location)  # a link to OUT: written where it points
         context = dict(context or {})
         if context.get("kind") != self.kind:  # another format's metadata means nothing here
             context = {"axes": context.get("axes")}
@@ -558,8 +560,7 @@ class ChunkedOutput:
 
     def _temporary_name(self, suffix):
         """A new file (a folder for .zarr) beside OUT."""
-        path = _split_hdf5(self.path)[0] if self.kind == "hdf5" else self.path.rstrip("/")
-        where, name = os.path.split(os.path.realpath(path))
+        where, name = os.path.split(self.written)
         if suffix == ".zarr":
             return tempfile.mkdtemp(prefix=f".{name}.", suffix=suffix, dir=where)
         descriptor, temporary = tempfile.mkstemp(prefix=f".{name}.", suffix=suffix, dir=where)
@@ -619,10 +620,10 @@ class ChunkedOutput:
         if self.kind == "npy":
             self.target.flush()
             del self.target
-            _set_mode(self.temporary, self.path)
-            os.replace(self.temporary, os.path.realpath(self.path))
+            _set_mode(self.temporary, self.written)
+            os.replace(self.temporary, self.written)
         elif self.kind == "zarr":
-            _replace_folder(self.temporary, os.path.realpath(self.path.rstrip("/")))
+            _replace_folder(self.temporary, self.written)
         elif self.temporary is None:
             _, dataset = _hdf5_parts(self.path)
             if dataset in self.handle:
@@ -630,10 +631,9 @@ class ChunkedOutput:
             self.handle.move(self.hidden, dataset)
             self.handle.flush()
         else:
-            file, _ = _hdf5_parts(self.path)
             self.handle.close()
-            _set_mode(self.temporary, file)
-            os.replace(self.temporary, os.path.realpath(file))
+            _set_mode(self.temporary, self.written)
+            os.replace(self.temporary, self.written)
 
     def discard(self):
         try:

@@ -51,8 +51,8 @@ def estimate_sigma_map(z, tile=16):
     and interpolated linearly between tile centres to every voxel. Returns a
     float64 array of z's shape, ready for ``korvo(z, sigma=map)``. Features
     smaller than a tile are not resolved; edges raise a tile's value a little.
-    Constant cells are left out as in :func:`estimate_sigma`; a tile with too few others (a masked background)
-    takes the estimate of the whole array.
+    Constant cells are left out as in :func:`estimate_sigma`; a tile with too
+    few others (a masked background) takes the estimate of the whole array.
     """
     detail, flat = _haar_detail(z, "estimate_sigma_map", flat=True)
     detail = np.where(flat, np.nan, np.abs(detail))

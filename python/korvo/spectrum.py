@@ -128,11 +128,11 @@ def estimate_psd(z, shape=None, *, mask=None):
         # extrapolates instead.
         details = _Details.of(volume, grid3)
         try:
-            fit, returned = _short_range(volume, grid3, details)
+            fit, refined = _short_range(volume, grid3, details)
         except ValueError as exc:
             fit, error = None, error or exc
         if fit is not None and (best is None or best.sum() > (1.0 + _FIT_MARGIN) * fit.sum()):
-            best = returned
+            best = refined()
         elif best is not None:
             best = _checked(best, details)
     if best is None:
@@ -393,9 +393,9 @@ def _full_spectrum(half, block):
 
 def _short_range(volume, grid, details=None):
     """PSD of a noise whose correlations reach at most _FIT_LAGS samples per
-    axis, fitted to the high frequencies of small blocks; and the PSD to
-    return when that fit is used: with _FIT_LAGS_PARTIAL lags where some axis
-    tests white, else the same. -> (fit, returned)
+    axis, fitted to the high frequencies of small blocks; and a function giving
+    the PSD to return when that fit is used: with _FIT_LAGS_PARTIAL lags where
+    some axis tests white, else the same. -> (fit, refined)
 
     Structure is sparse at high frequencies but dense at low ones, so only
     frequencies of radius _FIT_RADIUS and above are read, and there a low
@@ -420,7 +420,7 @@ def _short_range(volume, grid, details=None):
 
     if not any(reach(_FIT_LAGS)):
         white = np.full(grid, details.white_variance() * np.prod(grid))
-        return white, white
+        return white, lambda: white
     windows = [_hann(b) for b in block]
     starts = _starts(volume.shape, block, [max(1, b // 2) for b in block])
     # Blocks reaching into noise-free padding would pull the low quantile down.
@@ -459,7 +459,7 @@ def _short_range(volume, grid, details=None):
 
     two = fit(_FIT_LAGS)
     partial = not set(details.axes) <= set(details.correlated)
-    return two, fit(_FIT_LAGS_PARTIAL) if partial else two
+    return two, (lambda: fit(_FIT_LAGS_PARTIAL)) if partial else (lambda: two)
 
 
 class _Details:

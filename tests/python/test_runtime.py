@@ -98,8 +98,12 @@ def test_native_failures_become_python_errors(volume, monkeypatch):
 def test_more_threads_than_cores_warns():
     z = korvo.phantom((8, 16, 16))
     cores = korvo.profile._cpu_count()
+    many = korvo.KORVOProfile(num_threads=cores + 1)
     with pytest.warns(RuntimeWarning, match=f"more than the {cores} cores"):
-        korvo.korvo(z, 0.1, profile=korvo.KORVOProfile(num_threads=cores + 1))
+        korvo.korvo(z, 0.1, profile=many)
+    with pytest.warns(RuntimeWarning) as caught:  # once, though the model calls korvo again
+        korvo.korvo(np.abs(z) + 0.1, 0.05, noise="rician", profile=many)
+    assert sum("cores" in str(w.message) for w in caught) == 1
 
 
 @pytest.mark.skipif(not sys.platform.startswith("linux"), reason="address-space limit")
