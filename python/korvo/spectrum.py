@@ -443,6 +443,8 @@ def _short_range(volume, grid, details=None):
     grid_freqs = np.stack([f.ravel() for f in np.meshgrid(
         *[np.fft.fftfreq(g) for g in grid], indexing="ij")], axis=1)
 
+    used_freqs = np.stack([f[used] for f in freqs], axis=1)
+
     def fit(most):
         lags, mult = _half_lags(reach(most))
         if used.sum() < 4 * len(lags):
@@ -451,7 +453,7 @@ def _short_range(volume, grid, details=None):
         for axis, w in enumerate(windows):
             c = _lagged(w, w)
             rho *= c[lags[:, axis] % len(c)] / c[0]
-        design = np.cos(2 * np.pi * np.stack([f[used] for f in freqs], axis=1) @ lags.T) * (rho * mult)
+        design = np.cos(2 * np.pi * used_freqs @ lags.T) * (rho * mult)
         cov, *_ = np.linalg.lstsq(design * weight[:, None], target * weight, rcond=None)
         psd = (np.cos(2 * np.pi * grid_freqs @ lags.T) @ (cov * mult)).reshape(grid) * np.prod(grid)
         psd = np.maximum(psd, 1e-3 * max(psd.mean(), 0.0) + 1e-30)
