@@ -168,9 +168,10 @@ def estimate_poisson_gaussian(z):
     (2008): every
     2x2(x2) cell gives a finest diagonal Haar detail whose variance is the
     cell's mean noise variance (smooth content cancels in it); cells are
-    binned by the mean of their neighbours, the smoother half of each bin is
-    kept, and a weighted least-squares line is fitted through the bins' detail
-    variances, leaving out bins far above it (edges) and fitting again.
+    binned by the mean of their neighbours, cells whose neighbours differ
+    more than noise alone makes them differ (edges, texture) are left out,
+    and a weighted least-squares line is fitted through the bins' detail
+    variances, leaving out bins far above it and fitting again.
 
     One image identifies only b = sigma^2 - gain * offset, which is all the
     transform and its inverse use: the result is (gain, sqrt(b), 0.0) when
@@ -203,6 +204,16 @@ def estimate_poisson_gaussian(z):
 # ------------------------------------------------------- local noise statistics
 
 _BINS = 24
+# A cell is noise-dominated while its neighbours' means spread at most this
+# many times what noise alone gives (their sample variance over 26 or 24
+# neighbours has a relative spread of about 0.28, so noise alone stays under
+# it). Measured against keeping the smoother half of each bin, on phantoms of
+# 32^3 to 96^3 and 96^2 to 256^2 and on MRI, CT and microscopy crops at 5, 20
+# and 100 photons: no refusals (the smoother half refused 96^3 and 40^3
+# phantoms at 100 photons), the gain's rms log error 0.32 -> 0.26.
+_ROUGH_LIMIT = 3.0
+_KEEP_FRACTION = 0.1
+_CHI2_1_MEDIAN = 0.4549364231195724
 
 
 def _binned_noise(z, who):
@@ -210,8 +221,10 @@ def _binned_noise(z, who):
 
     A cell's level is the mean of the cells around it (3^3 or 5^2 cells, own
     cell left out: its noise is then independent of the cell's detail, so
-    binning by it cannot bias the variances); cells whose neighbours' means
-    spread more than the bin's median (edges) are left out.
+    binning by it cannot bias the variances). Cells whose neighbours' means
+    spread more than noise alone would spread them are left out (edges and
+    texture); a bin that keeps too few cells (all edges, as in small volumes)
+    is left out.
     """
     detail = _haar_detail(z, who)
     a = np.asarray(z, dtype=np.float64)[tuple(slice(0, n - n % 2) for n in np.shape(z))]
@@ -228,7 +241,14 @@ def _binned_noise(z, who):
     order = np.argsort(level, kind="stable")
     out = []
     for part in np.array_split(order, _BINS):
-        keep = part[rough[part] <= np.median(rough[part])]
+        # A neighbour's mean carries its cell's noise variance over the cell's
+        # samples; the bin's noise variance is read from its median detail
+        # (a chi-square of one degree, whose median is 0.455 of its mean), which
+        # edges cannot pull up.
+        noise = np.median(d2[part]) / _CHI2_1_MEDIAN
+        keep = part[rough[part] <= _ROUGH_LIMIT * noise / 2 ** a.ndim]
+        if keep.size < _KEEP_FRACTION * part.size:
+            continue
         v = d2[keep]
         v = v[v <= 30.0 * v.mean()]  # isolated outliers (hot pixels)
         if v.size:
