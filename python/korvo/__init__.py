@@ -12,6 +12,8 @@ Arrays are (rows, columns) or (slices, rows, columns); every per-axis setting
 of :class:`KORVOProfile` is an (x, y, z) tuple with x the array's last axis.
 """
 
+import logging as _logging
+
 from .denoise import korvo
 from .matches import MatchStorage, StageMatches
 from .memory import available_memory
@@ -21,6 +23,8 @@ from .noise_models import estimate_poisson_gaussian, estimate_rician_sigma
 from .phantom import phantom
 from .profile import KORVOProfile, StageProfile
 from .spectrum import estimate_psd
+
+_logging.getLogger("korvo").addHandler(_logging.NullHandler())  # the application decides
 
 try:  # one source: the VERSION file, through the installed package's metadata
     from importlib.metadata import version as _installed_version

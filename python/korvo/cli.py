@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import contextlib
+import logging
 import os
 import signal
 import sys
@@ -220,6 +221,28 @@ def _cast(result, dtype, scaling=None):
         info = np.iinfo(dtype)
         return np.clip(np.rint(result), info.min, info.max).astype(dtype)
     return result.astype(dtype)
+
+
+class _Printed(logging.Handler):
+    """The noise parameters the noise models estimate (they log them), printed
+    where the command line prints its own."""
+
+    def emit(self, record):
+        print(self.format(record), file=sys.stderr, flush=True)
+
+
+@contextlib.contextmanager
+def _reporting(on):
+    log, handler = logging.getLogger("korvo"), _Printed()
+    level = log.level
+    if on:
+        log.addHandler(handler)
+        log.setLevel(logging.INFO)
+    try:
+        yield
+    finally:
+        log.removeHandler(handler)
+        log.setLevel(level)
 
 
 def _denoise(args):
@@ -638,7 +661,8 @@ def main(argv=None):
     with contextlib.suppress(ValueError):  # not the main thread: leave SIGTERM alone
         previous = signal.signal(signal.SIGTERM, _on_terminate(os.getpid()))
     try:
-        return args.run(args)
+        with _reporting(not getattr(args, "quiet", False)):
+            return args.run(args)
     except _Terminated:
         print("\nkorvo: terminated", file=sys.stderr)
         return 128 + signal.SIGTERM

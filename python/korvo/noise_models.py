@@ -26,11 +26,16 @@ Everything here needs numpy only; the MRI tables are computed on first use
 from __future__ import annotations
 
 import functools
+import logging
 import math
 
 import numpy as np
 
 from .noise import _haar_detail, estimate_sigma
+
+# Parameters estimated for a call are reported here (INFO); the command line
+# prints them.
+_log = logging.getLogger("korvo")
 
 __all__ = ["stabilise", "Inverse", "MODELS", "MODEL_PARAMETERS",
            "anscombe", "inverse_anscombe", "inverse_anscombe_algebraic",
@@ -673,6 +678,7 @@ def stabilise(z, model="gaussian", **params):
             if params.get("sigma") is not None or params.get("offset") is not None:
                 raise ValueError("sigma and offset need the gain; give all or estimate all")
             gain, sigma, offset = estimate_poisson_gaussian(z)
+            _log.info("estimated photon noise: gain %.6g, sigma %.6g, offset %.6g", gain, sigma, offset)
         else:
             gain, sigma, offset = _pg_params(params["gain"], params.get("sigma") or 0.0,
                                              params.get("offset") or 0.0)
@@ -684,6 +690,8 @@ def stabilise(z, model="gaussian", **params):
     sigma = params.get("sigma")
     if sigma is None:
         sigma, background = _rician_sigma_and_background(z, coils, params.get("mask"))
+        _log.info("estimated magnitude noise: sigma %.6g per channel, %d coil%s", sigma, coils,
+                  "s" * (coils > 1))
     elif params.get("mask") is not None:
         raise ValueError("a mask is only used to estimate sigma; give one or the other")
     y = rician_vst(z, sigma, coils)  # checks the data and sigma first
