@@ -199,8 +199,7 @@ def check_output(path, source=None, force=False):
         return _check_hdf5_output(path, source, force)
     file = path.rstrip("/") if kind == "zarr" else path
     folder = os.path.dirname(os.path.realpath(file))  # where a link to OUT points
-    if not os.path.isdir(folder):
-        raise ValueError(f"{path}: the folder {folder} does not exist")
+    _check_folder(path, folder)
     if not os.access(folder, os.W_OK | os.X_OK):
         raise ValueError(f"{path}: the folder {folder} is not writable")
     if os.path.isdir(file) and kind != "zarr":
@@ -216,13 +215,19 @@ def check_output(path, source=None, force=False):
         raise ValueError(f"{path} exists; pass --force to replace it")
 
 
+def _check_folder(path, folder):
+    if os.path.exists(folder) and not os.path.isdir(folder):
+        raise ValueError(f"{path}: {folder} is a file, not a folder")
+    if not os.path.isdir(folder):
+        raise ValueError(f"{path}: the folder {folder} does not exist")
+
+
 def _check_hdf5_output(path, source, force):
     """An HDF5 output may go into an existing file, the input's included, at a
     path that is not the input dataset."""
     file, dataset = _hdf5_parts(path)
     folder = os.path.dirname(os.path.abspath(file))
-    if not os.path.isdir(folder):
-        raise ValueError(f"{path}: the folder {folder} does not exist")
+    _check_folder(path, folder)
     if not os.path.exists(file):
         if not os.access(folder, os.W_OK | os.X_OK):
             raise ValueError(f"{path}: the folder {folder} is not writable")
