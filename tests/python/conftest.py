@@ -1,3 +1,7 @@
+import subprocess
+import sys
+import textwrap
+
 import numpy as np
 import pytest
 
@@ -7,6 +11,23 @@ import korvo
 def psnr(estimate, clean):
     mse = np.mean((np.asarray(estimate, np.float64) - clean) ** 2)
     return 10 * np.log10(float(np.ptp(clean)) ** 2 / mse)
+
+
+def fast(window=(3, 3, 2), **settings):
+    """Small search windows: quick runs for tests that do not measure quality. One
+    thread: with several the summation order, and so the last bits, vary."""
+    p = korvo.KORVOProfile(num_threads=1, **settings)
+    p.ht.search_window = p.wiener.search_window = window
+    return p
+
+
+def run_script(body, timeout=300, **kwargs):
+    """Run in a child: a native abort or a resource limit must not end pytest."""
+    script = "import numpy as np, korvo\n" + textwrap.dedent(body)
+    run = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True,
+                         timeout=timeout, **kwargs)
+    assert run.returncode == 0, run.stderr[-3000:]
+    return run
 
 
 @pytest.fixture(scope="session")
@@ -26,10 +47,11 @@ def rng():
 
 
 @pytest.fixture
+def noisy_phantom(volume):
+    """The phantom volume with white noise of std 0.1."""
+    return volume + 0.1 * np.random.default_rng(1234).standard_normal(volume.shape)
+
+
+@pytest.fixture
 def fast_profile():
-    """Small search windows: quick runs for tests that do not measure quality. One
-    thread: with several the summation order, and so the last bits, vary."""
-    p = korvo.KORVOProfile(num_threads=1)
-    p.ht.search_window = (3, 3, 2)
-    p.wiener.search_window = (3, 3, 2)
-    return p
+    return fast()

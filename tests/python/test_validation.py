@@ -1,16 +1,13 @@
 """Every bad input raises ValueError or TypeError before any stage runs; nothing
 reaches a native assertion; results are never non-finite."""
 
-import subprocess
-import sys
-import textwrap
-
 import numpy as np
 import pytest
 
 import korvo
 from korvo import _native
 from korvo.profile import shape_xyz, stage_parameters
+from conftest import run_script
 
 
 @pytest.fixture
@@ -29,87 +26,92 @@ def with_value(index, value, base=GOOD):
     return a
 
 
-@pytest.mark.parametrize("data, error, text", [
-    (with_value(5, np.nan), ValueError, "NaN or infinite"),
-    (with_value(100, np.inf), ValueError, "NaN or infinite"),
-    (with_value(7, -np.inf), ValueError, "NaN or infinite"),
-    (np.zeros(64), ValueError, "2-D"),
-    (np.zeros((2, 8, 8, 8)), ValueError, "channel_axis"),
-    (np.zeros((64, 64, 3)), ValueError, "channel_axis=-1"),
-    (np.zeros((64, 64, 4)), ValueError, "channel_axis=-1"),
-    (np.zeros((0, 8, 8)), ValueError, "empty"),
-    (np.zeros((3, 16, 16)), ValueError, "block_size .* along z"),
-    (np.zeros((16, 2, 16)), ValueError, "block_size .* along y"),
-    (np.zeros((5, 40)), ValueError, "block_size .* along y"),
-    (np.zeros((8, 8, 8), np.complex64), TypeError, "real"),
-    (np.array([["a", "b"], ["c", "d"]]), TypeError, "real"),
-    (np.zeros((8, 8, 8), bool), TypeError, "real"),
-])
-def test_bad_data(no_native, data, error, text):
-    with pytest.raises(error, match=text):
-        korvo.korvo(data, 1.0)
-
-
-@pytest.mark.parametrize("noise, error, text", [
-    (dict(sigma=-1.0), ValueError, "positive"),
-    (dict(sigma=0.0), ValueError, "positive"),
-    (dict(sigma=np.array(0.0)), ValueError, "positive"),
-    (dict(sigma=float("nan")), ValueError, "finite"),
-    (dict(sigma=float("inf")), ValueError, "finite"),
-    (dict(sigma=True), TypeError, "number"),
-    (dict(sigma="0.1"), TypeError, "number"),
-    (dict(), ValueError, "sigma= .* psd=.*estimate_sigma"),
-    (dict(sigma=0.1, psd=np.ones((8, 8))), ValueError, "not both"),
-    # An array sigma is a per-voxel map of the data's shape; a spectrum goes to psd=.
-    (dict(sigma=np.full((8, 8), 0.1)), ValueError, "per-voxel .* broadcast .* psd="),
-    (dict(sigma=[0.1, 0.2]), ValueError, "per-voxel"),
-    (dict(sigma=np.zeros(GOOD.shape)), ValueError, "positive everywhere"),
-    (dict(sigma=with_value(3, np.nan, GOOD + 0.1)), ValueError, "NaN or infinite"),
-    (dict(sigma=with_value(3, 1.0, GOOD + 1e-9)), ValueError, "spans"),
-    (dict(sigma=np.full(GOOD.shape, 0.1), normalize=False), ValueError, "normalize=True"),
-    (dict(psd=np.full((8, 8, 8), -1.0)), ValueError, "negative"),
-    (dict(psd=with_value(3, np.nan)), ValueError, "NaN or infinite"),
-    (dict(psd=with_value(3, np.inf)), ValueError, "NaN or infinite"),
-    (dict(psd=np.zeros((8, 8))), ValueError, "zero everywhere"),
-    (dict(psd=np.ones(16)), ValueError, "2-D or 3-D"),
-    (dict(psd=np.ones((2, 2, 2, 2))), ValueError, "2-D or 3-D"),
-    (dict(psd=np.ones((0, 4))), ValueError, "empty"),
-    (dict(psd=np.ones((4, 4), complex)), TypeError, "real"),
-])
-def test_bad_noise(no_native, noise, error, text):
-    with pytest.raises(error, match=text):
-        korvo.korvo(GOOD, **noise)
-
-
-@pytest.mark.parametrize("data, sigma, axis, error, text", [
-    (np.zeros((32, 32, 3)), [0.1, 0.1], -1, ValueError, r"one value per channel \(3\)"),
-    (np.zeros((32, 32, 3)), [0.1, -0.1, 0.1], -1, ValueError, r"sigma\[1\] must be positive"),
-    (np.zeros((32, 32)), 0.1, -1, ValueError, "3-D .* or 4-D"),
-    (np.zeros((32, 32, 3)), 0.1, 3, ValueError, "out of range"),
-    (np.zeros((32, 32, 3)), 0.1, True, TypeError, "integer"),
-    (np.zeros((2, 8, 16, 16)), [0.1, np.nan], 0, ValueError, "finite"),
-])
-def test_bad_channels(no_native, data, sigma, axis, error, text):
-    with pytest.raises(error, match=text):
-        korvo.korvo(data, sigma, channel_axis=axis)
+def call(*args, **kwargs):
+    return args, kwargs
 
 
 FLAT = np.full((8, 16, 16), 0.5) + 0.1 * np.random.default_rng(0).standard_normal((8, 16, 16))
+RGB = np.zeros((32, 32, 3))
+
+REFUSED = [  # (arguments of korvo.korvo), exception, pattern of the message
+    # data
+    (call(with_value(5, np.nan), 1.0), ValueError, "NaN or infinite"),
+    (call(with_value(100, np.inf), 1.0), ValueError, "NaN or infinite"),
+    (call(with_value(7, -np.inf), 1.0), ValueError, "NaN or infinite"),
+    (call(np.zeros(64), 1.0), ValueError, "2-D"),
+    (call(np.zeros((2, 8, 8, 8)), 1.0), ValueError, "channel_axis"),
+    (call(np.zeros((64, 64, 3)), 1.0), ValueError, "channel_axis=-1"),
+    (call(np.zeros((64, 64, 4)), 1.0), ValueError, "channel_axis=-1"),
+    (call(np.zeros((0, 8, 8)), 1.0), ValueError, "empty"),
+    (call(np.zeros((3, 16, 16)), 1.0), ValueError, "block_size .* along z"),
+    (call(np.zeros((3, 40, 40)), 1.0), ValueError,
+     r"along z; for so few slices pass block_size=\(8, 8, 1\)"),
+    (call(np.zeros((16, 2, 16)), 1.0), ValueError, "block_size .* along y"),
+    (call(np.zeros((5, 40)), 1.0), ValueError, "block_size .* along y"),
+    (call(np.zeros((8, 8, 8), np.complex64), 1.0), TypeError, "real"),
+    (call(np.array([["a", "b"], ["c", "d"]]), 1.0), TypeError, "real"),
+    (call(np.zeros((8, 8, 8), bool), 1.0), TypeError, "real"),
+    # noise
+    (call(GOOD, sigma=-1.0), ValueError, "positive"),
+    (call(GOOD, sigma=0.0), ValueError, "positive"),
+    (call(GOOD, sigma=np.array(0.0)), ValueError, "positive"),
+    (call(GOOD, sigma=float("nan")), ValueError, "finite"),
+    (call(GOOD, sigma=float("inf")), ValueError, "finite"),
+    (call(GOOD, sigma=True), TypeError, "number"),
+    (call(GOOD, sigma="0.1"), TypeError, "number"),
+    (call(GOOD), ValueError, "sigma= .* psd=.*estimate_sigma"),
+    (call(GOOD, sigma=0.1, psd=np.ones((8, 8))), ValueError, "not both"),
+    # An array sigma is a per-voxel map of the data's shape; a spectrum goes to psd=.
+    (call(GOOD, sigma=np.full((8, 8), 0.1)), ValueError, "per-voxel .* broadcast .* psd="),
+    (call(GOOD, sigma=[0.1, 0.2]), ValueError, "per-voxel"),
+    (call(GOOD, sigma=np.zeros(GOOD.shape)), ValueError, "positive everywhere"),
+    (call(GOOD, sigma=with_value(3, np.nan, GOOD + 0.1)), ValueError, "NaN or infinite"),
+    (call(GOOD, sigma=with_value(3, 1.0, GOOD + 1e-9)), ValueError, "spans"),
+    (call(GOOD, sigma=np.full(GOOD.shape, 0.1), normalize=False), ValueError, "normalize=True"),
+    (call(GOOD, psd=np.full((8, 8, 8), -1.0)), ValueError, "negative"),
+    (call(GOOD, psd=with_value(3, np.nan)), ValueError, "NaN or infinite"),
+    (call(GOOD, psd=with_value(3, np.inf)), ValueError, "NaN or infinite"),
+    (call(GOOD, psd=np.zeros((8, 8))), ValueError, "zero everywhere"),
+    (call(GOOD, psd=np.ones(16)), ValueError, "2-D or 3-D"),
+    (call(GOOD, psd=np.ones((2, 2, 2, 2))), ValueError, "2-D or 3-D"),
+    (call(GOOD, psd=np.ones((0, 4))), ValueError, "empty"),
+    (call(GOOD, psd=np.ones((4, 4), complex)), TypeError, "real"),
+    # channels
+    (call(RGB, [0.1, 0.1], channel_axis=-1), ValueError, r"one value per channel \(3\)"),
+    (call(RGB, [0.1, -0.1, 0.1], channel_axis=-1), ValueError, r"sigma\[1\] must be positive"),
+    (call(np.zeros((32, 32)), 0.1, channel_axis=-1), ValueError, "3-D .* or 4-D"),
+    (call(RGB, 0.1, channel_axis=3), ValueError, "out of range"),
+    (call(RGB, 0.1, channel_axis=True), TypeError, "integer"),
+    (call(np.zeros((2, 8, 16, 16)), [0.1, np.nan], channel_axis=0), ValueError, "finite"),
+    # ranges single precision cannot carry through the stages
+    (call(with_value(77, 1e30, FLAT), sigma=0.1), ValueError, "reaches the stages as"),
+    (call(FLAT, sigma=1e-20), ValueError, "reaches the stages as"),
+    (call(FLAT + 1e40, sigma=0.1), ValueError, "float32"),
+    (call(FLAT, psd=np.full((8, 8, 8), 1e300)), ValueError, "single precision"),
+    (call(FLAT, psd=np.full((8, 8, 8), 1e-300)), ValueError, "single precision"),
+    (call(FLAT, sigma=0.1, stages="wiener", pilot=with_value(3, 1e30, FLAT)), ValueError,
+     "pilot holds"),
+    (call(FLAT, sigma=1e-20, normalize=False), ValueError, "normalize=True"),
+    # other arguments
+    (call(GOOD, 1.0, profile={"hard_threshold": 2.0}), TypeError, "KORVOProfile"),
+    (call(GOOD, 1.0, korvo.KORVOProfile()), TypeError, "positional"),
+    (call(GOOD, 1.0, stages="all"), ValueError, "stages"),
+    (call(GOOD, 1.0, stages="wiener"), ValueError, "pilot"),
+    (call(GOOD, 1.0, stages="wiener", pilot=np.zeros((8, 16, 15))), ValueError, "pilot shape"),
+    (call(GOOD, 1.0, stages="wiener", pilot=with_value(0, np.nan)), ValueError, "NaN"),
+    (call(GOOD, 1.0, pilot=GOOD), ValueError, "only used"),
+    (call(GOOD, 1.0, matches=[]), TypeError, "MatchStorage"),
+    (call(GOOD, 1.0, progress="yes"), TypeError, "progress"),
+    (call(GOOD, 1.0, profile=korvo.KORVOProfile(psd_work_size=(64, 64, 1))), ValueError,
+     "psd_work_size .* smaller than block_size"),
+]
 
 
-# Inputs whose range single precision cannot carry through the stages.
-@pytest.mark.parametrize("data, kwargs, text", [
-    (with_value(77, 1e30, FLAT), dict(sigma=0.1), "reaches the stages as"),
-    (FLAT, dict(sigma=1e-20), "reaches the stages as"),
-    (FLAT + 1e40, dict(sigma=0.1), "float32"),
-    (FLAT, dict(psd=np.full((8, 8, 8), 1e300)), "single precision"),
-    (FLAT, dict(psd=np.full((8, 8, 8), 1e-300)), "single precision"),
-    (FLAT, dict(sigma=0.1, stages="wiener", pilot=with_value(3, 1e30, FLAT)), "pilot holds"),
-    (FLAT, dict(sigma=1e-20, normalize=False), "normalize=True"),
-])
-def test_out_of_range_inputs(no_native, data, kwargs, text):
-    with pytest.raises(ValueError, match=text):
-        korvo.korvo(data, **kwargs)
+@pytest.mark.parametrize("arguments, error, text", REFUSED)
+def test_refused_before_any_stage(no_native, arguments, error, text):
+    args, kwargs = arguments
+    with pytest.raises(error, match=text):
+        korvo.korvo(*args, **kwargs)
 
 
 def test_non_finite_result_is_never_returned(monkeypatch):
@@ -120,31 +122,6 @@ def test_non_finite_result_is_never_returned(monkeypatch):
     monkeypatch.setattr(_native, "run_stage", poisoned)
     with pytest.raises(FloatingPointError, match="non-finite"):
         korvo.korvo(FLAT, 0.1)
-
-
-def test_bad_call_arguments(no_native):
-    with pytest.raises(TypeError, match="KORVOProfile"):
-        korvo.korvo(GOOD, 1.0, profile={"hard_threshold": 2.0})
-    with pytest.raises(TypeError, match="positional"):
-        korvo.korvo(GOOD, 1.0, korvo.KORVOProfile())
-    with pytest.raises(ValueError, match="stages"):
-        korvo.korvo(GOOD, 1.0, stages="all")
-    with pytest.raises(ValueError, match="pilot"):
-        korvo.korvo(GOOD, 1.0, stages="wiener")
-    with pytest.raises(ValueError, match="pilot shape"):
-        korvo.korvo(GOOD, 1.0, stages="wiener", pilot=np.zeros((8, 16, 15)))
-    with pytest.raises(ValueError, match="NaN"):
-        korvo.korvo(GOOD, 1.0, stages="wiener", pilot=with_value(0, np.nan))
-    with pytest.raises(ValueError, match="only used"):
-        korvo.korvo(GOOD, 1.0, pilot=GOOD)
-    with pytest.raises(TypeError, match="MatchStorage"):
-        korvo.korvo(GOOD, 1.0, matches=[])
-    with pytest.raises(TypeError, match="progress"):
-        korvo.korvo(GOOD, 1.0, progress="yes")
-    with pytest.raises(ValueError, match="psd_work_size .* smaller than block_size"):
-        korvo.korvo(GOOD, 1.0, profile=korvo.KORVOProfile(psd_work_size=(64, 64, 1)))
-    with pytest.raises(ValueError, match=r"along z; for so few slices pass block_size=\(8, 8, 1\)"):
-        korvo.korvo(np.zeros((3, 40, 40)), 1.0)
 
 
 @pytest.mark.parametrize("stage", ["ht", "wiener"])
@@ -162,55 +139,43 @@ def test_profile_combinations_refused_at_resolution(no_native, stage, settings, 
             attempt()
 
 
-@pytest.mark.parametrize("name, value, error", [
-    ("hard_threshold", -1.0, ValueError),
-    ("hard_threshold", 1e200, ValueError),
-    ("hard_threshold", float("nan"), ValueError),
-    ("hard_threshold", "2.7", TypeError),
-    ("wiener_factor", 0.0, ValueError),
-    ("wiener_factor", 1e30, ValueError),
-    ("match_variance_weight", -0.5, ValueError),
-    ("match_variance_weight", 1e9, ValueError),
-    ("psd_work_size", (12, 16, 16), ValueError),
-    ("psd_work_size", (64, 64, 64), ValueError),
-    ("psd_work_size", (16, 16), ValueError),
-    ("psd_work_size", (16.0, 16, 16), TypeError),
-    ("variance_group_limit", -1, ValueError),
-    ("variance_group_limit", 65, ValueError),
-    ("variance_group_limit", 1.5, TypeError),
-    ("sharpen", 1, TypeError),
-    ("sharpen_exponent", 0.0, ValueError),
-    ("num_threads", 0, ValueError),
-    ("split_block_extraction", (True, False), ValueError),
-    ("split_block_extraction", (1, 0, 0), TypeError),
-    ("split_block_extraction", True, TypeError),
-    ("ht", {"step": 3}, TypeError),
-    ("no_such_setting", 1, AttributeError),
+@pytest.mark.parametrize("name, values, error", [
+    ("hard_threshold", (-1.0, 1e200, float("nan")), ValueError),
+    ("hard_threshold", ("2.7",), TypeError),
+    ("wiener_factor", (0.0, 1e30), ValueError),
+    ("match_variance_weight", (-0.5, 1e9), ValueError),
+    ("psd_work_size", ((12, 16, 16), (64, 64, 64), (16, 16)), ValueError),
+    ("psd_work_size", ((16.0, 16, 16),), TypeError),
+    ("variance_group_limit", (-1, 65), ValueError),
+    ("variance_group_limit", (1.5,), TypeError),
+    ("sharpen", (1,), TypeError),
+    ("sharpen_exponent", (0.0,), ValueError),
+    ("num_threads", (0,), ValueError),
+    ("split_block_extraction", ((True, False),), ValueError),
+    ("split_block_extraction", ((1, 0, 0), True), TypeError),
+    ("ht", ({"step": 3},), TypeError),
+    ("no_such_setting", (1,), AttributeError),
 ])
-def test_bad_profile_values(name, value, error):
+def test_bad_profile_values(name, values, error):
     p = korvo.KORVOProfile()
-    with pytest.raises(error):
-        setattr(p, name, value)
+    for value in values:
+        with pytest.raises(error):
+            setattr(p, name, value)
     assert p == korvo.KORVOProfile()  # a refused value leaves the profile unchanged
 
 
-@pytest.mark.parametrize("name, value, error", [
-    ("block_size", (5, 5, 5), ValueError),
-    ("block_size", (4, 4, 1), ValueError),
-    ("step", (3, 0, 3), ValueError),
-    ("step", (3, 3), ValueError),
-    ("search_window", -1, ValueError),
-    ("max_group_size", 0, ValueError),
-    ("max_group_size", 12, ValueError),
-    ("max_group_size", 128, ValueError),
-    ("match_threshold", -1.0, ValueError),
-    ("match_threshold", float("inf"), ValueError),
-    ("match_threshold", 1e31, ValueError),
+@pytest.mark.parametrize("name, values", [
+    ("block_size", ((5, 5, 5), (4, 4, 1))),
+    ("step", ((3, 0, 3), (3, 3))),
+    ("search_window", (-1,)),
+    ("max_group_size", (0, 12, 128)),
+    ("match_threshold", (-1.0, float("inf"), 1e31)),
 ])
-def test_bad_stage_values(name, value, error):
+def test_bad_stage_values(name, values):
     for stage in (korvo.KORVOProfile().ht, korvo.StageProfile()):
-        with pytest.raises(error):
-            setattr(stage, name, value)
+        for value in values:
+            with pytest.raises(ValueError):
+                setattr(stage, name, value)
 
 
 @pytest.mark.parametrize("shape", [(20, 30, 40), (30, 40), (4, 9, 9)])
@@ -228,28 +193,20 @@ def test_profile_defaults_are_the_library_defaults(shape):
     assert p.resolve((20, 30, 40))["ht"].step == (2, 2, 2)
 
 
-def _run_script(body):
-    """Run in a child: a native abort must fail the test, not end pytest."""
-    script = "import numpy as np, korvo\n" + textwrap.dedent(body)
-    run = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, timeout=300)
-    assert run.returncode == 0, run.stderr[-3000:]
-    return run.stdout
-
-
 def test_groups_of_one_block_run():
-    out = _run_script("""
+    out = run_script("""
         for shape in ((12, 24, 24), (40, 40)):
             for stages in ("ht", "both"):
                 p = korvo.KORVOProfile(num_threads=2)
                 p.ht.max_group_size = p.wiener.max_group_size = 1
                 z = korvo.phantom(shape) + 0.1 * np.random.default_rng(0).standard_normal(shape)
                 print(bool(np.isfinite(korvo.korvo(z, 0.1, profile=p, stages=stages)).all()))
-    """)
+    """).stdout
     assert out.split() == ["True"] * 4
 
 
 def test_edited_match_storage_is_refused():
-    out = _run_script("""
+    out = run_script("""
         z = korvo.phantom((12, 24, 24))
         p = korvo.KORVOProfile(num_threads=2, split_block_extraction=(False, False, True))
         store = korvo.MatchStorage()
@@ -267,17 +224,16 @@ def test_edited_match_storage_is_refused():
         for name, edit in edits.items():
             for key in ("ht", "wiener"):
                 stage = getattr(store, key)
-                saved = (stage.counts.copy(), stage.positions.copy(),
-                         stage.relative_positions.copy(), stage.rows)
+                saved = [stage.counts.copy(), stage.positions.copy(), stage.relative_positions.copy()]
+                rows = stage.rows
                 edit(stage)
                 try:
                     korvo.korvo(z, 0.1, profile=p, matches=store)
                     print("ACCEPTED", name, key)
                 except ValueError as e:
                     print("refused", "cannot be replayed" in str(e) or "blocks" in str(e))
-                stage.counts[:], stage.positions[:], stage.relative_positions[:] = saved[:3]
-                stage.rows = saved[3]
+                stage.counts[:], stage.positions[:], stage.relative_positions[:] = saved
+                stage.rows = rows
         print("done", bool(np.isfinite(korvo.korvo(z, 0.1, profile=p, matches=store)).all()))
-    """)
-    assert "ACCEPTED" not in out, out
-    assert out.split().count("refused") == 16 and "done True" in out, out
+    """).stdout
+    assert out.count("refused True") == 16 and "done True" in out, out
