@@ -16,7 +16,7 @@ def psnr(estimate, clean):
 def fast(window=(3, 3, 2), **settings):
     """Small search windows: quick runs for tests that do not measure quality. One
     thread: with several the summation order, and so the last bits, vary."""
-    p = korvo.KORVOProfile(num_threads=1, **settings)
+    p = korvo.KORVOProfile(**{"num_threads": 1, **settings})
     p.ht.search_window = p.wiener.search_window = window
     return p
 
