@@ -13,16 +13,11 @@ import pytest
 import korvo
 from korvo import cli
 from korvo._png import read_png
-from conftest import psnr
+from conftest import fast, psnr
 
+# The command-line form of conftest.fast()
 FAST = ["--set", "ht.search_window=3,3,2", "--set", "wiener.search_window=3,3,2", "--threads", "1",
         "-q"]
-
-
-def fast():
-    profile = korvo.KORVOProfile(num_threads=1)
-    profile.ht.search_window = profile.wiener.search_window = (3, 3, 2)
-    return profile
 
 
 @pytest.fixture(scope="module")
@@ -34,9 +29,8 @@ def noisy_volume():
 
 def test_npy_round_trip_sigma_psd_and_estimate(tmp_path, noisy_volume):
     clean, noisy = noisy_volume
-    source = tmp_path / "in.npy"
+    source, psd_file = tmp_path / "in.npy", tmp_path / "psd.npy"
     np.save(source, noisy)
-    psd_file = tmp_path / "psd.npy"
     np.save(psd_file, korvo.white_psd(0.1, (8, 8, 8)))
     outputs = {}
     for name, extra in (("sigma", ["--sigma", "0.1"]), ("psd", ["--psd", str(psd_file)]),
@@ -51,6 +45,16 @@ def test_npy_round_trip_sigma_psd_and_estimate(tmp_path, noisy_volume):
                                atol=1e-4)
 
 
+def _per_channel(data, axes):
+    """Reference: every item and channel denoised on its own."""
+    others = [a for a in axes if a not in "ZYX"]
+    moved = np.moveaxis(data, [axes.index(a) for a in others], range(len(others)))
+    out = np.empty(moved.shape, np.float32)
+    for index in np.ndindex(*moved.shape[:len(others)]):
+        out[index] = korvo.korvo(moved[index], sigma=0.1, profile=fast())
+    return np.moveaxis(out, range(len(others)), [axes.index(a) for a in others])
+
+
 def test_nifti_keeps_orientation_and_header_and_loops_over_time(tmp_path, noisy_volume):
     nib = pytest.importorskip("nibabel")
     clean, noisy = noisy_volume
@@ -63,23 +67,7 @@ def test_nifti_keeps_orientation_and_header_and_loops_over_time(tmp_path, noisy_
         image = nib.load(out)
         np.testing.assert_allclose(image.affine, affine, rtol=1e-6)
         result = np.asarray(image.dataobj).T  # back to (slices, rows, columns)
-        assert result.shape == data.shape
-        for volume, denoised in zip(data.reshape((-1,) + noisy.shape), result.reshape(
-                (-1,) + noisy.shape)):
-            np.testing.assert_allclose(denoised, korvo.korvo(volume, sigma=0.1, profile=fast()),
-                                       atol=1e-4)
-
-
-def _per_channel(data, axes):
-    """Reference: every item and channel denoised on its own."""
-    spatial = "".join(a for a in axes if a in "ZYX")
-    others = [a for a in axes if a not in "ZYX"]
-    moved = np.moveaxis(data, [axes.index(a) for a in others], range(len(others)))
-    out = np.empty(moved.shape, np.float32)
-    for index in np.ndindex(*moved.shape[:len(others)]):
-        out[index] = korvo.korvo(moved[index], sigma=0.1, profile=fast())
-    assert len(spatial) in (2, 3)
-    return np.moveaxis(out, range(len(others)), [axes.index(a) for a in others])
+        np.testing.assert_allclose(result, _per_channel(data, "TZYX"[-data.ndim:]), atol=1e-4)
 
 
 TIFF_CASES = [  # name, axes, shape, writer options, metadata expected back
@@ -145,13 +133,11 @@ def test_output_is_checked_first_and_written_whole(tmp_path, noisy_volume, monke
 
     monkeypatch.setattr(cli, "korvo", never)
     refused = [  # output, extra options, words of the message
-        ("o.png", [], ".npy"),
-        ("missing/o.npy", [], "does not exist"),
-        ("dangling.npy", [], "missing does not exist"),
+        ("o.png", [], ".npy"), ("missing/o.npy", [], "does not exist"),
+        ("dangling.npy", [], "missing does not exist"), ("old.npy", [], "--force"),
         ("sub/hard.npy", ["--force"], "input file itself"),
         ("link.npy", ["--force"], "input file itself"),
         ("sub/../in.npy", ["--force"], "input file itself"),
-        ("old.npy", [], "--force"),
     ]
     for output, extra, words in refused:
         assert cli.main(["denoise", str(source), str(tmp_path / output), "--sigma", "1"]
