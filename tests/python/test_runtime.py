@@ -3,11 +3,10 @@
 import _thread
 import os
 import signal
-import subprocess
 import sys
-import textwrap
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pytest
@@ -16,32 +15,21 @@ import korvo
 from korvo import _native
 from korvo.memory import choose_split
 from korvo.profile import stage_parameters
+from conftest import run_script
 
 
 def test_concurrent_calls_from_threads(volume, fast_profile):
     rng = np.random.default_rng(7)
     inputs = [volume + 0.1 * rng.standard_normal(volume.shape) for _ in range(4)]
     expected = [korvo.korvo(z, 0.1, profile=fast_profile) for z in inputs]
-    results = [None] * 8
-    errors = []
-
-    def work(i):
-        try:
-            results[i] = korvo.korvo(inputs[i % 4], 0.1, profile=fast_profile)
-        except BaseException as exc:  # pragma: no cover - reported below
-            errors.append(exc)
-
-    threads = [threading.Thread(target=work, args=(i,)) for i in range(8)]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
-    assert not errors
+    with ThreadPoolExecutor(8) as pool:  # eight calls at once, two on each input
+        results = list(pool.map(lambda i: korvo.korvo(inputs[i % 4], 0.1, profile=fast_profile),
+                                range(8)))
     for i, result in enumerate(results):
         np.testing.assert_allclose(result, expected[i % 4], atol=1e-4)
 
 
-def test_progress_callback(volume, fast_profile):
+def test_progress(volume, fast_profile, monkeypatch, capsys):
     seen = []
     korvo.korvo(volume + 0.01, 0.1, profile=fast_profile, progress=lambda *a: seen.append(a))
     stages = {label for label, _, _ in seen}
@@ -49,14 +37,11 @@ def test_progress_callback(volume, fast_profile):
     for label in stages:
         final = [a for a in seen if a[0] == label][-1]
         assert final[1] == final[2] > 0
-
-
-def test_plain_progress_line(volume, fast_profile, monkeypatch, capsys):
+    # Without tqdm, progress=True prints a plain line.
     monkeypatch.setitem(sys.modules, "tqdm", None)
     monkeypatch.setitem(sys.modules, "tqdm.auto", None)
     korvo.korvo(volume + 0.01, 0.1, profile=fast_profile, stages="ht", progress=True)
-    err = capsys.readouterr().err
-    assert "korvo hard thresholding: 100%" in err
+    assert "korvo hard thresholding: 100%" in capsys.readouterr().err
 
 
 def test_ctrl_c_stops_a_run_mid_stage(fast_profile, request):
@@ -108,8 +93,8 @@ def test_more_threads_than_cores_warns():
 
 @pytest.mark.skipif(not sys.platform.startswith("linux"), reason="address-space limit")
 def test_refused_threads_then_a_normal_call():
-    script = textwrap.dedent("""
-        import resource, numpy as np, korvo
+    out = run_script("""
+        import resource
         z = korvo.phantom((12, 24, 24))
         many = korvo.KORVOProfile(num_threads=64, memory_limit=2**40)  # all 64 wanted
         korvo.korvo(z, 0.1)  # everything loaded and touched once
@@ -126,18 +111,15 @@ def test_refused_threads_then_a_normal_call():
         resource.setrlimit(resource.RLIMIT_AS, (soft, hard))
         y = korvo.korvo(z, 0.1, profile=many)
         print("AFTER OK", bool(np.isfinite(y).all()))
-    """)
-    run = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True,
-                         timeout=300)
-    assert "MEMORYERROR True" in run.stdout, run.stdout + run.stderr
-    assert "AFTER OK True" in run.stdout, run.stdout + run.stderr
+    """).stdout
+    assert "MEMORYERROR True" in out and "AFTER OK True" in out, out
 
 
 @pytest.mark.skipif(not sys.platform.startswith("linux"), reason="address-space limit")
-def test_real_allocation_failure_in_a_limited_process(tmp_path):
+def test_real_allocation_failure_in_a_limited_process():
     # Whole-volume block collections need ~256 bytes per voxel: far more than allowed here.
-    script = textwrap.dedent("""
-        import resource, numpy as np, korvo
+    run = run_script("""
+        import resource
         z = korvo.phantom((48, 160, 160))
         p = korvo.KORVOProfile(split_block_extraction=(False, False, False), num_threads=1)
         small = korvo.KORVOProfile(split_block_extraction=(False, False, True), num_threads=1)
@@ -152,12 +134,9 @@ def test_real_allocation_failure_in_a_limited_process(tmp_path):
             print("MEMORYERROR", "split_block_extraction" in str(e))
         y = korvo.korvo(z, 0.1, profile=small, stages="ht")
         print("SPLIT OK", bool(np.isfinite(y).all()))
-    """)
-    run = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True,
-                         timeout=120)
-    assert "MEMORYERROR True" in run.stdout, run.stdout + run.stderr
+    """, timeout=120)
+    assert "MEMORYERROR True" in run.stdout and "SPLIT OK True" in run.stdout, run.stdout
     assert "Failed to allocate block memory" in run.stderr
-    assert "SPLIT OK True" in run.stdout, run.stdout + run.stderr
 
 
 def test_split_choice_follows_memory():
@@ -194,8 +173,8 @@ def test_split_choice_follows_memory():
 def test_peak_memory_stays_under_the_target():
     # Measured in a fresh process whose allocator returns every large buffer when
     # it is freed, so that nothing an earlier step freed hides part of the peak.
-    script = textwrap.dedent("""
-        import numpy as np, korvo
+    env = dict(os.environ, MALLOC_MMAP_THRESHOLD_="65536", MALLOC_TRIM_THRESHOLD_="65536")
+    run = run_script("""
         from korvo.memory import MEMORY_TARGET, measure_peak
         korvo.korvo(np.zeros((20, 20, 20), np.float32), 0.1)
         for shape in ((64, 64, 64), (80, 88, 96)):
@@ -205,10 +184,7 @@ def test_peak_memory_stays_under_the_target():
                 _, added = measure_peak(korvo.korvo, z, 0.1,
                                         profile=korvo.KORVOProfile(num_threads=threads))
                 print("RATIO", shape, threads, added / z.nbytes, MEMORY_TARGET)
-    """)
-    env = dict(os.environ, MALLOC_MMAP_THRESHOLD_="65536", MALLOC_TRIM_THRESHOLD_="65536")
-    run = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True,
-                         timeout=600, env=env)
+    """, timeout=600, env=env)
     ratios = [line.split()[-2:] for line in run.stdout.splitlines() if line.startswith("RATIO")]
     assert len(ratios) == 4, run.stdout + run.stderr
     assert all(float(ratio) <= float(target) for ratio, target in ratios), run.stdout
