@@ -27,21 +27,22 @@ def _relative_error(est, true):
     return np.linalg.norm(est - true) / np.linalg.norm(true)
 
 
-def _texture(shape, rng, amplitude):
+def _texture(shape, rng, amplitude, smoothness=400.0):
     """Smooth structure filling the whole volume: no region of noise alone."""
     freqs = np.meshgrid(*[np.fft.fftfreq(n) for n in shape], indexing="ij")
-    lowpass = np.exp(-400.0 * sum(f * f for f in freqs))
+    lowpass = np.exp(-smoothness * sum(f * f for f in freqs))
     field = np.fft.ifftn(np.fft.fftn(rng.standard_normal(shape)) * lowpass).real
     return amplitude * field / field.std()
 
 
+BUSY = (25, 41, 33)  # a small volume with structure everywhere
+
+
 @pytest.mark.parametrize("name", KERNELS)
 def test_pure_noise_spectra(name):
-    # A plain Welch average has a per-frequency relative spread of
-    # sqrt(grid points / voxels); the thresholded correlogram must do at least
-    # twice as well. The short-range fit reads a tenth of the frequencies at a
-    # low quantile (several times the spread) but is exact for these kernels,
-    # which correlate at most two samples apart: within 1.5 times the spread.
+    # A plain Welch average spreads by sqrt(grid points / voxels) per frequency;
+    # the thresholded correlogram must halve that. The short-range fit reads few
+    # frequencies at a low quantile, but is exact for kernels two samples long.
     kernel = KERNELS[name]
     noise = coloured_noise(kernel, SHAPE, 0.1, np.random.default_rng(3))
     true = psd_from_kernel(kernel, GRID, 0.1)
@@ -60,29 +61,20 @@ def test_pure_noise_spectra(name):
 
 @pytest.mark.parametrize("name", ["white", "[1,2,1] along x"])
 def test_haze_is_not_read_as_colour(name):
-    # Faint smooth structure (out-of-focus light, shading) passes the
-    # homogeneity test and was read as low-frequency noise on every axis
-    # (PSD errors 0.62 and 0.33 here; concentration 2.5 for white noise on a
-    # confocal stack). Axes whose finest details show no correlation are now
-    # kept flat.
+    # Regression: faint smooth structure (shading) passed the homogeneity test
+    # and was read as low-frequency noise on every axis (errors 0.62 and 0.33).
     rng = np.random.default_rng(5)
-    kernel = KERNELS[name]
-    freqs = np.meshgrid(*[np.fft.fftfreq(n) for n in SHAPE], indexing="ij")
-    haze = np.fft.ifftn(np.fft.fftn(rng.standard_normal(SHAPE))
-                        * np.exp(-3000.0 * sum(f * f for f in freqs))).real
-    noisy = 0.05 * haze / haze.std() + coloured_noise(kernel, SHAPE, 0.1, rng)
-    true = psd_from_kernel(kernel, GRID, 0.1)
-    assert _relative_error(estimate_psd(noisy), true) < 0.1
+    noisy = _texture(SHAPE, rng, 0.05, 3000.0) + coloured_noise(KERNELS[name], SHAPE, 0.1, rng)
+    assert _relative_error(estimate_psd(noisy), psd_from_kernel(KERNELS[name], GRID, 0.1)) < 0.1
 
 
 @pytest.mark.parametrize("dtype", [np.float64, np.int16])
 def test_small_volume_without_background(dtype):
-    # Structure everywhere: the homogeneous-block estimate alone read the
-    # texture as noise, several times too strong; the short-range fit stays close.
+    # Regression: the homogeneous-block estimate alone read the texture as
+    # noise, several times too strong.
     rng = np.random.default_rng(4)
-    shape = (25, 41, 33)
     kernel = KERNELS["[1,2,1] along x"]
-    noisy = _texture(shape, rng, 0.3) + coloured_noise(kernel, shape, 0.1, rng)
+    noisy = _texture(BUSY, rng, 0.3) + coloured_noise(kernel, BUSY, 0.1, rng)
     true = psd_from_kernel(kernel, GRID, 0.1)
     if dtype == np.int16:   # the quantisation step adds white noise of variance 1/12
         noisy = np.round(noisy * 1000).astype(dtype)
@@ -95,15 +87,12 @@ def test_small_volume_without_background(dtype):
 @pytest.mark.parametrize("name", KERNELS)
 @pytest.mark.parametrize("padding", [0, 40])
 def test_busy_volume_shape(name, padding):
-    # Strong texture everywhere leaked into the fit as correlation along every
-    # axis (concentration 2.2 for white noise). Axes on which the noise is
-    # white now get no lags, and white noise gives exactly the white
-    # assumption at estimate_sigma's level. Noise-free zero padding (more
-    # than half the volume) must not switch that off.
+    # Regression: strong texture leaked into the fit as correlation on every
+    # axis. White noise must give exactly the white assumption at
+    # estimate_sigma's level, also with noise-free zero padding over half the volume.
     rng = np.random.default_rng(4)
-    shape = (25, 41, 33)
     kernel = KERNELS[name]
-    noisy = _texture(shape, rng, 1.0) + coloured_noise(kernel, shape, 0.1, rng)
+    noisy = _texture(BUSY, rng, 1.0) + coloured_noise(kernel, BUSY, 0.1, rng)
     noisy = np.pad(noisy, ((0, 0), (0, 0), (0, padding)))
     true = psd_from_kernel(kernel, GRID, 0.1)
     est = estimate_psd(noisy).astype(np.float64)
@@ -116,15 +105,12 @@ def test_busy_volume_shape(name, padding):
 
 
 def test_zero_filled_kspace_on_busy_volume():
-    # Zero-filled k-space along y (half the band kept): a brick-wall spectrum.
-    # With two lags the fit rounded its edge off into a peak at zero
-    # frequency (shape error 0.31-0.35 here, concentration 2.1 for 1.9);
-    # a third lag along the one correlated axis follows the edge.
+    # Zero-filled k-space along y, half the band kept: a brick-wall spectrum.
+    # Regression: two lags rounded its edge off into a peak at zero (error 0.31-0.35).
     rng = np.random.default_rng(4)
-    shape = (25, 41, 33)
-    keep = np.abs(np.fft.fftfreq(shape[1]))[None, :, None] < 0.25
-    noise = np.fft.ifft(np.fft.fft(rng.standard_normal(shape), axis=1) * keep, axis=1).real
-    noisy = _texture(shape, rng, 1.0) + 0.1 * noise / np.sqrt(keep.mean())
+    keep = np.abs(np.fft.fftfreq(BUSY[1]))[None, :, None] < 0.25
+    noise = np.fft.ifft(np.fft.fft(rng.standard_normal(BUSY), axis=1) * keep, axis=1).real
+    noisy = _texture(BUSY, rng, 1.0) + 0.1 * noise / np.sqrt(keep.mean())
     f = np.abs(np.fft.fftfreq(GRID[1]))
     band = np.where(f < 0.25, 1.0, np.where(f == 0.25, 0.5, 0.0))
     true = np.broadcast_to((band / band.mean())[None, :, None], GRID)
@@ -173,10 +159,7 @@ def test_shape_argument(data_shape, grid, expected):
     assert _relative_error(est, true) < max(0.15, 0.5 * spread)
 
 
-def _corner_mask(size):
-    mask = np.zeros((20, 20, 20), dtype=bool)
-    mask[:size, :size, :size] = True
-    return mask
+NOISE = np.random.default_rng(0).standard_normal((20, 20, 20))
 
 
 @pytest.mark.parametrize("args, kwargs, error, words", [
@@ -185,15 +168,13 @@ def _corner_mask(size):
     ((np.ones(50),), {}, ValueError, "2-D or 3-D"),
     ((np.ones((20, 20)), (8, 8, 8)), {}, ValueError, "shape"),
     ((np.ones((20, 20, 3)),), {}, ValueError, "at least 4"),
-    ((np.random.default_rng(0).standard_normal((3, 3, 3)),), {}, ValueError, "at least 4"),
+    ((NOISE[:3, :3, :3],), {}, ValueError, "at least 4"),
     ((np.full((1, 1), 0.5),), {}, ValueError, "at least 4"),  # both gave a PSD
-    ((np.random.default_rng(0).standard_normal((20, 20, 20)) * 1e30,), {}, ValueError,
-     "single precision"),  # gave infinities
+    ((NOISE * 1e30,), {}, ValueError, "single precision"),  # gave infinities
     ((np.ones((20, 20, 20)),), {"mask": np.ones((20, 20))}, ValueError, "mask has shape"),
     ((np.ones((20, 20, 20)),), {"mask": np.ones((20, 20, 20), complex)}, TypeError, "mask"),
     ((np.ones((20, 20, 20)),), {"mask": np.zeros((20, 20, 20))}, ValueError, "at least 128"),
-    ((np.random.default_rng(0).standard_normal((20, 20, 20)),), {"mask": _corner_mask(3)},
-     ValueError, "marks 27 voxels"),
+    ((NOISE,), {"mask": np.pad(np.ones((3, 3, 3), bool), (0, 17))}, ValueError, "marks 27 voxels"),
     ((np.ones((20, 20, 20)),), {}, ValueError, "non-constant"),
     ((np.ones((30, 30)),), {}, ValueError, "non-constant"),
 ])
