@@ -11,15 +11,10 @@ from korvo import _native
 from korvo.profile import stage_parameters
 from korvo.transforms import block_transforms
 
-SIGMA = 0.1
-
-
-def _case(shape, seed=5):
-    clean = korvo.phantom(shape).astype(np.float32)
-    rng = np.random.default_rng(seed)
-    # Stage units: noise of std 1.
-    noisy = ((clean + SIGMA * rng.standard_normal(shape)) / SIGMA).astype(np.float32)
-    return clean / SIGMA, noisy
+def _noisy(shape):
+    """The phantom in the stages' units: noise of std 1."""
+    rng = np.random.default_rng(5)
+    return (korvo.phantom(shape) / 0.1 + rng.standard_normal(shape)).astype(np.float32)
 
 
 def _record(stage, shape, block=None, step=None):
@@ -40,16 +35,11 @@ def _stage(stage, noisy, record, pilot=None, transforms=None):
     return out
 
 
-def _two_stages(noisy, records, transforms=None):
-    pilot = _stage(0, noisy, records[0], transforms=transforms)
-    return pilot, _stage(1, noisy, records[1], pilot, transforms)
-
-
 @pytest.mark.parametrize("shape, stages", [((12, 16, 16), (0, 1)), ((32, 32), (1,))])
 def test_builtin_tables_through_caller_path(shape, stages):
     # 4x4x4 blocks (both stages) and the 8x8x1 Wiener set are a DCT per axis and
     # a Kaiser window: passing our tables must give the built-in results.
-    _, noisy = _case(shape)
+    noisy = _noisy(shape)
     pilot = None
     for stage in stages:
         record = _record(stage, shape)
@@ -65,7 +55,7 @@ def test_builtin_tables_through_caller_path(shape, stages):
 
 def test_transform_shapes_are_checked():
     shape = (8, 8, 8)
-    _, noisy = _case(shape)
+    noisy = _noisy(shape)
     record = _record(0, shape)
     good = block_transforms((4, 4, 4))
     bad = {
@@ -92,8 +82,9 @@ def test_large_blocks_denoise():
     clean = 5 * np.sin(2 * np.pi * x) * np.cos(2 * np.pi * y) + 3 * z
     noisy = (clean + np.random.default_rng(2).standard_normal(shape)).astype(np.float32)
     block, step = (8, 8, 8), (4, 4, 4)
-    records = [_record(stage, shape, block, step) for stage in (0, 1)]
-    pilot, final = _two_stages(noisy, records, block_transforms(block))
+    transforms = block_transforms(block)
+    pilot = _stage(0, noisy, _record(0, shape, block, step), transforms=transforms)
+    final = _stage(1, noisy, _record(1, shape, block, step), pilot, transforms)
 
     def mse(a):
         return np.mean((a.astype(np.float64) - clean) ** 2)
