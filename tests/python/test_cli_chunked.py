@@ -11,6 +11,7 @@ import pytest
 import korvo
 from korvo import chunked, cli
 from korvo.io import read_volume
+from conftest import fast
 
 da = pytest.importorskip("dask.array")
 zarr = pytest.importorskip("zarr")
@@ -26,24 +27,20 @@ def noisy():
     return (clean + 0.1 * rng.standard_normal(clean.shape)).astype(np.float32)
 
 
-def reference(data):
-    profile = korvo.KORVOProfile(num_threads=1)
-    profile.ht.search_window = profile.wiener.search_window = (3, 3, 2)
-    return korvo.korvo(data, sigma=0.1, profile=profile)
-
-
-def close(a, b):
-    np.testing.assert_allclose(a, b, atol=1e-5 * float(np.ptp(b)))
+def close(result, expected):
+    np.testing.assert_allclose(result, expected, atol=1e-5 * float(np.ptp(expected)))
 
 
 def test_round_trips_equal_the_in_memory_call(tmp_path, noisy):
-    expected = reference(noisy)
+    expected = korvo.korvo(noisy, sigma=0.1, profile=fast())
     zarr.open_array(str(tmp_path / "in.zarr"), mode="w", shape=noisy.shape, chunks=(10, 18, 16),
                     dtype="f4")[:] = noisy
     with h5py.File(tmp_path / "in.h5", "w") as f:
         f.create_dataset("raw/vol", data=noisy, chunks=(10, 18, 16)).attrs.update(
             {"unit": "um", "spacing": [2.0, 0.5, 0.5]})
     np.save(tmp_path / "in.npy", noisy)
+    data, _ = read_volume(str(tmp_path / "in.npy"))  # .npy inputs are memory-mapped
+    assert isinstance(data, np.memmap) and not data.flags.writeable
     cases = [  # IN, OUT, options, how OUT is read back
         ("in.zarr", "out.zarr", [], lambda p: zarr.open_array(str(p), mode="r")[:]),
         ("in.h5:/raw/vol", "new.h5:/den", ["--chunks", "10,18,16"], None),
@@ -95,14 +92,8 @@ def test_ome_zarr_keeps_axes_and_scale_of_level_zero(tmp_path, noisy, fmt):
         assert kept["version"] == "0.4" and attrs["omero"] == {"id": 1}
     result = written["s0"][:]
     for t in range(2):
-        close(result[t, 0], reference(series[t, 0]))
+        close(result[t, 0], korvo.korvo(series[t, 0], sigma=0.1, profile=fast()))
     assert read_volume(str(out))[1]["axes"] == "TCZYX"
-
-
-def test_npy_inputs_are_memory_mapped(tmp_path, noisy):
-    np.save(tmp_path / "in.npy", noisy)
-    data, _ = read_volume(str(tmp_path / "in.npy"))
-    assert isinstance(data, np.memmap) and not data.flags.writeable
 
 
 def test_refusals_are_one_line(tmp_path, noisy, capsys):
@@ -133,10 +124,9 @@ def test_refusals_are_one_line(tmp_path, noisy, capsys):
 
 
 def test_memory_is_bounded_by_chunks_not_the_volume(tmp_path, monkeypatch):
-    """A volume of 384^3 (216 MiB as float32) through the command line in 96^3
-    chunks. The native work runs in worker processes and is replaced here by
-    the region's copy: what is measured is this process, which reads, holds
-    and writes the data."""
+    """384^3 (216 MiB as float32) in 96^3 chunks. The workers' native run is
+    replaced by the region's copy: measured is this process, which reads,
+    holds and writes the data."""
     n, chunk = 384, 96
     source = zarr.open_array(str(tmp_path / "in.zarr"), mode="w", shape=(n,) * 3,
                              chunks=(chunk,) * 3, dtype="u1")
