@@ -109,7 +109,7 @@ def test_inverse_is_monotone_and_clipping_only_raises_the_floor(model, params):
 
 
 def _smooth_field(shape, rng, low, high):
-    """Smooth positive field: a few broad Gaussian blobs over a ramp."""
+    """A few broad Gaussian blobs over a ramp, scaled to [low, high]."""
     grids = np.meshgrid(*[np.linspace(0, 1, n) for n in shape], indexing="ij")
     field = 0.3 * grids[-1]
     for _ in range(6):
@@ -160,11 +160,9 @@ def test_rician_sigma_estimate(coils, background):
 
 @pytest.mark.parametrize("coils", [1, 4])
 def test_background_comes_back_at_zero(coils):
-    # Groups near tissue lift the denoised background a little, and the
-    # inverse, steep at the noise floor, made that +0.1 to +0.2 sigma here;
-    # with four coils the fit's sigma (6 % low for some draws) also used to
-    # find no background at all, which cost +0.95 sigma.
-    # That steepness also makes one draw's figure scatter by 0.1 sigma: three.
+    # Regressions: the inverse, steep at the noise floor, turned the lift from
+    # groups near tissue into +0.1 to +0.2 sigma; with four coils a low fitted
+    # sigma found no background at all (+0.95 sigma). Three draws: one scatters.
     means = []
     for seed in range(3):
         rng = np.random.default_rng(seed)
