@@ -30,6 +30,14 @@ def run_script(body, timeout=300, **kwargs):
     return run
 
 
+def refused(capsys, arguments, words):
+    """korvo denoise ARGUMENTS exits 2 with one line that holds WORDS."""
+    from korvo import cli
+    assert cli.main(["denoise", "-q"] + [str(a) for a in arguments]) == 2, arguments
+    err = capsys.readouterr().err.strip()
+    assert err.startswith("korvo: error:") and words in err and "\n" not in err, (arguments, err)
+
+
 @pytest.fixture(scope="session")
 def volume():
     """Small phantom volume (slices, rows, columns) with values in [0, 1]."""
