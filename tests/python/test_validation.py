@@ -30,14 +30,17 @@ def call(*args, **kwargs):
     return args, kwargs
 
 
+def each(error, text, *calls):
+    return [(c, error, text) for c in calls]
+
+
 FLAT = np.full((8, 16, 16), 0.5) + 0.1 * np.random.default_rng(0).standard_normal((8, 16, 16))
 RGB = np.zeros((32, 32, 3))
 
 REFUSED = [  # (arguments of korvo.korvo), exception, pattern of the message
     # data
-    (call(with_value(5, np.nan), 1.0), ValueError, "NaN or infinite"),
-    (call(with_value(100, np.inf), 1.0), ValueError, "NaN or infinite"),
-    (call(with_value(7, -np.inf), 1.0), ValueError, "NaN or infinite"),
+    *each(ValueError, "NaN or infinite", call(with_value(5, np.nan), 1.0),
+          call(with_value(100, np.inf), 1.0), call(with_value(7, -np.inf), 1.0)),
     (call(np.zeros(64), 1.0), ValueError, "2-D"),
     (call(np.zeros((2, 8, 8, 8)), 1.0), ValueError, "channel_axis"),
     (call(np.zeros((64, 64, 3)), 1.0), ValueError, "channel_axis=-1"),
@@ -48,17 +51,12 @@ REFUSED = [  # (arguments of korvo.korvo), exception, pattern of the message
      r"along z; for so few slices pass block_size=\(8, 8, 1\)"),
     (call(np.zeros((16, 2, 16)), 1.0), ValueError, "block_size .* along y"),
     (call(np.zeros((5, 40)), 1.0), ValueError, "block_size .* along y"),
-    (call(np.zeros((8, 8, 8), np.complex64), 1.0), TypeError, "real"),
-    (call(np.array([["a", "b"], ["c", "d"]]), 1.0), TypeError, "real"),
-    (call(np.zeros((8, 8, 8), bool), 1.0), TypeError, "real"),
+    *each(TypeError, "real", call(np.zeros((8, 8, 8), np.complex64), 1.0),
+          call(np.array([["a", "b"], ["c", "d"]]), 1.0), call(np.zeros((8, 8, 8), bool), 1.0)),
     # noise
-    (call(GOOD, sigma=-1.0), ValueError, "positive"),
-    (call(GOOD, sigma=0.0), ValueError, "positive"),
-    (call(GOOD, sigma=np.array(0.0)), ValueError, "positive"),
-    (call(GOOD, sigma=float("nan")), ValueError, "finite"),
-    (call(GOOD, sigma=float("inf")), ValueError, "finite"),
-    (call(GOOD, sigma=True), TypeError, "number"),
-    (call(GOOD, sigma="0.1"), TypeError, "number"),
+    *each(ValueError, "positive", *[call(GOOD, sigma=s) for s in (-1.0, 0.0, np.array(0.0))]),
+    *each(ValueError, "finite", *[call(GOOD, sigma=s) for s in (float("nan"), float("inf"))]),
+    *each(TypeError, "number", call(GOOD, sigma=True), call(GOOD, sigma="0.1")),
     (call(GOOD), ValueError, "sigma= .* psd=.*estimate_sigma"),
     (call(GOOD, sigma=0.1, psd=np.ones((8, 8))), ValueError, "not both"),
     # An array sigma is a per-voxel map of the data's shape; a spectrum goes to psd=.
@@ -69,11 +67,10 @@ REFUSED = [  # (arguments of korvo.korvo), exception, pattern of the message
     (call(GOOD, sigma=with_value(3, 1.0, GOOD + 1e-9)), ValueError, "spans"),
     (call(GOOD, sigma=np.full(GOOD.shape, 0.1), normalize=False), ValueError, "normalize=True"),
     (call(GOOD, psd=np.full((8, 8, 8), -1.0)), ValueError, "negative"),
-    (call(GOOD, psd=with_value(3, np.nan)), ValueError, "NaN or infinite"),
-    (call(GOOD, psd=with_value(3, np.inf)), ValueError, "NaN or infinite"),
+    *each(ValueError, "NaN or infinite", *[call(GOOD, psd=with_value(3, v))
+                                           for v in (np.nan, np.inf)]),
     (call(GOOD, psd=np.zeros((8, 8))), ValueError, "zero everywhere"),
-    (call(GOOD, psd=np.ones(16)), ValueError, "2-D or 3-D"),
-    (call(GOOD, psd=np.ones((2, 2, 2, 2))), ValueError, "2-D or 3-D"),
+    *each(ValueError, "2-D or 3-D", call(GOOD, psd=np.ones(16)), call(GOOD, psd=np.ones((2,) * 4))),
     (call(GOOD, psd=np.ones((0, 4))), ValueError, "empty"),
     (call(GOOD, psd=np.ones((4, 4), complex)), TypeError, "real"),
     # channels
@@ -87,8 +84,8 @@ REFUSED = [  # (arguments of korvo.korvo), exception, pattern of the message
     (call(with_value(77, 1e30, FLAT), sigma=0.1), ValueError, "reaches the stages as"),
     (call(FLAT, sigma=1e-20), ValueError, "reaches the stages as"),
     (call(FLAT + 1e40, sigma=0.1), ValueError, "float32"),
-    (call(FLAT, psd=np.full((8, 8, 8), 1e300)), ValueError, "single precision"),
-    (call(FLAT, psd=np.full((8, 8, 8), 1e-300)), ValueError, "single precision"),
+    *each(ValueError, "single precision", *[call(FLAT, psd=np.full((8, 8, 8), v))
+                                            for v in (1e300, 1e-300)]),
     (call(FLAT, sigma=0.1, stages="wiener", pilot=with_value(3, 1e30, FLAT)), ValueError,
      "pilot holds"),
     (call(FLAT, sigma=1e-20, normalize=False), ValueError, "normalize=True"),
@@ -224,7 +221,8 @@ def test_edited_match_storage_is_refused():
         for name, edit in edits.items():
             for key in ("ht", "wiener"):
                 stage = getattr(store, key)
-                saved = [stage.counts.copy(), stage.positions.copy(), stage.relative_positions.copy()]
+                saved = [a.copy() for a in (stage.counts, stage.positions,
+                                            stage.relative_positions)]
                 rows = stage.rows
                 edit(stage)
                 try:
