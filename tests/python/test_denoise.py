@@ -211,7 +211,8 @@ def test_match_reuse_across_channels(volume, rng):
     other_step, small_groups = korvo.KORVOProfile(), korvo.KORVOProfile()
     other_step.ht.step = 2
     small_groups.wiener.max_group_size = 8
-    for z, profile, text in ((channels[0][:, :16], None, "shape"), (channels[0], other_step, "step"),
+    for z, profile, text in ((channels[0][:, :16], None, "shape"),
+                             (channels[0], other_step, "step"),
                              (channels[0], small_groups, "max_group_size")):
         with pytest.raises(ValueError, match=text):
             korvo.korvo(z, sigma, profile=profile, matches=store)
@@ -274,15 +275,12 @@ def test_threads_and_band_splitting_agree(noisy_phantom):
         # rarely amplified by a tie in matching.
         assert np.abs(other - results[0]).mean() < 1e-5
         np.testing.assert_allclose(other, results[0], atol=2e-3)
-
-
-def test_two_threads_repeat_to_the_last_bit(noisy_phantom):
-    noisy = noisy_phantom
+    # Yet two threads repeat themselves to the last bit.
     for split in ((False, False, False), (False, False, True)):
         p = korvo.KORVOProfile(num_threads=2, split_block_extraction=split)
         for stages in ("ht", "both"):
-            np.testing.assert_array_equal(korvo.korvo(noisy, 0.1, profile=p, stages=stages),
-                                          korvo.korvo(noisy, 0.1, profile=p, stages=stages))
+            np.testing.assert_array_equal(korvo.korvo(noisy_phantom, 0.1, profile=p, stages=stages),
+                                          korvo.korvo(noisy_phantom, 0.1, profile=p, stages=stages))
 
 
 def test_search_window_beyond_the_data_changes_nothing(rng):
@@ -325,9 +323,9 @@ def test_profile_settings_reach_the_library(volume, noisy_phantom):
 
 def test_estimate_sigma(volume, image, rng):
     for sigma in (0.05, 0.2):
-        assert korvo.estimate_sigma(sigma * rng.standard_normal((20, 40, 40))) == pytest.approx(sigma, rel=0.05)
-        assert korvo.estimate_sigma(volume + sigma * rng.standard_normal(volume.shape)) == pytest.approx(sigma, rel=0.2)
-        assert korvo.estimate_sigma(image + sigma * rng.standard_normal(image.shape)) == pytest.approx(sigma, rel=0.2)
+        for clean, rel in ((np.zeros((20, 40, 40)), 0.05), (volume, 0.2), (image, 0.2)):
+            noisy = clean + sigma * rng.standard_normal(clean.shape)
+            assert korvo.estimate_sigma(noisy) == pytest.approx(sigma, rel=rel)
     with pytest.raises(ValueError):
         korvo.estimate_sigma(np.zeros(10))
     # A masked MRI: noise inside, exact zeros over 60 % of the volume. The
