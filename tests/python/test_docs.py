@@ -55,11 +55,10 @@ def _table_rows(heading):
     return rows
 
 
-def test_profile_defaults_table_matches_the_code():
+def test_defaults_tables_match_the_code():
     profile = korvo.KORVOProfile()
-    rows = _table_rows("## `korvo.KORVOProfile`")
     checked = 0
-    for names, cells in rows.items():
+    for names, cells in _table_rows("## `korvo.KORVOProfile`").items():
         if names in (("ht", "wiener"),):
             continue
         values = [v.strip() for v in re.split(r",\s*(?![^()]*\))", cells[0].strip("`"))]
@@ -67,10 +66,7 @@ def test_profile_defaults_table_matches_the_code():
             assert getattr(profile, name) == _table_value(value), name
             checked += 1
     assert checked == len(profile._defaults) - 2
-
-
-def test_stage_defaults_table_matches_the_code():
-    profile = korvo.KORVOProfile()
+    # The stage table: a column per stage, "same" for the first's value.
     rows = _table_rows("`StageProfile` (`profile.ht`, `profile.wiener`)")
     assert {n for (n,) in rows} == set(profile.ht._defaults)
     for (name,), cells in rows.items():
