@@ -167,16 +167,14 @@ NOISE = np.random.default_rng(0).standard_normal((20, 20, 20))
     ((np.ones((20, 20, 20), dtype=complex),), {}, TypeError, "real"),
     ((np.ones(50),), {}, ValueError, "2-D or 3-D"),
     ((np.ones((20, 20)), (8, 8, 8)), {}, ValueError, "shape"),
-    ((np.ones((20, 20, 3)),), {}, ValueError, "at least 4"),
-    ((NOISE[:3, :3, :3],), {}, ValueError, "at least 4"),
-    ((np.full((1, 1), 0.5),), {}, ValueError, "at least 4"),  # both gave a PSD
+    *[((data,), {}, ValueError, "at least 4")  # the last two gave a PSD
+      for data in (np.ones((20, 20, 3)), NOISE[:3, :3, :3], np.full((1, 1), 0.5))],
     ((NOISE * 1e30,), {}, ValueError, "single precision"),  # gave infinities
     ((np.ones((20, 20, 20)),), {"mask": np.ones((20, 20))}, ValueError, "mask has shape"),
     ((np.ones((20, 20, 20)),), {"mask": np.ones((20, 20, 20), complex)}, TypeError, "mask"),
     ((np.ones((20, 20, 20)),), {"mask": np.zeros((20, 20, 20))}, ValueError, "at least 128"),
     ((NOISE,), {"mask": np.pad(np.ones((3, 3, 3), bool), (0, 17))}, ValueError, "marks 27 voxels"),
-    ((np.ones((20, 20, 20)),), {}, ValueError, "non-constant"),
-    ((np.ones((30, 30)),), {}, ValueError, "non-constant"),
+    *[((np.ones(shape),), {}, ValueError, "non-constant") for shape in ((20, 20, 20), (30, 30))],
 ])
 def test_errors(args, kwargs, error, words):
     with pytest.raises(error, match=words):
