@@ -30,10 +30,15 @@ def run_script(body, timeout=300, **kwargs):
     return run
 
 
+def denoise(*arguments):
+    """The exit status of korvo denoise ARGUMENTS (paths may be Path objects)."""
+    from korvo import cli
+    return cli.main(["denoise"] + [str(a) for a in arguments])
+
+
 def refused(capsys, arguments, words):
     """korvo denoise ARGUMENTS exits 2 with one line that holds WORDS."""
-    from korvo import cli
-    assert cli.main(["denoise", "-q"] + [str(a) for a in arguments]) == 2, arguments
+    assert denoise("-q", *arguments) == 2, arguments
     err = capsys.readouterr().err.strip()
     assert err.startswith("korvo: error:") and words in err and "\n" not in err, (arguments, err)
 

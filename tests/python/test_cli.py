@@ -13,7 +13,7 @@ import pytest
 import korvo
 from korvo import cli
 from korvo._png import read_png
-from conftest import fast, psnr, refused
+from conftest import denoise, fast, psnr, refused
 
 # The command-line form of conftest.fast()
 FAST = ["--set", "ht.search_window=3,3,2", "--set", "wiener.search_window=3,3,2", "--threads", "1",
@@ -36,7 +36,7 @@ def test_npy_round_trip_sigma_psd_and_estimate(tmp_path, noisy_volume):
     for name, extra in (("sigma", ["--sigma", "0.1"]), ("psd", ["--psd", str(psd_file)]),
                         ("estimated", [])):
         out = tmp_path / f"out-{name}.npy"
-        assert cli.main(["denoise", str(source), str(out)] + extra + FAST) == 0
+        assert denoise(source, out, *extra, *FAST) == 0
         outputs[name] = np.load(out)
         assert outputs[name].shape == noisy.shape and outputs[name].dtype == np.float32
         assert psnr(outputs[name], clean) > psnr(noisy, clean) + 4
@@ -63,7 +63,7 @@ def test_nifti_keeps_orientation_and_header_and_loops_over_time(tmp_path, noisy_
     for name, data in (("in.nii", noisy), ("in.nii.gz", noisy), ("series.nii.gz", series)):
         source, out = tmp_path / name, tmp_path / f"out-{name}"
         nib.save(nib.Nifti1Image(data.T, affine), source)
-        assert cli.main(["denoise", str(source), str(out), "--sigma", "0.1"] + FAST) == 0
+        assert denoise(source, out, "--sigma", "0.1", *FAST) == 0
         image = nib.load(out)
         np.testing.assert_allclose(image.affine, affine, rtol=1e-6)
         result = np.asarray(image.dataobj).T  # back to (slices, rows, columns)
@@ -98,7 +98,7 @@ def test_tiff_axes_and_calibration_are_kept(tmp_path, name, axes, shape, options
     noisy = (0.5 + 0.1 * rng.standard_normal(shape)).astype(np.float32)
     source, out = tmp_path / "in.tif", tmp_path / "out.tiff"
     tifffile.imwrite(source, noisy, **options)
-    assert cli.main(["denoise", str(source), str(out), "--sigma", "0.1"] + FAST) == 0
+    assert denoise(source, out, "--sigma", "0.1", *FAST) == 0
     with tifffile.TiffFile(out) as tif:
         assert tif.series[0].axes == axes
         result = tif.series[0].asarray()
@@ -146,18 +146,17 @@ def test_output_is_checked_first_and_written_whole(tmp_path, noisy_volume, monke
         def failing(*args, **kwargs):
             raise error
         monkeypatch.setattr(cli, "korvo", failing)
-        assert cli.main(["denoise", str(source), str(existing), "--sigma", "1", "-f"]) == code
+        assert denoise(source, existing, "--sigma", "1", "-f") == code
         np.testing.assert_array_equal(np.load(existing), np.zeros(3))  # the old file survives
         assert _names(tmp_path) == before  # and no temporary is left
     monkeypatch.setattr(cli, "korvo", lambda z, **kw: z.astype(np.float32) + np.float32(1))
-    assert cli.main(["denoise", str(source), str(existing), "--sigma", "1", "-f", "-q"]) == 0
+    assert denoise(source, existing, "--sigma", "1", "-f", "-q") == 0
     np.testing.assert_array_equal(np.load(existing), noisy + 1)
     assert _names(tmp_path) == before
     os.symlink(existing, tmp_path / "pointer.npy")  # written through, the link kept
     for extra in ([], ["--chunks", "8"]):
         np.save(existing, np.zeros(3))
-        assert cli.main(["denoise", str(source), str(tmp_path / "pointer.npy"), "--sigma", "1",
-                         "-f", "-q"] + extra) == 0
+        assert denoise(source, tmp_path / "pointer.npy", "--sigma", "1", "-f", "-q", *extra) == 0
         assert (tmp_path / "pointer.npy").is_symlink()
         np.testing.assert_allclose(np.load(existing), noisy + 1, atol=1e-6)
 
@@ -177,8 +176,8 @@ def test_dtype_keep_rounds_and_clips(tmp_path, monkeypatch):
             (np.float64, "keep", (ramp.astype(np.float32) + np.float32(0.6)).astype(np.float64))):
         source, out = tmp_path / "in.npy", tmp_path / f"out-{option}.npy"
         np.save(source, ramp.astype(dtype))
-        assert cli.main(["denoise", str(source), str(out), "--sigma", "1", "--dtype", option,
-                         "-q", "-f", "--threads", "0"]) == 0
+        assert denoise(source, out, "--sigma", "1", "--dtype", option, "-q", "-f",
+                       "--threads", "0") == 0
         result = np.load(out)
         assert result.dtype == expected.dtype
         np.testing.assert_array_equal(result, expected)
@@ -189,8 +188,8 @@ def test_dtype_keep_rounds_and_clips(tmp_path, monkeypatch):
     scaled = nib.Nifti1Image(ramp.astype(np.int16), np.eye(4))
     scaled.header.set_slope_inter(0.5, 10.0)
     nib.save(scaled, tmp_path / "in.nii")
-    assert cli.main(["denoise", str(tmp_path / "in.nii"), str(tmp_path / "out.nii"), "--sigma",
-                     "1", "--dtype", "keep", "-q"]) == 0
+    assert denoise(tmp_path / "in.nii", tmp_path / "out.nii", "--sigma", "1", "--dtype", "keep",
+                   "-q") == 0
     result = nib.load(tmp_path / "out.nii")
     assert result.get_data_dtype() == np.int16
     assert (result.dataobj.slope, result.dataobj.inter) == (0.5, 10.0)
@@ -239,7 +238,7 @@ def test_sigma_map_and_shared_groups(tmp_path, capsys):
     np.save(map_file, level.astype(np.float32))
     for option, noise_map in ((str(map_file), level.astype(np.float32)),
                               ("auto", korvo.estimate_sigma_map(noisy))):
-        assert cli.main(["denoise", str(source), str(out), "-f", "--sigma-map", option] + FAST) == 0
+        assert denoise(source, out, "-f", "--sigma-map", option, *FAST) == 0
         np.testing.assert_allclose(np.load(out), korvo.korvo(noisy, sigma=noise_map,
                                                              profile=fast()), atol=1e-4)
     # Channels (TIFF C) filtered with the groups of the first one, or of their mean.
@@ -248,8 +247,7 @@ def test_sigma_map_and_shared_groups(tmp_path, capsys):
     source, out = tmp_path / "in.tif", tmp_path / "out.tif"
     tifffile.imwrite(source, stack, metadata={"axes": "CZYX"})
     for option, shared in (("first", 0), ("mean", "mean"), ("1", 1)):
-        assert cli.main(["denoise", str(source), str(out), "-f", "--sigma", "0.1",
-                         "--shared-groups", option] + FAST) == 0
+        assert denoise(source, out, "-f", "--sigma", "0.1", "--shared-groups", option, *FAST) == 0
         expected = korvo.korvo(stack, 0.1, channel_axis=0, shared_groups=shared, profile=fast())
         np.testing.assert_allclose(tifffile.imread(out), expected, atol=1e-4)
     capsys.readouterr()
@@ -258,8 +256,8 @@ def test_sigma_map_and_shared_groups(tmp_path, capsys):
     counts = (2 * rng.poisson(20 * clean) + 100).astype(np.uint16)
     source, out = tmp_path / "counts.npy", tmp_path / "counts_out.npy"
     np.save(source, counts)
-    assert cli.main(["denoise", str(source), str(out), "--noise", "poisson-gaussian", "--gain", "2",
-                     "--offset", "100"] + FAST) == 0
+    assert denoise(source, out, "--noise", "poisson-gaussian", "--gain", "2", "--offset", "100",
+                   *FAST) == 0
     np.testing.assert_allclose(np.load(out), korvo.korvo(counts, noise="poisson-gaussian", gain=2.0,
                                                          offset=100.0, profile=fast()), atol=1e-4)
     refused(capsys, [source, out, "-f", "--noise", "rician", "--psd", "auto"], "--noise rician")
@@ -299,7 +297,7 @@ def test_2d_image_and_estimate_command(tmp_path, capsys):
     clean = korvo.phantom((40, 40))
     source, out = tmp_path / "img.npy", tmp_path / "out.npy"
     np.save(source, clean + 0.05 * rng.standard_normal(clean.shape))
-    assert cli.main(["denoise", str(source), str(out), "--stages", "ht", "-q"]) == 0
+    assert denoise(source, out, "--stages", "ht", "-q") == 0
     assert np.load(out).shape == clean.shape
     assert cli.main(["estimate", str(source)]) == 0
     assert float(capsys.readouterr().out) == pytest.approx(0.05, rel=0.3)

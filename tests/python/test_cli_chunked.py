@@ -9,9 +9,9 @@ import numpy as np
 import pytest
 
 import korvo
-from korvo import chunked, cli
+from korvo import chunked
 from korvo.io import read_volume
-from conftest import fast, refused
+from conftest import denoise, fast, refused
 
 da = pytest.importorskip("dask.array")
 zarr = pytest.importorskip("zarr")
@@ -49,8 +49,7 @@ def test_round_trips_equal_the_in_memory_call(tmp_path, noisy):
         ("in.npy", "out-z.zarr", [], lambda p: zarr.open_array(str(p), mode="r")[:]),
     ]
     for source, out, extra, load in cases:
-        args = ["denoise", str(tmp_path / source), str(tmp_path / out), "--sigma", "0.1"]
-        assert cli.main(args + extra + FAST) == 0, (source, out)
+        assert denoise(tmp_path / source, tmp_path / out, "--sigma", "0.1", *extra, *FAST) == 0, out
         if load is None:
             file, name = out.split(":")
             with h5py.File(tmp_path / file, "r") as f:
@@ -81,8 +80,7 @@ def test_ome_zarr_keeps_axes_and_scale_of_level_zero(tmp_path, noisy, fmt):
     group.create_array("s0", shape=series.shape, chunks=(1, 1, 10, 18, 32), dtype="f4")[:] = series
     group.create_array("s1", shape=(2, 1, 10, 18, 16), dtype="f4")
     out = tmp_path / "out.zarr"
-    assert cli.main(["denoise", str(tmp_path / "in.zarr"), str(out), "--sigma", "0.1"]
-                    + FAST) == 0
+    assert denoise(tmp_path / "in.zarr", out, "--sigma", "0.1", *FAST) == 0
     written = zarr.open_group(str(out), mode="r")
     attrs = json.loads(json.dumps(dict(written.attrs)))
     kept = attrs["ome"]["multiscales"][0] if fmt == 3 else attrs["multiscales"][0]
@@ -151,8 +149,8 @@ def test_memory_is_bounded_by_chunks_not_the_volume(tmp_path, monkeypatch):
     sampler = threading.Thread(target=sample, daemon=True)
     sampler.start()
     try:
-        assert cli.main(["denoise", str(tmp_path / "in.zarr"), str(tmp_path / "out.zarr"),
-                         "--sigma", "1", "--stages", "ht", "--dtype", "keep", "-q"]) == 0
+        assert denoise(tmp_path / "in.zarr", tmp_path / "out.zarr", "--sigma", "1", "--stages",
+                       "ht", "--dtype", "keep", "-q") == 0
     finally:
         done.set()
         sampler.join(timeout=60)
