@@ -134,6 +134,7 @@ def test_output_is_checked_first_and_written_whole(tmp_path, noisy_volume, monke
     monkeypatch.setattr(cli, "korvo", never)
     for output, extra, words in [("o.png", [], ".npy"), ("missing/o.npy", [], "does not exist"),
                                  ("dangling.npy", [], "missing does not exist"),
+                                 ("in.npy/o.npy", [], "in.npy is a file, not a folder"),
                                  ("old.npy", [], "--force"),
                                  ("sub/hard.npy", ["--force"], "input file itself"),
                                  ("link.npy", ["--force"], "input file itself"),
@@ -260,6 +261,12 @@ def test_sigma_map_and_shared_groups(tmp_path, capsys):
                    *FAST) == 0
     np.testing.assert_allclose(np.load(out), korvo.korvo(counts, noise="poisson-gaussian", gain=2.0,
                                                          offset=100.0, profile=fast()), atol=1e-4)
+    # Parameters the model estimates are printed (they went unreported), except with -q.
+    capsys.readouterr()
+    for quiet in (False, True):
+        loud = FAST[:-1]  # without its -q
+        assert denoise(source, out, "-f", "--noise", "poisson-gaussian", *loud, *["-q"] * quiet) == 0
+        assert ("estimated photon noise: gain" in capsys.readouterr().err) != quiet
     refused(capsys, [source, out, "-f", "--noise", "rician", "--psd", "auto"], "--noise rician")
 
 
