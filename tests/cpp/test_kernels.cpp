@@ -15,29 +15,11 @@
 #include <vector>
 
 #include "Kernels.h"
-#include "korvo/korvo.h"
+#include "helpers.h"
 #include "support.h"
 
-namespace {
 // The automatic choice, when it is not the baseline set.
-bool fasterSetChosen() { return std::string(korvo_detail::activeKernelName()) != "baseline"; }
-
-struct Outputs {
-    std::vector<float> basic, final;
-};
-
-Outputs bothStages(const Parameters& p, const std::vector<float>& noisy, const std::vector<float>& psd) {
-    Outputs o{std::vector<float>(noisy.size(), 0.0f), std::vector<float>(noisy.size(), 0.0f)};
-    Parameters first = p, second = p;
-    korvoInterfaceHT(noisy.data(), psd.data(), &first, nullptr, o.basic.data(), nullptr);
-    korvoInterfaceWie(noisy.data(), psd.data(), &second, nullptr, o.basic.data(), o.final.data(), nullptr);
-    return o;
-}
-
-bool sameBits(const std::vector<float>& a, const std::vector<float>& b) {
-    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
-}
-}  // namespace
+static bool fasterSetChosen() { return std::string(korvo_detail::activeKernelName()) != "baseline"; }
 
 TEST(Kernels, ForcingTheBaselineSet) {
     const std::string chosen = korvo_detail::activeKernelName();
@@ -54,30 +36,23 @@ TEST(Kernels, ForcingTheBaselineSet) {
 // the order in which workers add into shared voxels varies from run to run.
 TEST(Kernels, StagesGiveTheSameBitsOnEverySet) {
     if (!fasterSetChosen()) GTEST_SKIP() << "only the baseline kernels run here";
-    struct Case {
-        Vec3<int> size;
-        bool coloured;
-    };
+    struct Case { Vec3<int> size; bool coloured; };
     const Case cases[] = {{{28, 24, 20}, false}, {{28, 24, 20}, true}, {{64, 56, 1}, false}, {{64, 56, 1}, true}};
     for (const Case& c : cases) {
-        const size_t count = static_cast<size_t>(c.size.volume());
         const float sigma = 0.1f;
         std::vector<float> psd{sigma * sigma};
         const std::vector<float> noise = c.coloured
                                              ? korvo_phantom::colouredNoise(c.size.x, c.size.y, c.size.z, sigma, 5, psd)
-                                             : korvo_phantom::whiteNoise(count, sigma, 5);
+                                             : korvo_phantom::whiteNoise(size_t(c.size.volume()), sigma, 5);
         const std::vector<float> noisy =
             korvo_phantom::addNoise(korvo_phantom::volume(c.size.x, c.size.y, c.size.z), noise);
         Parameters p = korvo_phantom::exampleParameters(c.size);
         p.numThreads = 1;
-        if (c.coloured) {
-            p.psdSize = c.size;
-            p.matchVarianceWeight = 1.0f;
-        }
+        if (c.coloured) p.psdSize = c.size, p.matchVarianceWeight = 1.0f;
         const std::string what = std::to_string(c.size.z) + (c.coloured ? " coloured" : " white");
-        const Outputs fast = bothStages(p, noisy, psd);
+        const StageResults fast = bothStages(noisy, psd, p);
         korvo_detail::forceBaselineKernels(true);
-        const Outputs base = bothStages(p, noisy, psd);
+        const StageResults base = bothStages(noisy, psd, p);
         korvo_detail::forceBaselineKernels(false);
         EXPECT_TRUE(sameBits(fast.basic, base.basic)) << what;
         EXPECT_TRUE(sameBits(fast.final, base.final)) << what;
@@ -86,25 +61,12 @@ TEST(Kernels, StagesGiveTheSameBitsOnEverySet) {
 }
 
 namespace {
-std::uint32_t bitsOf(float f) {
-    std::uint32_t u;
-    std::memcpy(&u, &f, sizeof u);
-    return u;
-}
-
-float fromBits(std::uint32_t u) {
-    float f;
-    std::memcpy(&f, &u, sizeof f);
-    return f;
-}
+std::uint32_t bitsOf(float f) { std::uint32_t u; std::memcpy(&u, &f, sizeof u); return u; }
+float fromBits(std::uint32_t u) { float f; std::memcpy(&f, &u, sizeof f); return f; }
 
 struct Triples {
     std::vector<float> a, b, c;
-    void add(float x, float y, float z) {
-        a.push_back(x);
-        b.push_back(y);
-        c.push_back(z);
-    }
+    void add(float x, float y, float z) { a.push_back(x), b.push_back(y), c.push_back(z); }
 };
 
 using Rng = std::mt19937_64;
@@ -234,11 +196,8 @@ TEST(Kernels, FusedMultiplyAddRoundsOnceOnEverySet) {
                 std::optional<FlushSubnormals> modes;
                 if (flush) modes.emplace();
                 base.fusedRows(t.a.data(), t.b.data(), t.c.data(), got.data(), n);
-                if (hardware) {
-                    reference.fusedRows(t.a.data(), t.b.data(), t.c.data(), want.data(), n);
-                } else {
-                    for (long i = 0; i < n; ++i) want[i] = std::fma(t.a[i], t.b[i], t.c[i]);
-                }
+                if (hardware) reference.fusedRows(t.a.data(), t.b.data(), t.c.data(), want.data(), n);
+                else for (long i = 0; i < n; ++i) want[i] = std::fma(t.a[i], t.b[i], t.c[i]);
                 for (long i = 0; i < n; ++i)
                     doubled[i] = static_cast<float>(static_cast<double>(t.a[i]) * t.b[i] + t.c[i]);
             }

@@ -1,0 +1,62 @@
+// Helpers shared by the C++ test files.
+#pragma once
+
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "korvo/korvo.h"
+
+// `count` values uniform in [lo, hi), drawn from `rng` or from a fresh generator seeded with `seed`.
+inline std::vector<float> randomValues(size_t count, std::mt19937& rng, float lo = -1.0f, float hi = 1.0f) {
+    std::uniform_real_distribution<float> u(lo, hi);
+    std::vector<float> v(count);
+    for (float& x : v) x = u(rng);
+    return v;
+}
+inline std::vector<float> randomValues(size_t count, unsigned seed, float lo = -1.0f, float hi = 1.0f) {
+    std::mt19937 rng(seed);
+    return randomValues(count, rng, lo, hi);
+}
+
+inline bool sameBits(const std::vector<float>& a, const std::vector<float>& b) {
+    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
+}
+
+struct StageResults {
+    std::vector<float> basic, final;
+};
+
+// Both stages, the way a wrapper drives them; `psd` has extents p.psdSize.
+inline StageResults bothStages(const std::vector<float>& noisy, const std::vector<float>& psd, const Parameters& p,
+                               BlockMatchStorage* storage = nullptr) {
+    StageResults r{std::vector<float>(noisy.size(), 0.0f), std::vector<float>(noisy.size(), 0.0f)};
+    Parameters first = p, second = p;
+    korvoInterfaceHT(noisy.data(), psd.data(), &first, nullptr, r.basic.data(), storage);
+    korvoInterfaceWie(noisy.data(), psd.data(), &second, nullptr, r.basic.data(), r.final.data(), storage);
+    return r;
+}
+
+// A match storage of `rows` rows of `entries` matches, plus guard rows that the stage must leave alone.
+struct MatchStorage {
+    static constexpr int kGuard = 3;
+    std::vector<int> counts;
+    std::vector<Vec3<int>> positions, relative;
+    BlockMatchStorage record{};
+    MatchStorage(long rows, int entries)
+        : counts(size_t(rows + kGuard), -7), positions(counts.size() * size_t(entries), Vec3<int>{-7, -7, -7}),
+          relative(positions.size()) {
+        record = {entries, counts.data(), positions.data(), relative.data(), 0, 0};
+    }
+    // A copy whose record points at its own arrays.
+    MatchStorage(const MatchStorage& o) : counts(o.counts), positions(o.positions), relative(o.relative), record(o.record) {
+        record.counts = counts.data();
+        record.positions = positions.data();
+        record.relativePositions = relative.data();
+    }
+    bool guardsIntact(long rows) const {
+        for (size_t r = size_t(rows); r < counts.size(); ++r)
+            if (counts[r] != -7) return false;
+        return true;
+    }
+};
