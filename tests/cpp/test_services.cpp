@@ -10,7 +10,7 @@
 
 #include "KORVO.h"
 #include "korvo/Threading.h"
-#include "korvo/korvo.h"
+#include "helpers.h"
 #include "support.h"
 
 namespace {
@@ -28,26 +28,6 @@ Parameters defaults(const Vec3<int>& size, int stage = 0, float sigma = 0.1f) {
     korvoDefaultParameters(&p, stage, size, sigma);
     return p;
 }
-
-// A match storage with room for the rows the services ask for, plus guard rows.
-struct Storage {
-    static constexpr int kGuard = 3;
-    std::vector<int> counts;
-    std::vector<Vec3<int>> positions, relative;
-    BlockMatchStorage record{};
-    Storage(long rows, int entries)
-        : counts(static_cast<size_t>(rows + kGuard), -7),
-          positions(counts.size() * static_cast<size_t>(entries), Vec3<int>{-7, -7, -7}),
-          relative(positions.size()) {
-        record = {entries, counts.data(), positions.data(), relative.data(), 0, 0};
-    }
-    bool guardsIntact(long rows) const {
-        for (size_t r = static_cast<size_t>(rows); r < counts.size(); ++r) {
-            if (counts[r] != -7) return false;
-        }
-        return true;
-    }
-};
 
 korvo_detail::StageStatus runHT(const std::vector<float>& noisy, Parameters p, std::vector<float>& out,
                                 BlockMatchStorage* storage = nullptr) {
@@ -172,7 +152,7 @@ TEST(CheckParameters, EveryAcceptedRecordRuns) {
         ++accepted;
         SCOPED_TRACE(testing::Message() << "trial " << trial);
         const auto scene = korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, static_cast<unsigned>(trial));
-        Storage storage(korvoMatchStorageRows(&p), p.maxGroupSize);
+        MatchStorage storage(korvoMatchStorageRows(&p), p.maxGroupSize);
         std::vector<float> basic, replayed;
         ASSERT_EQ(runHT(scene.noisy, p, basic, &storage.record), korvo_detail::StageStatus::Completed);
         EXPECT_TRUE(storage.guardsIntact(korvoMatchStorageRows(&p)));
@@ -222,7 +202,7 @@ TEST(MatchStorageRows, CoverEveryRowTheStageWrites) {
         }
         const long rows = korvoMatchStorageRows(&p);
         ASSERT_GT(rows, 0);
-        Storage storage(rows, p.maxGroupSize);
+        MatchStorage storage(rows, p.maxGroupSize);
         std::vector<float> out;
         ASSERT_EQ(runHT(korvo_phantom::volume(c.size.x, c.size.y, c.size.z), p, out, &storage.record),
                   korvo_detail::StageStatus::Completed);
@@ -239,7 +219,7 @@ TEST(CheckMatchStorage, RefusesStoragesTheReplayCannotRead) {
     p.numThreads = 1;
     p.splitBlockExtraction[2] = true;
     const long rows = korvoMatchStorageRows(&p);
-    Storage recorded(rows, p.maxGroupSize);
+    MatchStorage recorded(rows, p.maxGroupSize);
     std::vector<float> out;
     ASSERT_EQ(runHT(korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, 1).noisy, p, out, &recorded.record),
               korvo_detail::StageStatus::Completed);
@@ -257,23 +237,21 @@ TEST(CheckMatchStorage, RefusesStoragesTheReplayCannotRead) {
     const size_t first = start(row);
     const struct {
         const char* what;  // in the reason
-        std::function<void(Storage&, Parameters&)> change;
+        std::function<void(MatchStorage&, Parameters&)> change;
     } cases[] = {
-        {"blocks", [&](Storage& s, Parameters&) { s.counts[static_cast<size_t>(row)] = 3; }},
-        {"blocks", [&](Storage& s, Parameters&) { s.counts[static_cast<size_t>(row)] = 0; }},
-        {"blocks", [&](Storage&, Parameters& q) { q.maxGroupSize = 2; }},
-        {"not a block position", [&](Storage& s, Parameters&) { s.positions[first + 1].x = size.x - 3; }},
-        {"not a block position", [&](Storage& s, Parameters&) { s.positions[first + 1].y = -1; }},
-        {"search window", [&](Storage& s, Parameters&) { s.positions[first + 1].z = 10; }},
-        {"relative position", [&](Storage& s, Parameters&) { s.relative[first].x += 1; }},
-        {"entriesPerReference", [&](Storage& s, Parameters&) { s.record.entriesPerReference = 0; }},
-        {"reports", [&](Storage& s, Parameters&) { s.record.rows = static_cast<int>(rows) + 1; }},
-        {"counts", [&](Storage& s, Parameters&) { s.record.counts = nullptr; }},
+        {"blocks", [&](MatchStorage& s, Parameters&) { s.counts[static_cast<size_t>(row)] = 3; }},
+        {"blocks", [&](MatchStorage& s, Parameters&) { s.counts[static_cast<size_t>(row)] = 0; }},
+        {"blocks", [&](MatchStorage&, Parameters& q) { q.maxGroupSize = 2; }},
+        {"not a block position", [&](MatchStorage& s, Parameters&) { s.positions[first + 1].x = size.x - 3; }},
+        {"not a block position", [&](MatchStorage& s, Parameters&) { s.positions[first + 1].y = -1; }},
+        {"search window", [&](MatchStorage& s, Parameters&) { s.positions[first + 1].z = 10; }},
+        {"relative position", [&](MatchStorage& s, Parameters&) { s.relative[first].x += 1; }},
+        {"entriesPerReference", [&](MatchStorage& s, Parameters&) { s.record.entriesPerReference = 0; }},
+        {"reports", [&](MatchStorage& s, Parameters&) { s.record.rows = static_cast<int>(rows) + 1; }},
+        {"counts", [&](MatchStorage& s, Parameters&) { s.record.counts = nullptr; }},
     };
     for (const auto& c : cases) {
-        Storage copy = recorded;
-        copy.record = {p.maxGroupSize, copy.counts.data(), copy.positions.data(), copy.relative.data(),
-                       recorded.record.rows, 1};
+        MatchStorage copy = recorded;
         Parameters q = p;
         c.change(copy, q);
         char message[256] = "";
@@ -298,10 +276,13 @@ TEST(CollectionBytes, WholeBandsOnceSplitBandsPerWorker) {
     EXPECT_EQ(korvoMatchStorageRows(&p), 0);
 }
 
-TEST(StageStatus, ThreadStartFailureLeavesThePoolReusable) {
-    const Vec3<int> size{16, 16, 12};
-    const auto scene = korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, 2);
-    Parameters p = defaults(size);
+class StageStatus : public testing::Test {
+protected:
+    const korvo_phantom::Scene scene = korvo_phantom::whiteNoiseScene(16, 16, 12, 0.1f, 2);
+    Parameters p = defaults({16, 16, 12});
+};
+
+TEST_F(StageStatus, ThreadStartFailureLeavesThePoolReusable) {
     p.numThreads = 4;
     std::vector<float> reference, failed, again;
     ASSERT_EQ(runHT(scene.noisy, p, reference), korvo_detail::StageStatus::Completed);
@@ -324,10 +305,7 @@ TEST(StageStatus, ThreadStartFailureLeavesThePoolReusable) {
     EXPECT_EQ(runHT(scene.noisy, p, again), korvo_detail::StageStatus::Completed);
 }
 
-TEST(StageStatus, CancelAndMemoryFailuresAreToldApart) {
-    const Vec3<int> size{16, 16, 12};
-    const auto scene = korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, 2);
-    Parameters p = defaults(size);
+TEST_F(StageStatus, CancelAndMemoryFailuresAreToldApart) {
     std::vector<float> out;
     korvo_detail::StageMonitor monitor;
     monitor.cancel.store(true);
