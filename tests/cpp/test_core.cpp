@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <mutex>
 #include <thread>
@@ -52,18 +53,16 @@ Parameters memoryParams() {
     p.varianceGroupLimit = 4;
     return p;
 }
+std::array<int, 4> dims(const Vec4i& v) { return {v.x, v.y, v.z, v.w}; }
+using Dims = std::array<int, 4>;
 }  // namespace
 
 TEST(WorkingMemory, SizesFollowParameters) {
     Parameters p = memoryParams();
     Memory<float> m = allocateMemory<float>(p);
     ASSERT_TRUE(m.allocated);
-    for (const Cube4D<float>* c : {&m.groupSpectrum, &m.noisySpectrum, &m.estimate, &m.variances}) {
-        EXPECT_EQ(c->size.x, 4);
-        EXPECT_EQ(c->size.y, 4);
-        EXPECT_EQ(c->size.z, 4);
-        EXPECT_EQ(c->size.w, 16);
-    }
+    for (const Cube4D<float>* c : {&m.groupSpectrum, &m.noisySpectrum, &m.estimate, &m.variances})
+        EXPECT_EQ(dims(c->size), (Dims{4, 4, 4, 16}));
     EXPECT_EQ(m.stackSize, 0);
     EXPECT_EQ(m.varianceExtents, (Vec3<int>{0, 0, 0}));
 
@@ -71,10 +70,7 @@ TEST(WorkingMemory, SizesFollowParameters) {
     ASSERT_TRUE(t.allocated);
     EXPECT_EQ(t.maxDimension, 8);
     // The half-spectrum cube lists z first, then y, then the halved x.
-    EXPECT_EQ(t.halfSpectrum.size.x, 8);
-    EXPECT_EQ(t.halfSpectrum.size.y, 8);
-    EXPECT_EQ(t.halfSpectrum.size.z, 5);
-    EXPECT_EQ(t.halfSpectrum.size.w, 16);
+    EXPECT_EQ(dims(t.halfSpectrum.size), (Dims{8, 8, 5, 16}));
     EXPECT_EQ(t.spectrum.size.x, 8);
     EXPECT_EQ(t.spectrum.size.w, 16);
 
@@ -121,15 +117,12 @@ TEST_F(PoolTest, EveryIndexRunsExactlyOnce) {
         EXPECT_EQ(ThreadPool::THREAD_POOL.getNumThreads(), n);
         for (int round = 0; round < 20; ++round) {
             std::vector<std::atomic<int>> hits(static_cast<size_t>(n));
-            std::vector<int> payload(static_cast<size_t>(n), 0);
+            std::vector<int> payload(size_t(n), 0);
             ThreadPool::THREAD_POOL.newLoopJob([&](int i) {
-                hits[static_cast<size_t>(i)].fetch_add(1);
-                payload[static_cast<size_t>(i)] = i * i;  // plain writes must be visible after return
+                hits[size_t(i)].fetch_add(1);
+                payload[size_t(i)] = i * i;  // plain writes must be visible after return
             });
-            for (int i = 0; i < n; ++i) {
-                EXPECT_EQ(hits[static_cast<size_t>(i)].load(), 1);
-                EXPECT_EQ(payload[static_cast<size_t>(i)], i * i);
-            }
+            for (int i = 0; i < n; ++i) EXPECT_TRUE(hits[size_t(i)].load() == 1 && payload[size_t(i)] == i * i) << i;
         }
         ThreadPool::THREAD_POOL.clearPool();
     }
@@ -138,25 +131,16 @@ TEST_F(PoolTest, EveryIndexRunsExactlyOnce) {
 TEST_F(PoolTest, NestedLoopJobsRunSequentiallyInAscendingOrder) {
     ThreadPool::THREAD_POOL.launchPool(3);
     std::mutex m;
-    std::vector<std::vector<int>> orders(3);
-    std::vector<std::thread::id> innerThreads(3);
-    std::vector<bool> sameThread(3, true);
+    std::vector<std::vector<int>> orders(3);  // each outer index's inner indices, -1 for one on another thread
     ThreadPool::THREAD_POOL.newLoopJob([&](int outer) {
         const auto self = std::this_thread::get_id();
         std::vector<int> order;
-        bool same = true;
-        ThreadPool::THREAD_POOL.newLoopJob([&](int inner) {
-            order.push_back(inner);
-            same = same && std::this_thread::get_id() == self;
-        });
+        ThreadPool::THREAD_POOL.newLoopJob(
+            [&](int inner) { order.push_back(std::this_thread::get_id() == self ? inner : -1); });
         std::lock_guard<std::mutex> lock(m);
-        orders[static_cast<size_t>(outer)] = order;
-        sameThread[static_cast<size_t>(outer)] = same;
+        orders[size_t(outer)] = order;
     });
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(orders[static_cast<size_t>(i)], (std::vector<int>{0, 1, 2}));
-        EXPECT_TRUE(sameThread[static_cast<size_t>(i)]);
-    }
+    for (const auto& order : orders) EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
 }
 
 TEST_F(PoolTest, LaunchClearLaunchAndHardwareDefault) {
@@ -194,10 +178,6 @@ TEST_F(PoolTest, SingleThreadRunsOnCallerAndStoppedPoolStillWorks) {
 }
 
 TEST_F(PoolTest, SecondLaunchWithoutClearFails) {
-    EXPECT_DEATH(
-        {
-            ThreadPool::THREAD_POOL.launchPool(2);
-            ThreadPool::THREAD_POOL.launchPool(2);
-        },
-        "_threads.empty\\(\\)");
+    EXPECT_DEATH({ ThreadPool::THREAD_POOL.launchPool(2); ThreadPool::THREAD_POOL.launchPool(2); },
+                 "_threads.empty\\(\\)");
 }
