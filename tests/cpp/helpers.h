@@ -1,6 +1,7 @@
 // Helpers shared by the C++ test files.
 #pragma once
 
+#include <cmath>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -17,6 +18,23 @@ inline std::vector<float> randomValues(size_t count, std::mt19937& rng, float lo
 inline std::vector<float> randomValues(size_t count, unsigned seed, float lo = -1.0f, float hi = 1.0f) {
     std::mt19937 rng(seed);
     return randomValues(count, rng, lo, hi);
+}
+
+// out_k = sum_j M[k n + j] in_j along `axis` of a block of `shape` (x fastest), in double;
+// with `magnitude` the absolute values of M.
+inline std::vector<double> alongAxis(const std::vector<double>& in, const float* m, Vec3<int> shape, int axis,
+                                     bool magnitude = false) {
+    const int n = axis == 0 ? shape.x : axis == 1 ? shape.y : shape.z;
+    const int stride = axis == 0 ? 1 : axis == 1 ? shape.x : shape.x * shape.y;
+    std::vector<double> out(in.size());
+    for (size_t outer = 0; outer < in.size(); outer += size_t(n) * stride)
+        for (size_t base = outer; base < outer + size_t(stride); ++base)
+            for (int k = 0; k < n; ++k) {
+                double v = 0.0;
+                for (int j = 0; j < n; ++j) v += (magnitude ? std::fabs(m[k * n + j]) : m[k * n + j]) * in[base + j * stride];
+                out[base + k * stride] = v;
+            }
+    return out;
 }
 
 inline bool sameBits(const std::vector<float>& a, const std::vector<float>& b) {

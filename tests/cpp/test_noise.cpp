@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Kernels.h"
+#include "helpers.h"
 #include "common.h"
 #include "noise/covariance.h"
 #include "noise/psd.h"
@@ -18,13 +19,6 @@ using V3 = Vec3<int>;
 using Matrix = std::vector<float>;  // row-major n x n
 
 size_t volume(const V3& v) { return size_t(v.x) * v.y * v.z; }
-
-std::vector<float> randomValues(size_t count, std::mt19937& rng, float lo, float hi) {
-    std::uniform_real_distribution<float> u(lo, hi);
-    std::vector<float> v(count);
-    for (float& x : v) x = u(rng);
-    return v;
-}
 
 Matrix dctMatrix(int n) {
     Matrix m(size_t(n * n));
@@ -65,22 +59,6 @@ double power(const std::vector<Tap>& taps, const V3& f, const V3& g) {
         im += t.weight * std::sin(a);
     }
     return re * re + im * im;
-}
-
-// In place, x fastest: data_k = sum_j M[k n + j] data_j along `axis` of a block of `shape`.
-void productAlong(std::vector<double>& data, const V3& shape, int axis, const float* m) {
-    const int n = axis == 0 ? shape.x : axis == 1 ? shape.y : shape.z;
-    const int s = axis == 0 ? 1 : axis == 1 ? shape.x : shape.x * shape.y;
-    std::vector<double> line(size_t(n), 0.0);
-    for (int outer = 0; outer < int(data.size()); outer += n * s)
-        for (int base = outer; base < outer + s; ++base) {
-            for (int k = 0; k < n; ++k) {
-                double v = 0.0;
-                for (int j = 0; j < n; ++j) v += m[k * n + j] * data[base + j * s];
-                line[k] = v;
-            }
-            for (int k = 0; k < n; ++k) data[base + k * s] = line[k];
-        }
 }
 
 // Noise model arrays and scratch as the stage loop prepares them.
@@ -326,7 +304,11 @@ struct NoiseField {
     std::vector<double> white, field;
 
     size_t at(int x, int y, int z) const {
-        auto wrap = [](int v, int n) { return ((v % n) + n) % n; };
+        auto wrap = [](int v, int n) {  // no division: this is the simulation's hot spot
+            for (; v < 0; v += n) {}
+            for (; v >= n; v -= n) {}
+            return v;
+        };
         return size_t(wrap(x, grid.x) + grid.x * (wrap(y, grid.y) + grid.y * wrap(z, grid.z)));
     }
     // E|fftn(noise)|^2 = |fftn(kernel)|^2 * N for unit-variance white noise.
@@ -357,7 +339,7 @@ struct NoiseField {
         for (int z = 0; z < b.z; ++z)
             for (int y = 0; y < b.y; ++y)
                 for (int x = 0; x < b.x; ++x) block.push_back(field[at(p.x + x, p.y + y, p.z + z)]);
-        for (int axis = 0; axis < 3; ++axis) productAlong(block, b, axis, t[axis].data());
+        for (int axis = 0; axis < 3; ++axis) block = alongAxis(block, t[axis].data(), b, axis);
         out.insert(out.end(), block.begin(), block.end());
     }
 };
@@ -390,7 +372,7 @@ void checkAgainstSimulation(const Scenario& s) {
             const int n = int(s.groups[g].size());
             coefficients.clear();
             for (const V3& p : s.groups[g]) noise.blockTransform(p, s.block, s.t, coefficients);
-            productAlong(coefficients, {int(bcount), n, 1}, 1, haar[g].data());  // across the members
+            coefficients = alongAxis(coefficients, haar[g].data(), {int(bcount), n, 1}, 1);  // across the members
             for (size_t i = 0; i < coefficients.size(); ++i) groupSquares[g][i] += coefficients[i] * coefficients[i];
         }
         coefficients.clear();
