@@ -37,6 +37,16 @@ inline std::vector<double> alongAxis(const std::vector<double>& in, const float*
     return out;
 }
 
+using Matrix = std::vector<float>;  // row-major n x n
+
+// The orthonormal DCT-II matrix of n points.
+inline Matrix dctMatrix(int n) {
+    Matrix m(size_t(n * n));
+    for (int i = 0; i < n * n; ++i)
+        m[i] = float(std::sqrt((i < n ? 1.0 : 2.0) / n) * std::cos(M_PI * (2 * (i % n) + 1) * (i / n) / (2.0 * n)));
+    return m;
+}
+
 inline bool sameBits(const std::vector<float>& a, const std::vector<float>& b) {
     return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
 }

@@ -16,16 +16,8 @@
 
 namespace {
 using V3 = Vec3<int>;
-using Matrix = std::vector<float>;  // row-major n x n
 
 size_t volume(const V3& v) { return size_t(v.x) * v.y * v.z; }
-
-Matrix dctMatrix(int n) {
-    Matrix m(size_t(n * n));
-    for (int i = 0; i < n * n; ++i)
-        m[i] = float(std::sqrt((i < n ? 1.0 : 2.0) / n) * std::cos(M_PI * (2 * (i % n) + 1) * (i / n) / (2.0 * n)));
-    return m;
-}
 
 // Orthonormal Haar matrix of a power-of-two size: averages first, then differences.
 Matrix haarMatrix(int n) {
@@ -133,21 +125,17 @@ TEST(Psd, Resize) {
     ASSERT_NE(same.p, nullptr);
     for (size_t i = 0; i < psd.size(); ++i) EXPECT_NEAR(same.p[i], psd[i], 1e-5f * psd[i]) << i;
     // Up along each axis in turn: 1, 3 -> 1, 2, 3, 3 (no wrap to the first sample), times 4 / 2.
-    const V3 from[3] = {{2, 1, 1}, {1, 2, 1}, {1, 1, 2}}, to[3] = {{4, 1, 1}, {1, 4, 1}, {1, 1, 4}};
-    for (int axis = 0; axis < 3; ++axis) {
-        const float two[2] = {1.0f, 3.0f}, want[4] = {2.0f, 4.0f, 6.0f, 6.0f};
-        Owned out;
-        resizePSD(two, from[axis], to[axis], to[axis], out.p);
-        ASSERT_NE(out.p, nullptr);
-        for (int i = 0; i < 4; ++i) EXPECT_FLOAT_EQ(out.p[i], want[i]) << "axis " << axis << " i " << i;
-    }
     // Down by two in x and y: every output is the sample it lands on, times 1/4.
-    const float flat[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-    const float want[4] = {1.0f / 4, 3.0f / 4, 9.0f / 4, 11.0f / 4};
-    Owned down;
-    resizePSD(flat, {4, 4, 1}, {2, 2, 1}, {2, 2, 1}, down.p);
-    ASSERT_NE(down.p, nullptr);
-    for (int i = 0; i < 4; ++i) EXPECT_FLOAT_EQ(down.p[i], want[i]) << i;
+    const float two[2] = {1, 3}, up[4] = {2, 4, 6, 6}, flat[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+    const float down[4] = {1.0f / 4, 3.0f / 4, 9.0f / 4, 11.0f / 4};
+    const struct { V3 from, to; const float *in, *want; } cases[] = {{{2, 1, 1}, {4, 1, 1}, two, up},
+        {{1, 2, 1}, {1, 4, 1}, two, up}, {{1, 1, 2}, {1, 1, 4}, two, up}, {{4, 4, 1}, {2, 2, 1}, flat, down}};
+    for (const auto& c : cases) {
+        Owned out;
+        resizePSD(c.in, c.from, c.to, c.to, out.p);
+        ASSERT_NE(out.p, nullptr);
+        for (int i = 0; i < 4; ++i) EXPECT_FLOAT_EQ(out.p[i], c.want[i]) << c.to.x << "x" << c.to.y << "x" << c.to.z << " " << i;
+    }
 }
 
 TEST(Psd, K3fT3MatchesDirectComputationAndFoldsAlongX) {
