@@ -314,10 +314,10 @@ void fillCollection(BlockCollection<T>& coll, const V3& positions, long elements
 
 struct Candidate { float distance; V3 position; };
 
-// Every candidate of the window with its distance, in visiting order, then stable-sorted.
+// Every candidate of the window with its distance, in visiting order (x fastest).
 template <typename T>
-std::vector<Candidate> bruteForce(const BlockCollection<T>& coll, const float* corr, const V3& ref, const V3& block,
-                                  const V3& w, const V3& lo, const V3& hi) {
+std::vector<Candidate> visit(const BlockCollection<T>& coll, const float* corr, const V3& ref, const V3& block,
+                             const V3& w, const V3& lo, const V3& hi) {
     std::vector<Candidate> all;
     for (int z = lo.z; z <= hi.z; ++z)
         for (int y = lo.y; y <= hi.y; ++y)
@@ -327,44 +327,25 @@ std::vector<Candidate> bruteForce(const BlockCollection<T>& coll, const float* c
                 for (int e = 0; e < block.volume(); ++e) d += term(coll.getBlock({x, y, z})[e], coll.getBlock(ref)[e]);
                 all.push_back({d, {x, y, z}});
             }
-    std::stable_sort(all.begin(), all.end(), [](const Candidate& a, const Candidate& b) { return a.distance < b.distance; });
     return all;
 }
 
-// The search one candidate at a time on the standard queue, with its partial
-// checks: among equal distances, which candidates stay and in what order is
-// that queue's, and the fast search must keep to it.
+// The search one candidate at a time on the standard queue: among equal distances, which
+// candidates stay and in what order is that queue's, and the fast search must keep to it.
+// (The fast search's checks on partial sums decide the same: no term is negative.)
 template <typename T>
-std::vector<V3> plainMatches(const BlockCollection<T>& coll, const float* corr, const V3& ref, const V3& block,
-                             const V3& w, const V3& lo, const V3& hi, int maxGroupSize, int minReduceCount,
-                             float threshold) {
+std::vector<V3> plainMatches(const BlockCollection<T>& coll, const std::vector<Candidate>& visits, const V3& ref,
+                             int maxGroupSize, int minReduceCount, float threshold) {
     BlockQueue<T> queue;
-    const int v = block.volume(), quarter = v / 4, half = v / 2;
     const size_t capacity = size_t(std::max(maxGroupSize - 1, 0));
-    for (int z = lo.z; z <= hi.z && capacity > 0; ++z)
-        for (int y = lo.y; y <= hi.y; ++y)
-            for (int x = lo.x; x <= hi.x; ++x) {
-                const V3 p{x, y, z};
-                if (p == ref) continue;
-                const T* cand = coll.getBlock(p);
-                float d = -corr[((z - ref.z + w.z) * (2 * w.y + 1) + (y - ref.y + w.y)) * (2 * w.x + 1) + x - ref.x + w.x];
-                const auto add = [&](int from, int to) {
-                    for (int e = from; e < to; ++e) d += term(cand[e], coll.getBlock(ref)[e]);
-                };
-                if (queue.size() == capacity) {
-                    const float worst = queue.top().distance;
-                    add(0, quarter);
-                    if (d > worst) continue;
-                    add(quarter, half);
-                    if (d > worst) continue;
-                    add(half, v);
-                    if (!(d < worst)) continue;
-                    queue.pop();
-                } else {
-                    add(0, v);
-                }
-                queue.push({cand, d, p, p});
-            }
+    for (const Candidate& c : visits) {
+        if (capacity == 0) break;
+        if (queue.size() == capacity) {
+            if (!(c.distance < queue.top().distance)) continue;
+            queue.pop();
+        }
+        queue.push({coll.getBlock(c.position), c.distance, c.position, c.position});
+    }
     std::vector<BlockDistance<T>> out(size_t(maxGroupSize) + 1);
     V3 corner = ref;
     int count = 0;
@@ -384,7 +365,9 @@ void checkMatches(const BlockCollection<T>& coll, const V3& volume, const float*
     std::vector<BlockDistance<T>> out(maxGroupSize);
     int count = -1;
     getBlockMatches<T>(coll, corr, ref, block, w, lo, hi, maxGroupSize, minReduceCount, threshold, out.data(), count);
-    const auto all = bruteForce(coll, corr, ref, block, w, lo, hi);
+    const std::vector<Candidate> visits = visit(coll, corr, ref, block, w, lo, hi);
+    auto all = visits;
+    std::stable_sort(all.begin(), all.end(), [](const Candidate& a, const Candidate& b) { return a.distance < b.distance; });
     auto expected = all;  // the best maxGroupSize - 1 kept, then reduced worst first
     expected.resize(std::min<size_t>(all.size(), std::max(maxGroupSize - 1, 0)));
     while (minReduceCount > 0 && int(expected.size()) > minReduceCount - 1) {
@@ -406,8 +389,7 @@ void checkMatches(const BlockCollection<T>& coll, const V3& volume, const float*
         corner = {std::min(corner.x, m.position.x), std::min(corner.y, m.position.y), std::min(corner.z, m.position.z)};
     }
     for (int k = 0; k < count; ++k) EXPECT_EQ(out[k].relativePosition, out[k].position - corner);
-    const std::vector<V3> plain =
-        plainMatches(coll, corr, ref, block, w, lo, hi, maxGroupSize, minReduceCount, threshold);
+    const std::vector<V3> plain = plainMatches(coll, visits, ref, maxGroupSize, minReduceCount, threshold);
     ASSERT_EQ(int(plain.size()), count - 1);
     for (int k = 1; k < count; ++k) EXPECT_EQ(out[k].position, plain[k - 1]) << "rank " << k << " as the queue has it";
 }
