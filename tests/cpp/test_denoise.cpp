@@ -12,8 +12,6 @@
 #include "helpers.h"
 #include "support.h"
 #include "process_reference_location.h"
-#include "transforms/tables.h"
-#include "transforms/transformBlocksNL.h"
 
 namespace {
 using korvo_phantom::psnr;
@@ -278,42 +276,4 @@ TEST(AlphaRooting, MatchesDirectFormula) {
                                     ex * ex * std::pow(a, 2 - 2 * ex) * v[i] / (rooted * rooted));
         EXPECT_NEAR(v2[i], var, 1e-4 * var);
     }
-}
-
-// Matrices that are mostly zeros skip their zero terms: the same values as the
-// full multiply-add chain, whatever the contents left at the same address.
-TEST(GroupTransform, SparseMatricesGiveTheFullProductsValues) {
-    const V3 block{4, 4, 3};
-    const long vol = block.volume();
-    const int n = 32;
-    std::vector<float> members(size_t(vol * n)), out(members.size()), back(members.size());
-    for (size_t i = 0; i < members.size(); ++i) members[i] = std::cos(0.731f * float(i)) * 2.0f;
-    std::vector<BlockDistance<float>> matches(n);
-    for (int j = 0; j < n; ++j) matches[size_t((j * 5) % n)].block = members.data() + j * vol;
-    auto reference = [&](auto member, const float* m, int size, long e, int k) {
-        float acc = member(0)[e] * m[k * size];
-        for (int j = 1; j < size; ++j) acc = std::fma(member(j)[e], m[k * size + j], acc);
-        return acc;
-    };
-    std::vector<float> matrix(HAAR_32_FWD, HAAR_32_FWD + n * n), zeroRow(HAAR_16_FWD, HAAR_16_FWD + 256);
-    std::fill(zeroRow.begin() + 16 * 5, zeroRow.begin() + 16 * 6, 0.0f);
-    struct Case { int size; const float *forward, *inverse; };
-    const Case cases[] = {{16, HAAR_16_FWD, HAAR_16_INV}, {16, zeroRow.data(), HAAR_16_INV}, {32, matrix.data(), HAAR_32_INV}};
-    auto check = [&](const Case& c) {
-        Cube4D<float> forward{{block.x, block.y, block.z, c.size}, out.data()};
-        Cube4D<float> inverse{{block.x, block.y, block.z, c.size}, back.data()};
-        transformBlocksNL<float>(matches.data(), c.size, c.forward, TransformsMetas::Arbitrary, forward, block);
-        transformBlocksNL<float>(forward, c.size, c.inverse, TransformsMetas::InverseArbitrary, inverse, block);
-        const auto fromMatches = [&](int j) { return matches[size_t(j)].block; };
-        const auto fromCube = [&](int j) { return out.data() + j * vol; };
-        for (int k = 0; k < c.size; ++k)
-            for (long e = 0; e < vol; ++e) {
-                ASSERT_EQ(out[size_t(k * vol + e)], reference(fromMatches, c.forward, c.size, e, k));
-                ASSERT_EQ(back[size_t(k * vol + e)], reference(fromCube, c.inverse, c.size, e, k));
-            }
-    };
-    for (const Case& c : cases) check(c);
-    // Same address, new contents: a dense matrix this time.
-    for (size_t i = 0; i < matrix.size(); ++i) matrix[i] = 0.01f * float((i * 37) % 101) - 0.5f;
-    check(cases[2]);
 }
