@@ -38,28 +38,26 @@ korvo_detail::StageStatus runHT(const std::vector<float>& noisy, Parameters p, s
 }  // namespace
 
 TEST(DefaultParameters, FollowThePackageAndPassTheCheck) {
-    const Parameters v = defaults({40, 30, 20}, 0, 0.5f);
-    EXPECT_EQ(v.blockSize, (Vec3<int>{4, 4, 4}));
-    EXPECT_EQ(v.step, (Vec3<int>{3, 3, 3}));
-    EXPECT_EQ(v.searchWindow, (Vec3<int>{5, 5, 5}));
-    EXPECT_EQ(v.psdWorkSize, (Vec3<int>{16, 16, 16}));
-    EXPECT_EQ(v.maxGroupSize, 16);
-    EXPECT_FLOAT_EQ(v.matchThreshold, 9.0f * 64 * 0.25f);
-    EXPECT_EQ(v.axisArrayLength, (Vec3<int>{0, 0, 0}));
-    EXPECT_EQ(v.axisArrays.x, nullptr);
-    const Parameters w = defaults({40, 30, 20}, 1, 0.5f);
-    EXPECT_EQ(w.maxGroupSize, 32);
-    EXPECT_FLOAT_EQ(w.matchThreshold, 3.0f * 64 * 0.25f);
-
-    const Parameters i = defaults({50, 14, 1});
-    EXPECT_EQ(i.blockSize, (Vec3<int>{8, 8, 1}));
-    EXPECT_EQ(i.step, (Vec3<int>{3, 3, 1}));
-    EXPECT_EQ(i.psdWorkSize, (Vec3<int>{32, 32, 1}));
-    EXPECT_EQ(i.searchWindow, (Vec3<int>{11, 6, 0}));  // clamped to what the image serves
-    EXPECT_EQ(defaults({6, 5, 7}).searchWindow, (Vec3<int>{2, 1, 3}));
-    for (const Vec3<int>& size : {Vec3<int>{40, 30, 20}, Vec3<int>{50, 14, 1}, Vec3<int>{4, 4, 4}}) {
-        for (int stage : {0, 1}) EXPECT_EQ(refusal(defaults(size, stage), stage), "");
-    }
+    // Groups of up to 16 blocks (32 in the Wiener stage); the match threshold a mean squared
+    // difference per voxel of 9 (3) noise variances; the window clamped to what the image serves.
+    const struct { Vec3<int> size; float sigma; Vec3<int> block, step, window, psdWork; } cases[] = {
+        {{40, 30, 20}, 0.5f, {4, 4, 4}, {3, 3, 3}, {5, 5, 5}, {16, 16, 16}},
+        {{50, 14, 1}, 0.1f, {8, 8, 1}, {3, 3, 1}, {11, 6, 0}, {32, 32, 1}},
+        {{6, 5, 7}, 0.1f, {4, 4, 4}, {3, 3, 3}, {2, 1, 3}, {16, 16, 16}},
+        {{4, 4, 4}, 0.1f, {4, 4, 4}, {3, 3, 3}, {0, 0, 0}, {16, 16, 16}}};
+    for (const auto& c : cases)
+        for (int stage : {0, 1}) {
+            SCOPED_TRACE(testing::Message() << c.size.x << "x" << c.size.y << "x" << c.size.z << " stage " << stage);
+            const Parameters p = defaults(c.size, stage, c.sigma);
+            EXPECT_EQ(p.blockSize, c.block);
+            EXPECT_EQ(p.step, c.step);
+            EXPECT_EQ(p.searchWindow, c.window);
+            EXPECT_EQ(p.psdWorkSize, c.psdWork);
+            EXPECT_EQ(p.maxGroupSize, stage ? 32 : 16);
+            EXPECT_FLOAT_EQ(p.matchThreshold, (stage ? 3.0f : 9.0f) * float(c.block.volume()) * c.sigma * c.sigma);
+            EXPECT_TRUE(p.axisArrayLength == (Vec3<int>{0, 0, 0}) && p.axisArrays.x == nullptr);
+            EXPECT_EQ(refusal(p, stage), "");
+        }
 }
 
 TEST(CheckParameters, RefusesWhatTheStageCannotServe) {
