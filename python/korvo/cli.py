@@ -429,17 +429,38 @@ def _chunked_items(args, run, source, context):
 
 
 def _estimate(args):
-    from .io import read_volume
+    from .io import check_output, read_volume, write_volume
+    from .noise_models import estimate_poisson_gaussian, estimate_rician_sigma
 
+    if args.psd and args.noise != "gaussian":
+        raise ValueError(f"--psd estimates additive Gaussian noise; --noise {args.noise} is not")
+    if args.coils is not None and args.noise != "rician":
+        raise ValueError("--coils is a parameter of --noise rician")
+    if args.psd not in (None, "print"):
+        check_output(args.psd, source=args.input, force=args.force)
     data, context = read_volume(args.input)
     axes = context["axes"]
     series, rest = _layout(axes, data.shape, args.input)
     data_t = np.transpose(data, series + rest)
     labels = "".join(axes[i] for i in rest)
     channel = next((i for i, a in enumerate(labels) if a in "CS"), None)
-    for _, block in _items(data_t, series):
-        for part in _channels(block, channel):
-            print(f"{estimate_sigma(np.squeeze(part)):.6g}")
+    parts = [np.squeeze(part) for _, block in _items(data_t, series)
+             for part in _channels(block, channel)]
+    if args.psd not in (None, "print") and len(parts) > 1:
+        raise ValueError(f"{args.input} holds {len(parts)} items or channels; --psd FILE writes "
+                         f"the PSD of one")
+    for part in parts:
+        if args.psd:
+            psd = estimate_psd(part)
+            print(f"std {psd_sigma(psd):.6g} concentration {psd_concentration(psd):.4g}")
+            if args.psd != "print":
+                write_volume(args.psd, psd)
+        elif args.noise == "poisson-gaussian":
+            print("gain {:.6g} sigma {:.6g} offset {:.6g}".format(*estimate_poisson_gaussian(part)))
+        elif args.noise == "rician":
+            print(f"{estimate_rician_sigma(part, coils=args.coils or 1):.6g}")
+        else:
+            print(f"{estimate_sigma(part):.6g}")
     return 0
 
 
@@ -614,10 +635,19 @@ def _parser():
     d.add_argument("-q", "--quiet", action="store_true", help="no progress output")
     d.set_defaults(run=_denoise)
 
-    e = commands.add_parser("estimate", help="print the estimated noise sigma of a file",
-                            description="Print the estimated noise sigma of IN, one line per "
-                                        "item and channel.")
+    e = commands.add_parser(
+        "estimate", help="print the estimated noise parameters of a file",
+        description="Print the noise parameters estimated from IN, one line per item and "
+                    "channel: the sigma of white Gaussian noise (default); with --noise, "
+                    "'gain G sigma S offset O' of photon counts or the per-channel sigma of "
+                    "magnitude MRI; with --psd, the std and concentration of the estimated noise "
+                    "PSD (1: white), which --psd FILE also writes for korvo denoise --psd FILE.")
     e.add_argument("input", metavar="IN")
+    e.add_argument("--noise", choices=MODELS, default="gaussian", help="noise model")
+    e.add_argument("--coils", type=int, help="rician: receive coils (default 1)")
+    e.add_argument("--psd", metavar="FILE", nargs="?", const="print",
+                   help="estimate the noise PSD; with FILE (.npy, ...) also write it")
+    e.add_argument("-f", "--force", action="store_true", help="replace an existing --psd FILE")
     e.set_defaults(run=_estimate)
 
     m = commands.add_parser("demo", help="denoise a synthetic phantom and write a PNG",

@@ -308,6 +308,14 @@ def test_2d_image_and_estimate_command(tmp_path, capsys):
     assert np.load(out).shape == clean.shape
     assert cli.main(["estimate", str(source)]) == 0
     assert float(capsys.readouterr().out) == pytest.approx(0.05, rel=0.3)
+    # The PSD is written for denoise --psd FILE; photon counts give gain, sigma, offset.
+    psd = tmp_path / "psd.npy"
+    assert cli.main(["estimate", str(source), "--psd", str(psd)]) == 0
+    np.testing.assert_array_equal(np.load(psd), korvo.estimate_psd(np.load(source)))
+    assert capsys.readouterr().out.startswith("std ")
+    np.save(source, 2.0 * rng.poisson(50 * clean) + rng.normal(0, 2, clean.shape))
+    assert cli.main(["estimate", str(source), "--noise", "poisson-gaussian"]) == 0
+    assert float(capsys.readouterr().out.split()[1]) == pytest.approx(2.0, rel=0.15)  # gain
 
 
 def test_demo_prints_psnr_and_writes_png(tmp_path):
