@@ -126,7 +126,11 @@ def test_psd_adaptation_in_the_records():
     assert korvo.noise.noise_dominated_fraction(noise, psd) > 0.95
     assert korvo.noise.noise_dominated_fraction(texture, psd) == 0
     assert "match" in profile.resolve(shape, psd=psd, z=noise)
-    assert "match" not in profile.resolve(shape, psd=psd, z=texture)
+    textured = profile.resolve(shape, psd=psd, z=texture)
+    assert "match" not in textured
+    # Without a flat block there is no selection effect: the thresholds stay as written.
+    assert textured["ht"].threshold_factor == pytest.approx(2.7 ** 2, rel=1e-6)
+    assert textured["wiener"].wiener_factor == pytest.approx(0.75, rel=1e-6)
     profile.adapt_to_psd = False
     assert set(profile.resolve(shape, psd=psd)) == {"ht", "wiener"}
     profile.adapt_to_psd = True
