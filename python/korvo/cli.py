@@ -436,8 +436,9 @@ def _estimate(args):
         raise ValueError(f"--psd estimates additive Gaussian noise; --noise {args.noise} is not")
     if args.coils is not None and args.noise != "rician":
         raise ValueError("--coils is a parameter of --noise rician")
-    if args.psd not in (None, "print"):
-        check_output(args.psd, source=args.input, force=args.force)
+    psd_file = None if args.psd in (None, "print") else args.psd
+    if psd_file:
+        check_output(psd_file, source=args.input, force=args.force)
     data, context = read_volume(args.input)
     axes = context["axes"]
     series, rest = _layout(axes, data.shape, args.input)
@@ -446,15 +447,15 @@ def _estimate(args):
     channel = next((i for i, a in enumerate(labels) if a in "CS"), None)
     parts = [np.squeeze(part) for _, block in _items(data_t, series)
              for part in _channels(block, channel)]
-    if args.psd not in (None, "print") and len(parts) > 1:
+    if psd_file and len(parts) > 1:
         raise ValueError(f"{args.input} holds {len(parts)} items or channels; --psd FILE writes "
                          f"the PSD of one")
     for part in parts:
         if args.psd:
             psd = estimate_psd(part)
             print(f"std {psd_sigma(psd):.6g} concentration {psd_concentration(psd):.4g}")
-            if args.psd != "print":
-                write_volume(args.psd, psd)
+            if psd_file:
+                write_volume(psd_file, psd)
         elif args.noise == "poisson-gaussian":
             print("gain {:.6g} sigma {:.6g} offset {:.6g}".format(*estimate_poisson_gaussian(part)))
         elif args.noise == "rician":

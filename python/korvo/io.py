@@ -216,10 +216,9 @@ def check_output(path, source=None, force=False):
 
 
 def _check_folder(path, folder):
-    if os.path.exists(folder) and not os.path.isdir(folder):
-        raise ValueError(f"{path}: {folder} is a file, not a folder")
     if not os.path.isdir(folder):
-        raise ValueError(f"{path}: the folder {folder} does not exist")
+        raise ValueError(f"{path}: {folder} is a file, not a folder" if os.path.exists(folder)
+                         else f"{path}: the folder {folder} does not exist")
 
 
 def _check_hdf5_output(path, source, force):

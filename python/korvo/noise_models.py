@@ -678,7 +678,8 @@ def stabilise(z, model="gaussian", **params):
             if params.get("sigma") is not None or params.get("offset") is not None:
                 raise ValueError("sigma and offset need the gain; give all or estimate all")
             gain, sigma, offset = estimate_poisson_gaussian(z)
-            _log.info("estimated photon noise: gain %.6g, sigma %.6g, offset %.6g", gain, sigma, offset)
+            _log.info("estimated photon noise: gain %.6g, sigma %.6g, offset %.6g",
+                      gain, sigma, offset)
         else:
             gain, sigma, offset = _pg_params(params["gain"], params.get("sigma") or 0.0,
                                              params.get("offset") or 0.0)
