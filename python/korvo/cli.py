@@ -84,6 +84,11 @@ def _layout(axes, shape, name):
     return series, rest
 
 
+def _channel_axis(labels):
+    """Index of the channel axis (C, or S of RGB) among one call's axes, or None."""
+    return next((i for i, a in enumerate(labels) if a in "CS"), None)
+
+
 def _items(data, series):
     """Views of ``data`` (its series axes already leading) item by item."""
     for index in np.ndindex(*data.shape[:len(series)]):
@@ -178,7 +183,7 @@ class _Run:
             block, labels = np.take(block, 0, axis=flat), labels.replace("Z", "")
             mask, sigma_map = (None if a is None else np.take(a, 0, axis=flat)
                                for a in (mask, sigma_map))
-        channel = next((i for i, a in enumerate(labels) if a in "CS"), None)
+        channel = _channel_axis(labels)
         if channel is not None:
             where += f", {block.shape[channel]} channels"
         if self.auto:  # korvo takes one PSD for all channels: denoise them one by one
@@ -443,13 +448,15 @@ def _estimate(args):
     axes = context["axes"]
     series, rest = _layout(axes, data.shape, args.input)
     data_t = np.transpose(data, series + rest)
-    labels = "".join(axes[i] for i in rest)
-    channel = next((i for i, a in enumerate(labels) if a in "CS"), None)
-    parts = [np.squeeze(part) for _, block in _items(data_t, series)
-             for part in _channels(block, channel)]
-    if psd_file and len(parts) > 1:
-        raise ValueError(f"{args.input} holds {len(parts)} items or channels; --psd FILE writes "
+    channel = _channel_axis("".join(axes[i] for i in rest))
+    count = int(np.prod(data_t.shape[:len(series)])) * (1 if channel is None else
+                                                        data_t.shape[len(series) + channel])
+    if psd_file and count > 1:
+        raise ValueError(f"{args.input} holds {count} items or channels; --psd FILE writes "
                          f"the PSD of one")
+    # One item and channel at a time: a channel is a copy.
+    parts = (np.squeeze(part) for _, block in _items(data_t, series)
+             for part in _channels(block, channel))
     for part in parts:
         if args.psd:
             psd = estimate_psd(part)
