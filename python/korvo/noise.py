@@ -20,6 +20,8 @@ MAD_TO_SIGMA = 0.6744897501960817
 # Fewest informative cells from which a tile of estimate_sigma_map takes its own
 # level (a median of 16 is within about 40 % of the truth).
 _TILE_CELLS = 16
+# Samples converted to float64 at a time by the Haar detail.
+_SLAB_SAMPLES = 1 << 20
 
 
 def estimate_sigma(z):
@@ -77,9 +79,10 @@ def estimate_sigma_map(z, tile=16):
     return out
 
 
-def _haar_detail(z, who, flat=False):
+def _haar_detail(z, who, flat=False, means=False):
     """Finest diagonal Haar detail of a 2-D or 3-D array (variance-preserving);
-    with ``flat``, also which cells are constant."""
+    with ``flat``, also which cells are constant, with ``means`` also the
+    cells' means (in that order)."""
     a = np.asarray(z)
     if a.dtype.kind not in "biuf":
         raise TypeError(f"{who} needs a real array, got dtype {a.dtype}")
@@ -87,12 +90,25 @@ def _haar_detail(z, who, flat=False):
         raise ValueError(f"{who} needs a 2-D or 3-D array, got {a.ndim} dimensions")
     if any(n < 2 for n in a.shape):
         raise ValueError(f"{who} needs at least 2 samples along every axis, got {a.shape}")
-    cells = tuple(slice(0, n - n % 2) for n in a.shape)
-    a = a[cells].astype(np.float64, copy=False)
-    if not np.isfinite(a).all():
-        raise ValueError(f"{who}: the array contains NaN or infinite samples")
-    detail = haar_level(a, "H" * a.ndim)
-    return (detail, constant_cells(a, range(a.ndim))) if flat else detail
+    a = a[tuple(slice(0, n - n % 2) for n in a.shape)]
+    # A few slices at a time in float64, never a float64 copy of the whole array.
+    pairs = a.shape[0] // 2
+    per = max(1, _SLAB_SAMPLES // (2 * a[0].size))
+    detail = np.empty((pairs,) + tuple(n // 2 for n in a.shape[1:]))
+    constant = np.empty(detail.shape, dtype=bool) if flat else None
+    mean = np.empty(detail.shape) if means else None
+    for first in range(0, pairs, per):
+        part = a[2 * first:2 * (first + per)].astype(np.float64)
+        if not np.isfinite(part).all():
+            raise ValueError(f"{who}: the array contains NaN or infinite samples")
+        detail[first:first + per] = haar_level(part, "H" * a.ndim)
+        if flat:
+            constant[first:first + per] = constant_cells(part, range(a.ndim))
+        if means:
+            grouped = part.reshape(sum(((n // 2, 2) for n in part.shape), ()))
+            mean[first:first + per] = grouped.mean(axis=tuple(range(1, 2 * a.ndim, 2)))
+    found = [x for x in (constant, mean) if x is not None]
+    return (detail, *found) if found else detail
 
 
 def constant_cells(cells, axes):

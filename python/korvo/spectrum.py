@@ -51,6 +51,12 @@ _LAG_Z = 3.5
 _MIN_BLOCK = 4
 # Samples per batch of blocks going through the FFTs at once (memory).
 _BATCH_SAMPLES = 1 << 22
+# Most samples of the blocks one estimate reads, and of the data the detail
+# test reads: past these (volumes above about 160^3) evenly spaced blocks and
+# slices stand for the rest, which bounds time and memory while leaving the
+# statistics as good as on a 160^3 volume.
+_MAX_BLOCK_SAMPLES = 1 << 21
+_MAX_DETAIL_SAMPLES = 1 << 21
 # Short-range fit for data without homogeneous regions: block extent, largest
 # noise correlation lag per axis, lowest frequency radius (cycles per sample)
 # used, and the quantile of the block periodograms taken per frequency.
@@ -179,7 +185,10 @@ def _check_data(z):
         raise TypeError(f"estimate_psd needs a real array, got dtype {a.dtype}")
     if a.ndim not in (2, 3):
         raise ValueError(f"estimate_psd needs a 2-D or 3-D array, got {a.ndim} dimensions")
-    a = a.astype(np.float64)
+    # No float64 copy of a large volume: blocks are taken to float64 as they
+    # are read. Integers of up to 16 bits are exact in float32.
+    if a.dtype not in (np.float32, np.float64):
+        a = a.astype(np.float32 if a.dtype.itemsize <= 2 else np.float64)
     if not np.isfinite(a).all():
         raise ValueError("estimate_psd: the array contains NaN or infinite samples")
     return a
@@ -223,7 +232,7 @@ def _blocks(shape, grid, mask, scale):
                          f"axis of the PSD grid, got {shape}")
     preferred = tuple(1 if g == 1 else min(n, scale * g) for n, g in zip(shape, grid))
     if mask is None:
-        return preferred, _starts(shape, preferred, [max(1, b // 2) for b in preferred])
+        return preferred, _starts(shape, preferred, [max(1, b // 2) for b in preferred], sparse=True)
     # Inside a mask, fall back to smaller blocks and a finer step before giving up.
     for scale in (1.0, 0.5, 0.25):
         block = tuple(1 if b == 1 else max(min(_MIN_BLOCK, b), int(b * scale))
@@ -231,28 +240,46 @@ def _blocks(shape, grid, mask, scale):
         starts = _starts(shape, block, [max(1, b // 4) for b in block])
         inside = _inside(mask, starts, block)
         if inside.sum() >= 2:
-            return block, starts[inside]
+            starts = starts[inside]
+            limit = max(2, _MAX_BLOCK_SAMPLES // int(np.prod(block)))
+            if len(starts) > limit:   # evenly spread over the masked region
+                starts = starts[np.linspace(0, len(starts) - 1, limit).round().astype(int)]
+            return block, starts
     need = [1 if b == 1 else min(_MIN_BLOCK, b) for b in preferred]
     raise ValueError(f"the mask marks {int(mask.sum())} voxels but not two whole "
                      f"{'x'.join(map(str, need))} blocks of them; it needs at least "
                      f"{2 * int(np.prod(need))} voxels in compact regions")
 
 
-def _starts(shape, block, step):
+def _starts(shape, block, step, sparse=False):
+    """Block starts on a lattice of ``step``; with ``sparse``, every k-th
+    lattice position per axis, k the smallest that keeps the blocks' samples
+    within _MAX_BLOCK_SAMPLES (still a lattice, so the overlap correction
+    holds)."""
     axes = []
     for n, b, s in zip(shape, block, step):
         pos = list(range(0, n - b + 1, s))
         if pos[-1] != n - b:
             pos.append(n - b)   # cover the far edge too
         axes.append(pos)
+    limit = _MAX_BLOCK_SAMPLES // int(np.prod(block))
+    stride = 1
+    while sparse and np.prod([-(-len(p) // stride) for p in axes]) > max(limit, 2):
+        stride += 1
+    axes = [p[::stride] for p in axes]
     grids = np.meshgrid(*axes, indexing="ij")
     return np.stack([g.ravel() for g in grids], axis=1)
 
 
 def _inside(mask, starts, block):
-    """Blocks lying entirely inside the mask, from a summed-area table."""
-    table = np.zeros(tuple(n + 1 for n in mask.shape), dtype=np.int64)
-    table[1:, 1:, 1:] = mask.cumsum(0).cumsum(1).cumsum(2)
+    """Blocks lying entirely inside the mask, from a summed-area table (one
+    array, summed in place)."""
+    table = np.zeros(tuple(n + 1 for n in mask.shape),
+                     dtype=np.int32 if mask.size < 2 ** 31 else np.int64)
+    inner = table[1:, 1:, 1:]
+    inner[...] = mask
+    for axis in range(3):
+        np.cumsum(inner, axis=axis, out=inner)
     z, y, x = starts.T
     bz, by, bx = block
     total = (table[z + bz, y + by, x + bx] - table[z, y + by, x + bx]
@@ -422,7 +449,7 @@ def _short_range(volume, grid, details=None):
         white = np.full(grid, details.white_variance() * np.prod(grid))
         return white, lambda: white
     windows = [_hann(b) for b in block]
-    starts = _starts(volume.shape, block, [max(1, b // 2) for b in block])
+    starts = _starts(volume.shape, block, [max(1, b // 2) for b in block], sparse=True)
     # Blocks reaching into noise-free padding would pull the low quantile down.
     inside = _inside(details.live, starts, block)
     if inside.sum() >= 2:
@@ -492,16 +519,24 @@ class _Details:
                         for low in [None] + self.axes]
         cells = volume[tuple(slice(0, n - n % 2) if a in self.axes else slice(None)
                              for a, n in enumerate(volume.shape))]
-        details = [np.abs(haar_level(cells, self._kinds(f, volume.ndim))) for f in self.filters]
         # Constant cells (noise-free padding, clipping) would pull the medians to zero.
         live = ~constant_cells(cells, self.axes)
+        # The medians of a large volume from evenly spaced cell slices.
+        unit = 2 if 0 in self.axes else 1
+        count = live.shape[0]
+        keep = min(count, max(1, _MAX_DETAIL_SAMPLES // (unit * cells[0].size)))
+        chosen = np.unique(np.linspace(0, count - 1, keep).round().astype(int))
+        rows = (unit * chosen[:, None] + np.arange(unit)).ravel()
+        sample = cells[rows].astype(np.float64)
+        details = [np.abs(haar_level(sample, self._kinds(f, volume.ndim))) for f in self.filters]
+        sample_live = live[chosen]
         self.live = np.ones(volume.shape, dtype=bool)   # voxels of non-constant cells
         cell_live = live
         for axis in self.axes:
             cell_live = np.repeat(cell_live, 2, axis=axis)
         self.live[tuple(slice(0, n) for n in cell_live.shape)] = cell_live
         self.variances = np.array([
-            (np.median(d[live]) / MAD_TO_SIGMA) ** 2 if live.any() else 0.0
+            (np.median(d[sample_live]) / MAD_TO_SIGMA) ** 2 if sample_live.any() else 0.0
             for d in details])
         ratios = self.variances[1:] / max(self.variances[0], 1e-300)
         lo, hi = self.RATIOS

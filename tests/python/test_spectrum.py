@@ -179,3 +179,24 @@ NOISE = np.random.default_rng(0).standard_normal((20, 20, 20))
 def test_errors(args, kwargs, error, words):
     with pytest.raises(error, match=words):
         estimate_psd(*args, **kwargs)
+
+
+def test_large_volumes_are_read_from_evenly_spaced_blocks(monkeypatch):
+    # With the sampling limits lowered, a 48^3 volume is read as a large one
+    # is: the estimate keeps to the spread of the samples it reads.
+    kernel = KERNELS["3x3x3 smoothing"]
+    noise = coloured_noise(kernel, SHAPE, 0.1, np.random.default_rng(5))
+    true = psd_from_kernel(kernel, GRID, 0.1)
+    whole = estimate_psd(noise)
+    starts = spectrum._starts(SHAPE, (16, 16, 16), (8, 8, 8))
+    monkeypatch.setattr(spectrum, "_MAX_BLOCK_SAMPLES", 40 * 16 ** 3)
+    monkeypatch.setattr(spectrum, "_MAX_DETAIL_SAMPLES", 12 * 48 * 48)
+    sparse = spectrum._starts(SHAPE, (16, 16, 16), (8, 8, 8), sparse=True)
+    assert len(sparse) <= 40 < len(starts)
+    # Still a lattice (the overlap correction counts on it), spread over the volume.
+    assert len(sparse) == np.prod([len(np.unique(sparse[:, a])) for a in range(3)])
+    assert sparse.min() == 0 and sparse.max() >= 24
+    sampled = estimate_psd(noise)
+    spread = np.sqrt(np.prod(GRID) / (len(sparse) * 16 ** 3))  # of the samples read
+    assert _relative_error(sampled, true) < 2 * spread
+    assert psd_sigma(sampled) == pytest.approx(psd_sigma(whole), rel=0.03)
