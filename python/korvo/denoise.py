@@ -450,13 +450,18 @@ def _stabilised(z, sigma, psd, model, extra, pilot, options):
     else:
         raise ValueError(f"with noise={model!r}, sigma is one number (or one per channel)")
     params = {name: value for name, value in extra.items() if value is not None}
-    stabilised = np.empty(z.shape, dtype=np.float32)
+    stabilised = None if split.axis is None else np.empty(z.shape, dtype=np.float32)
     inverses = []
     for i in range(split.count):
         part, inverse = stabilise(split.view(z, i), model, sigma=sigmas[i], **params)
-        split.view(stabilised, i)[...] = part
+        if stabilised is None:
+            stabilised = part
+        else:
+            split.view(stabilised, i)[...] = part
+        del part
         inverses.append(inverse)
     out = korvo(stabilised, 1.0, **options)
+    del stabilised  # the inverses run in place on the result
     for i, inverse in enumerate(inverses):
-        split.view(out, i)[...] = inverse(split.view(out, i))
+        inverse(split.view(out, i), out=split.view(out, i))
     return out

@@ -66,14 +66,36 @@ def _coils(coils):
     return int(coils)
 
 
-def _real(z, who):
+def _real(z, who, convert=True):
+    """z checked as real and finite; in float64 (``convert``) or as it is."""
     a = np.asarray(z)
     if a.dtype.kind not in "biuf":
         raise TypeError(f"{who} needs real data, got dtype {a.dtype}")
-    a = a.astype(np.float64)
-    if not np.isfinite(a).all():
+    if convert:
+        a = a.astype(np.float64)
+    if a.dtype.kind == "f" and not np.isfinite(a).all():
         raise ValueError(f"{who}: the data contain NaN or infinite samples")
     return a
+
+
+# Elements taken to float64 at a time by the transforms of whole arrays.
+_SLAB_ELEMENTS = 1 << 20
+
+
+def _slabwise(function, a, out=None):
+    """``function`` (elementwise, computing in float64) over ``a`` a few slices
+    at a time along its first axis, into float32 ``out`` (new when None):
+    the same values as over the whole array, without its float64 copies."""
+    a = np.asarray(a)
+    if out is None:
+        out = np.empty(a.shape, dtype=np.float32)
+    if a.ndim == 0:
+        out[...] = function(a)
+        return out
+    per = max(1, _SLAB_ELEMENTS // max(1, a[0].size))
+    for first in range(0, a.shape[0], per):
+        out[first:first + per] = function(a[first:first + per])
+    return out
 
 
 # ------------------------------------------------------------------ photon counts
@@ -231,12 +253,9 @@ def _binned_noise(z, who):
     texture); a bin that keeps too few cells (all edges, as in small volumes)
     is left out.
     """
-    detail = _haar_detail(z, who)
-    a = np.asarray(z, dtype=np.float64)[tuple(slice(0, n - n % 2) for n in np.shape(z))]
-    cells = a.reshape(sum(((n // 2, 2) for n in a.shape), ()))
-    means = cells.mean(axis=tuple(range(1, 2 * a.ndim, 2)))
-    width = 3 if a.ndim == 3 else 5
-    size = width ** a.ndim
+    detail, means = _haar_detail(z, who, means=True)
+    width = 3 if means.ndim == 3 else 5
+    size = width ** means.ndim
     level = (_box(means, width) * size - means) / (size - 1)
     rough = (_box(means * means, width) * size - means * means) / (size - 1) - level * level
     d2, level, rough = detail.ravel() ** 2, level.ravel(), rough.ravel()
@@ -251,7 +270,7 @@ def _binned_noise(z, who):
         # (a chi-square of one degree, whose median is 0.455 of its mean), which
         # edges cannot pull up.
         noise = np.median(d2[part]) / _CHI2_1_MEDIAN
-        keep = part[rough[part] <= _ROUGH_LIMIT * noise / 2 ** a.ndim]
+        keep = part[rough[part] <= _ROUGH_LIMIT * noise / 2 ** means.ndim]
         if keep.size < _KEEP_FRACTION * part.size:
             continue
         v = d2[keep]
@@ -279,7 +298,7 @@ def _box(a, width):
     pad = width // 2
     p = np.pad(a, pad, mode="edge")
     for axis in range(a.ndim):
-        c = np.cumsum(p, axis=axis)
+        c = np.cumsum(p, axis=axis, out=p)  # in place: two arrays live, not three
 
         def along(start, stop):
             return tuple(slice(start, stop) if k == axis else slice(None) for k in range(c.ndim))
@@ -289,6 +308,25 @@ def _box(a, width):
         p[along(1, None)] -= c[along(None, -width)]
         p /= width
     return p
+
+
+def _all_around(mask, width):
+    """Whether every voxel of the width^ndim window around each is set, edges
+    replicated (an erosion): exact, and in booleans, a quarter of a float32
+    copy's memory."""
+    pad = width // 2
+    out = np.pad(mask, pad, mode="edge")
+    for axis in range(mask.ndim):
+        n = out.shape[axis] - 2 * pad
+
+        def shifted(k):
+            return out[tuple(slice(k, k + n) if a == axis else slice(None) for a in range(out.ndim))]
+
+        both = shifted(0).copy()
+        for k in range(1, width):
+            both &= shifted(k)
+        out = both
+    return out
 
 
 # -------------------------------------------------------------- magnitude MRI
@@ -454,8 +492,8 @@ def rician_vst(z, sigma, coils=1):
     return _rician_table(coils).forward(_magnitudes(z, "rician_vst") / sigma)
 
 
-def _magnitudes(z, who):
-    a = _real(z, who)
+def _magnitudes(z, who, convert=True):
+    a = _real(z, who, convert)
     if a.size and a.min() < 0:
         raise ValueError(f"{who}: magnitude data cannot be negative (minimum {a.min():.4g}); the "
                          f"Rician model is for magnitude MRI (real, phase or offset images are "
@@ -507,21 +545,21 @@ def estimate_rician_sigma(z, coils=1, mask=None):
 def _rician_sigma_and_background(z, coils, mask):
     """(sigma, background): :func:`estimate_rician_sigma`, and the voxels it
     took for noise alone (``mask``, or those it found; None without)."""
-    a = _magnitudes(z, "estimate_rician_sigma")
+    a = _magnitudes(z, "estimate_rician_sigma", convert=False)
     if mask is not None:
         mask = np.asarray(mask)
         if mask.dtype != bool or mask.shape != a.shape:
             raise ValueError(f"mask must be a boolean array of the data's shape {a.shape}")
         if mask.sum() < 10:
             raise ValueError("estimate_rician_sigma: the mask selects fewer than 10 samples")
-        sigma = float(np.median(a[mask])) / _chi_median(coils)
+        sigma = float(np.median(a[mask].astype(np.float64))) / _chi_median(coils)
         if not sigma > 0:
             raise ValueError("estimate_rician_sigma: the masked background is zero")
         return sigma, mask
     table = _rician_table(coils)
     # The Gaussian estimate sits within a factor 0.5..2 of the answer (one-coil
     # background: 0.655): a log grid there, then golden-section refinement.
-    z_max = float(np.abs(np.asarray(z)).max()) if np.size(z) else 0.0
+    z_max = float(a.max()) if a.size else 0.0  # magnitudes: no negatives
     centre = math.log(max(estimate_sigma(z), 1e-12 * z_max, 1e-300))
 
     def fit(levels, variances, counts):
@@ -580,9 +618,11 @@ def _background(a, coils, sigma, refine=True):
 
     def found(sigma):
         # Both sides: regions quieter than noise (zero-filled, masked) are no background.
-        quiet = (np.abs(window - table.mean[0] * sigma) <= spread * sigma) & inner
-        # Windows of ones come out exactly 1 in float32 too.
-        return _box(quiet.astype(np.float32), 2 * _BG_SHRINK + 1) >= 1.0
+        off = window - table.mean[0] * sigma
+        quiet = np.abs(off, out=off) <= spread * sigma
+        del off
+        quiet &= inner
+        return _all_around(quiet, 2 * _BG_SHRINK + 1)
 
     for round_ in range(_BG_ROUNDS):
         background = found(sigma)
@@ -619,14 +659,19 @@ class Inverse:
     """Maps denoised stabilised data back to data units; ``model`` and ``params``
     (every parameter used, estimated ones included) describe the transform."""
 
-    def __init__(self, model, params, function):
-        self.model, self.params, self._function = model, dict(params), function
+    def __init__(self, model, params, function, lift=None):
+        # function(d, clip): elementwise; lift(y): what to take off all of y first.
+        self.model, self.params, self._function, self._lift = model, dict(params), function, lift
 
-    def __call__(self, y, clip=False):
-        """The estimate in data units, float32; ``clip=True`` keeps it at or above
-        the signal's floor (zero signal), which lowers dark regions' squared error
-        but biases their mean upwards."""
-        return self._function(y, bool(clip)).astype(np.float32)
+    def __call__(self, y, clip=False, out=None):
+        """The estimate in data units, float32 (into ``out`` when given, which
+        may be ``y`` itself); ``clip=True`` keeps it at or above the signal's
+        floor (zero signal), which lowers dark regions' squared error but
+        biases their mean upwards."""
+        y = np.asarray(y)
+        lift = self._lift(y) if self._lift is not None else 0.0
+        clip = bool(clip)
+        return _slabwise(lambda d: self._function(d - lift if lift else d, clip), y, out)
 
     def __repr__(self):
         args = ", ".join(f"{k}={v!r}" for k, v in self.params.items())
@@ -667,12 +712,12 @@ def stabilise(z, model="gaussian", **params):
     if model == "gaussian":
         sigma = params.get("sigma")
         sigma = estimate_sigma(z) if sigma is None else _positive("sigma", sigma)
-        y = _real(z, "stabilise") / sigma
+        y = _slabwise(lambda part: _real(part, "stabilise") / sigma, _real(z, "stabilise", False))
 
         def scale_back(d, clip):
             return _odd_about(np.asarray(d, np.float64) * sigma, 0.0, np.asarray, clip)
 
-        return y.astype(np.float32), Inverse(model, {"sigma": sigma}, scale_back)
+        return y, Inverse(model, {"sigma": sigma}, scale_back)
     if model == "poisson-gaussian":
         if params.get("gain") is None:
             if params.get("sigma") is not None or params.get("offset") is not None:
@@ -683,8 +728,8 @@ def stabilise(z, model="gaussian", **params):
         else:
             gain, sigma, offset = _pg_params(params["gain"], params.get("sigma") or 0.0,
                                              params.get("offset") or 0.0)
-        y = anscombe(z, gain, sigma, offset)
-        return y.astype(np.float32), Inverse(
+        y = _slabwise(lambda part: anscombe(part, gain, sigma, offset), _real(z, "anscombe", False))
+        return y, Inverse(
             model, {"gain": gain, "sigma": sigma, "offset": offset},
             lambda d, clip: inverse_anscombe(d, gain, sigma, offset, clip))
     coils = _coils(params.get("coils", 1))
@@ -695,14 +740,14 @@ def stabilise(z, model="gaussian", **params):
                   "s" * (coils > 1))
     elif params.get("mask") is not None:
         raise ValueError("a mask is only used to estimate sigma; give one or the other")
-    y = rician_vst(z, sigma, coils)  # checks the data and sigma first
-    sigma = float(sigma)
+    sigma, coils = _positive("sigma", sigma), _coils(coils)
+    y = _slabwise(lambda part: rician_vst(part, sigma, coils), _magnitudes(z, "rician_vst", False))
     if params.get("sigma") is not None:
         background = _background(np.asarray(z, dtype=np.float32), coils, sigma, refine=False)[1]
     floor = _FloorShift(background, _rician_table(coils).ef[0])
-    return y.astype(np.float32), Inverse(
+    return y, Inverse(
         model, {"sigma": sigma, "coils": coils},
-        lambda d, clip: inverse_rician_vst(floor(d), sigma, coils, clip))
+        lambda d, clip: inverse_rician_vst(d, sigma, coils, clip), floor.lift)
 
 
 class _FloorShift:
@@ -726,9 +771,9 @@ class _FloorShift:
             self.shape = background.shape
             self.index = index[::max(1, index.size // self._SAMPLES)]
 
-    def __call__(self, d):
-        d = np.asarray(d)
+    def lift(self, d):
+        """What to take off ``d``: 0.0 unless it is of the background's shape."""
         if self.shape is None or d.shape != self.shape:
-            return d
+            return 0.0
         lift = float(np.mean(d.reshape(-1)[self.index], dtype=np.float64)) - self.floor
-        return d - lift if abs(lift) <= self._LARGEST else d
+        return lift if abs(lift) <= self._LARGEST else 0.0

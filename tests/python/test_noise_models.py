@@ -158,6 +158,17 @@ def test_rician_sigma_estimate(coils, background):
         assert nm.estimate_rician_sigma(z, coils, mask=mask) == pytest.approx(3.0, rel=0.03)
 
 
+def test_background_erosion_against_every_window():
+    # Regression: the erosion was a float32 box mean tested for 1.0, whose
+    # running sums rounded 11 % of all-background windows below it.
+    rng = np.random.default_rng(0)
+    for shape in [(20, 30, 40), (50, 61)]:
+        quiet = rng.random(shape) < 0.97
+        padded = np.pad(quiet, 2, mode="edge")
+        every = np.array([padded[tuple(slice(i, i + 5) for i in at)].all() for at in np.ndindex(*shape)])
+        assert np.array_equal(nm._all_around(quiet, 5), every.reshape(shape))
+
+
 @pytest.mark.parametrize("coils", [1, 4])
 def test_background_comes_back_at_zero(coils):
     # Regressions: the inverse, steep at the noise floor, turned the lift from
