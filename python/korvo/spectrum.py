@@ -52,9 +52,9 @@ _MIN_BLOCK = 4
 # Samples per batch of blocks going through the FFTs at once (memory).
 _BATCH_SAMPLES = 1 << 22
 # Most samples of the blocks one estimate reads, and of the data the detail
-# test reads: past these (volumes above about 160^3) evenly spaced blocks and
-# slices stand for the rest, which bounds time and memory while leaving the
-# statistics as good as on a 160^3 volume.
+# test reads: past these (blocks of volumes above about 70^3, details above
+# 128^3) evenly spaced blocks and slices stand for the rest, which bounds time
+# and memory while leaving the statistics as good as on such a volume.
 _MAX_BLOCK_SAMPLES = 1 << 21
 _MAX_DETAIL_SAMPLES = 1 << 21
 # Short-range fit for data without homogeneous regions: block extent, largest
