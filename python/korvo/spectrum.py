@@ -521,15 +521,17 @@ class _Details:
                              for a, n in enumerate(volume.shape))]
         # Constant cells (noise-free padding, clipping) would pull the medians to zero.
         live = ~constant_cells(cells, self.axes)
-        # The medians of a large volume from evenly spaced cell slices.
-        unit = 2 if 0 in self.axes else 1
-        count = live.shape[0]
-        keep = min(count, max(1, _MAX_DETAIL_SAMPLES // (unit * cells[0].size)))
+        # The medians of a large volume (or image) from evenly spaced cell
+        # slices (rows) across its first axis of more than one sample.
+        axis = next((a for a, n in enumerate(cells.shape) if n > 1), 0)
+        unit = 2 if axis in self.axes else 1
+        count = live.shape[axis]
+        keep = min(count, max(1, _MAX_DETAIL_SAMPLES * count // max(cells.size, 1)))
         chosen = np.unique(np.linspace(0, count - 1, keep).round().astype(int))
         rows = (unit * chosen[:, None] + np.arange(unit)).ravel()
-        sample = cells[rows].astype(np.float64)
+        sample = np.take(cells, rows, axis=axis).astype(np.float64)
         details = [np.abs(haar_level(sample, self._kinds(f, volume.ndim))) for f in self.filters]
-        sample_live = live[chosen]
+        sample_live = np.take(live, chosen, axis=axis)
         self.live = np.ones(volume.shape, dtype=bool)   # voxels of non-constant cells
         cell_live = live
         for axis in self.axes:

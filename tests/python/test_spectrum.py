@@ -2,7 +2,7 @@ import numpy as np
 import pytest
 
 from korvo import spectrum
-from korvo.noise import coloured_noise, estimate_sigma, psd_from_kernel, psd_sigma
+from korvo.noise import coloured_noise, estimate_sigma, haar_level, psd_from_kernel, psd_sigma
 from korvo.spectrum import estimate_psd
 
 SHAPE = (48, 48, 48)
@@ -200,3 +200,12 @@ def test_large_volumes_are_read_from_evenly_spaced_blocks(monkeypatch):
     spread = np.sqrt(np.prod(GRID) / (len(sparse) * 16 ** 3))  # of the samples read
     assert _relative_error(sampled, true) < 2 * spread
     assert psd_sigma(sampled) == pytest.approx(psd_sigma(whole), rel=0.03)
+    # An image is sampled across its rows (it was read whole).
+    image = coloured_noise(np.array([[1.0, 2.0, 1.0]]) / np.sqrt(6.0), (256, 256), 0.1,
+                           np.random.default_rng(6))
+    read = []
+    monkeypatch.setattr(spectrum, "haar_level", lambda a, kinds: read.append(a.size) or haar_level(a, kinds))
+    details = spectrum._Details.of(image[None], (1, 32, 32))
+    assert max(read) <= 12 * 48 * 48
+    assert details.correlated == [2]
+    assert psd_sigma(estimate_psd(image)) == pytest.approx(0.1, rel=0.05)
