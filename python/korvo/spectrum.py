@@ -523,15 +523,15 @@ class _Details:
         live = ~constant_cells(cells, self.axes)
         # The medians of a large volume (or image) from evenly spaced cell
         # slices (rows) across its first axis of more than one sample.
-        axis = next((a for a, n in enumerate(cells.shape) if n > 1), 0)
-        unit = 2 if axis in self.axes else 1
-        count = live.shape[axis]
+        along = next((a for a, n in enumerate(cells.shape) if n > 1), 0)
+        unit = 2 if along in self.axes else 1
+        count = live.shape[along]
         keep = min(count, max(1, _MAX_DETAIL_SAMPLES * count // max(cells.size, 1)))
         chosen = np.unique(np.linspace(0, count - 1, keep).round().astype(int))
         rows = (unit * chosen[:, None] + np.arange(unit)).ravel()
-        sample = np.take(cells, rows, axis=axis).astype(np.float64)
+        sample = np.take(cells, rows, axis=along).astype(np.float64)
         details = [np.abs(haar_level(sample, self._kinds(f, volume.ndim))) for f in self.filters]
-        sample_live = np.take(live, chosen, axis=axis)
+        sample_live = np.take(live, chosen, axis=along)
         self.live = np.ones(volume.shape, dtype=bool)   # voxels of non-constant cells
         cell_live = live
         for axis in self.axes:
