@@ -2,8 +2,6 @@
 
 import json
 import os
-import threading
-import time
 
 import numpy as np
 import pytest
@@ -11,6 +9,7 @@ import pytest
 import korvo
 from korvo import chunked
 from korvo.io import read_volume
+from korvo.memory import measure_peak
 from conftest import denoise, fast, refused
 
 da = pytest.importorskip("dask.array")
@@ -131,31 +130,10 @@ def test_memory_is_bounded_by_chunks_not_the_volume(tmp_path, monkeypatch):
         source[z:z + chunk] = np.broadcast_to(ramp, (chunk, n, n))
     monkeypatch.setattr(chunked, "_chunk_task", lambda region, pilot, offset, flat, inner, settings:
                         np.asarray(region, np.float32)[inner])
-
-    page = os.sysconf("SC_PAGE_SIZE")
-
-    def resident():
-        with open("/proc/self/statm") as f:
-            return int(f.read().split()[1]) * page
-
-    peak, done = [0], threading.Event()
-
-    def sample():
-        while not done.is_set():
-            peak[0] = max(peak[0], resident())
-            time.sleep(0.002)
-
-    before = resident()
-    sampler = threading.Thread(target=sample, daemon=True)
-    sampler.start()
-    try:
-        assert denoise(tmp_path / "in.zarr", tmp_path / "out.zarr", "--sigma", "1", "--stages",
-                       "ht", "--dtype", "keep", "-q") == 0
-    finally:
-        done.set()
-        sampler.join(timeout=60)
-    added, volume = peak[0] - before, n ** 3 * 4
-    assert added < volume / 2, f"{added / 2**20:.0f} MiB added, volume {volume / 2**20:.0f} MiB"
+    status, added = measure_peak(denoise, tmp_path / "in.zarr", tmp_path / "out.zarr", "--sigma",
+                                 "1", "--stages", "ht", "--dtype", "keep", "-q")
+    volume = n ** 3 * 4
+    assert status == 0 and added < volume / 2, f"{added / 2**20:.0f} MiB added"
     out = zarr.open_array(str(tmp_path / "out.zarr"), mode="r")
     assert out.dtype == np.uint8 and np.array_equal(out[n // 2, :, 7], ramp[:, 7])
 
