@@ -8,17 +8,7 @@ import pytest
 import korvo
 from conftest import fast, psnr
 
-# One thread: with several, the order in which blocks are summed varies from run
-# to run, and so do the last bits of the result.
-SERIAL = korvo.KORVOProfile(num_threads=1)
-
-
-def test_volume_and_image_are_denoised(volume, image, rng):
-    for clean, sigma in ((volume, 0.1), (image, 0.08)):
-        noisy = clean + sigma * rng.standard_normal(clean.shape)
-        out = korvo.korvo(noisy, sigma)
-        assert out.shape == clean.shape and out.dtype == np.float32
-        assert psnr(out, clean) > psnr(noisy, clean) + 5
+SERIAL = korvo.KORVOProfile(num_threads=1)  # several threads vary the last bits
 
 
 def test_any_real_dtype_and_layout(volume, noisy_phantom):
@@ -168,19 +158,22 @@ def test_sigma_map(volume, noisy_phantom, rng):
     assert psnr(korvo.korvo(noisy, sigma=estimated, profile=SERIAL), clean) > by_map - 0.5
 
 
-def test_stage_control(volume, rng):
-    noisy = volume + 0.15 * rng.standard_normal(volume.shape)
-    both = korvo.korvo(noisy, 0.15, profile=SERIAL)
-    ht = korvo.korvo(noisy, 0.15, profile=SERIAL, stages="ht")
-    assert psnr(ht, volume) > psnr(noisy, volume) + 5
-    assert psnr(both, volume) > psnr(ht, volume)
+@pytest.mark.parametrize("data, sigma", [("volume", 0.15), ("image", 0.08)])
+def test_stages_denoise_volume_and_image(data, sigma, rng, request):
+    clean = request.getfixturevalue(data)
+    noisy = clean + sigma * rng.standard_normal(clean.shape)
+    both = korvo.korvo(noisy, sigma, profile=SERIAL)
+    ht = korvo.korvo(noisy, sigma, profile=SERIAL, stages="ht")
+    assert both.shape == clean.shape and both.dtype == np.float32
+    assert psnr(ht, clean) > psnr(noisy, clean) + 5
+    assert psnr(both, clean) > psnr(ht, clean)
     # The Wiener stage with the first stage's result as pilot is the two-stage
     # run, up to the rounding of that pilot to the data's units.
-    wiener = korvo.korvo(noisy, 0.15, profile=SERIAL, stages="wiener", pilot=ht)
+    wiener = korvo.korvo(noisy, sigma, profile=SERIAL, stages="wiener", pilot=ht)
     np.testing.assert_allclose(wiener, both, atol=2e-3)
     # A perfect pilot helps the Wiener stage more than the estimate does.
-    oracle = korvo.korvo(noisy, 0.15, stages="wiener", pilot=volume)
-    assert psnr(oracle, volume) > psnr(both, volume)
+    oracle = korvo.korvo(noisy, sigma, stages="wiener", pilot=clean)
+    assert psnr(oracle, clean) > psnr(both, clean)
 
 
 def test_match_reuse_across_channels(volume, rng):
@@ -224,7 +217,7 @@ def test_match_reuse_across_channels(volume, rng):
     assert store.recorded == {"ht": False, "wiener": False}
 
 
-def test_channel_axis_denoises_each_channel(volume, image, rng):
+def test_channel_axis_denoises_each_channel(image, rng):
     rgb = np.stack([image, image[::-1], image.T], axis=-1)
     noisy = rgb + 0.1 * rng.standard_normal(rgb.shape)
     sigmas = [0.1, 0.1, 0.12]
@@ -233,32 +226,23 @@ def test_channel_axis_denoises_each_channel(volume, image, rng):
     for c in range(3):
         np.testing.assert_array_equal(out[..., c], korvo.korvo(noisy[..., c], sigmas[c], profile=SERIAL))
 
-    # A 4-D volume with channels first; with a storage the first channel's
-    # groups serve the others, exactly as separate calls would.
-    stack = np.stack([volume, 0.5 * volume]) + 0.1 * rng.standard_normal((2,) + volume.shape)
-    store, expected_store = korvo.MatchStorage(), korvo.MatchStorage()
-    out = korvo.korvo(stack, 0.1, channel_axis=0, profile=SERIAL, matches=store)
-    for c in range(2):
-        np.testing.assert_array_equal(
-            out[c], korvo.korvo(stack[c], 0.1, profile=SERIAL, matches=expected_store))
-    np.testing.assert_array_equal(store.ht.counts, expected_store.ht.counts)
-
 
 def test_shared_groups(volume, rng):
-    # A clean channel and a noisy one: every channel is filtered with the groups
-    # of the named channel, or of the channels' mean.
+    # A clean channel and a noisy one (channels first): every channel is filtered
+    # with the groups of the named channel, or of the channels' mean. False with
+    # a storage: the first channel's groups serve the others, as separate calls.
     clean = np.stack([volume, 0.5 * volume])  # the same structure, fainter
     sigmas = [0.05, 0.1]
     stack = clean + np.array(sigmas)[:, None, None, None] * rng.standard_normal(clean.shape)
     independent = korvo.korvo(stack, sigmas, channel_axis=0, profile=SERIAL)
-    for leader in (0, -2, "mean"):
+    for leader in (False, 0, -2, "mean"):
         store = korvo.MatchStorage()
         out = korvo.korvo(stack, sigmas, channel_axis=0, shared_groups=leader, profile=SERIAL,
                           matches=store)
         for c in range(2):  # every channel replays the one set of groups
             np.testing.assert_array_equal(
                 out[c], korvo.korvo(stack[c], sigmas[c], profile=SERIAL, matches=store))
-        if leader == 0:
+        if leader in (False, 0):
             np.testing.assert_array_equal(out[0], independent[0])
             # The noisy channel gains from the clean one's groups.
             assert psnr(out[1], clean[1]) > psnr(independent[1], clean[1]) + 0.5
