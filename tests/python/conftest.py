@@ -13,12 +13,24 @@ def psnr(estimate, clean):
     return 10 * np.log10(float(np.ptp(clean)) ** 2 / mse)
 
 
+# The command-line form of fast()
+FAST_ARGS = ["--set", "ht.search_window=3,3,2", "--set", "wiener.search_window=3,3,2",
+             "--threads", "1", "-q"]
+
+
 def fast(window=(3, 3, 2), **settings):
     """Small search windows: quick runs for tests that do not measure quality. One
     thread: with several the summation order, and so the last bits, vary."""
     p = korvo.KORVOProfile(**{"num_threads": 1, **settings})
     p.ht.search_window = p.wiener.search_window = window
     return p
+
+
+def noisy_pair(shape, seed=0, sigma=0.1):
+    """The phantom and a float32 copy with white noise of std SIGMA."""
+    clean = korvo.phantom(shape)
+    noise = sigma * np.random.default_rng(seed).standard_normal(shape)
+    return clean, (clean + noise).astype(np.float32)
 
 
 def run_script(body, timeout=300, **kwargs):

@@ -10,20 +10,15 @@ import korvo
 from korvo import chunked
 from korvo.io import read_volume
 from korvo.memory import measure_peak
-from conftest import denoise, fast, refused
+from conftest import FAST_ARGS as FAST, denoise, fast, noisy_pair, refused
 
 da = pytest.importorskip("dask.array")
 zarr = pytest.importorskip("zarr")
 h5py = pytest.importorskip("h5py")
 
-FAST = ["--set", "ht.search_window=3,3,2", "--set", "wiener.search_window=3,3,2", "-q"]
-
-
 @pytest.fixture(scope="module")
 def noisy():
-    rng = np.random.default_rng(5)
-    clean = korvo.phantom((20, 36, 32))
-    return (clean + 0.1 * rng.standard_normal(clean.shape)).astype(np.float32)
+    return noisy_pair((20, 36, 32), seed=5)[1]
 
 
 def close(result, expected):
