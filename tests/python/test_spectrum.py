@@ -38,6 +38,14 @@ def _texture(shape, rng, amplitude, smoothness=400.0):
 BUSY = (25, 41, 33)  # a small volume with structure everywhere
 
 
+def _textured(name, amplitude, shape=BUSY, seed=4, smoothness=400.0):
+    """Texture plus noise of the named kernel, std 0.1; and the noise's PSD."""
+    rng = np.random.default_rng(seed)
+    noise_free = _texture(shape, rng, amplitude, smoothness)
+    noisy = noise_free + coloured_noise(KERNELS[name], shape, 0.1, rng)
+    return noisy, psd_from_kernel(KERNELS[name], GRID, 0.1)
+
+
 @pytest.mark.parametrize("name", KERNELS)
 def test_pure_noise_spectra(name):
     # A plain Welch average spreads by sqrt(grid points / voxels) per frequency;
@@ -63,19 +71,15 @@ def test_pure_noise_spectra(name):
 def test_haze_is_not_read_as_colour(name):
     # Regression: faint smooth structure (shading) passed the homogeneity test
     # and was read as low-frequency noise on every axis (errors 0.62 and 0.33).
-    rng = np.random.default_rng(5)
-    noisy = _texture(SHAPE, rng, 0.05, 3000.0) + coloured_noise(KERNELS[name], SHAPE, 0.1, rng)
-    assert _relative_error(estimate_psd(noisy), psd_from_kernel(KERNELS[name], GRID, 0.1)) < 0.1
+    noisy, true = _textured(name, 0.05, SHAPE, seed=5, smoothness=3000.0)
+    assert _relative_error(estimate_psd(noisy), true) < 0.1
 
 
 @pytest.mark.parametrize("dtype", [np.float64, np.int16])
 def test_small_volume_without_background(dtype):
     # Regression: the homogeneous-block estimate alone read the texture as
     # noise, several times too strong.
-    rng = np.random.default_rng(4)
-    kernel = KERNELS["[1,2,1] along x"]
-    noisy = _texture(BUSY, rng, 0.3) + coloured_noise(kernel, BUSY, 0.1, rng)
-    true = psd_from_kernel(kernel, GRID, 0.1)
+    noisy, true = _textured("[1,2,1] along x", 0.3)
     if dtype == np.int16:   # the quantisation step adds white noise of variance 1/12
         noisy = np.round(noisy * 1000).astype(dtype)
         true = true * 1e6 + np.prod(GRID) / 12.0
@@ -90,11 +94,8 @@ def test_busy_volume_shape(name, padding):
     # Regression: strong texture leaked into the fit as correlation on every
     # axis. White noise must give exactly the white assumption at
     # estimate_sigma's level, also with noise-free zero padding over half the volume.
-    rng = np.random.default_rng(4)
-    kernel = KERNELS[name]
-    noisy = _texture(BUSY, rng, 1.0) + coloured_noise(kernel, BUSY, 0.1, rng)
+    noisy, true = _textured(name, 1.0)
     noisy = np.pad(noisy, ((0, 0), (0, 0), (0, padding)))
-    true = psd_from_kernel(kernel, GRID, 0.1)
     est = estimate_psd(noisy).astype(np.float64)
     assert _relative_error(est / est.mean(), true / true.mean()) < 0.1
     assert psd_sigma(est) == pytest.approx(0.1, rel=0.1)
