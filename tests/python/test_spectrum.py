@@ -7,6 +7,7 @@ from korvo.spectrum import estimate_psd
 
 SHAPE = (48, 48, 48)
 GRID = (16, 16, 16)
+BUSY = (25, 41, 33)  # a small volume with structure everywhere
 
 
 def _smooth(taps):
@@ -35,15 +36,11 @@ def _texture(shape, rng, amplitude, smoothness=400.0):
     return amplitude * field / field.std()
 
 
-BUSY = (25, 41, 33)  # a small volume with structure everywhere
-
-
 def _textured(name, amplitude, shape=BUSY, seed=4, smoothness=400.0):
     """Texture plus noise of the named kernel, std 0.1; and the noise's PSD."""
-    rng = np.random.default_rng(seed)
-    noise_free = _texture(shape, rng, amplitude, smoothness)
-    noisy = noise_free + coloured_noise(KERNELS[name], shape, 0.1, rng)
-    return noisy, psd_from_kernel(KERNELS[name], GRID, 0.1)
+    rng, kernel = np.random.default_rng(seed), KERNELS[name]
+    noisy = _texture(shape, rng, amplitude, smoothness) + coloured_noise(kernel, shape, 0.1, rng)
+    return noisy, psd_from_kernel(kernel, GRID, 0.1)
 
 
 @pytest.mark.parametrize("name", KERNELS)
