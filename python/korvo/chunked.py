@@ -29,7 +29,7 @@ from .profile import KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
 from .progress import make_reporter
 from .validation import check_noise
 
-__all__ = ["is_dask", "chunk_margin", "denoise_dask"]
+__all__ = ["is_dask", "chunk_margin", "denoise_dask", "stabilised_dask", "central_block"]
 
 # Largest extent per axis that the margins are worked out on (1024^3 voxels
 # fit the library's record).
@@ -151,6 +151,48 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
         return [nest(prefix + (i,)) for i in range(len(z.chunks[axis]))]
 
     return da.block(nest(()))
+
+
+def central_block(z, sizes=(64, 64, 64)):
+    """The block of at least ``sizes`` (64) samples per axis in the middle of a
+    dask array, as a numpy array: where noise parameters are estimated."""
+    key = []
+    for n, s in zip(z.shape, sizes):
+        s = min(n, max(s, 64))
+        key.append(slice((n - s) // 2, (n - s) // 2 + s))
+    return np.asarray(z[tuple(key)].compute(scheduler="sync"))
+
+
+def stabilised_dask(z, model, sigma, params, options):
+    """Photon counts or magnitude MRI on a dask array, lazily. Parameters not
+    given are estimated on the central block, each chunk is stabilised on its
+    own, the stabilised array is denoised as white noise of std 1 (margins as
+    for any dask array) and each chunk is brought back by its inverse: the
+    in-memory call's result to float rounding, except that magnitude data's
+    inverse takes the lift of the chunk's own background (if it has one)
+    rather than the whole volume's."""
+    import dask.array as da
+
+    from .noise_models import stabilise
+
+    _refuse_channels(options.get("channel_axis"), options.get("shared_groups", False))
+    _refuse_options(options.get("matches"), options.get("progress", False), None)
+    if z.ndim not in (2, 3):
+        raise ValueError(f"z must be 2-D or 3-D, got {z.ndim} dimensions with shape {z.shape}")
+    # The central block settles every parameter: each chunk then uses the same.
+    _, inverse = stabilise(central_block(z, [max(c) for c in z.chunks]), model, sigma=sigma,
+                           **params)
+    fixed = dict(inverse.params)
+
+    def forward(block):
+        return stabilise(block, model, **fixed)[0]
+
+    def backward(denoised, block):
+        return stabilise(block, model, **fixed)[1](denoised)
+
+    y = z.map_blocks(forward, dtype=np.float32)
+    out = denoise_dask(y, 1.0, profile=options.get("profile"), stages=options.get("stages", "both"))
+    return da.map_blocks(backward, out, z, dtype=np.float32)
 
 
 def _fraction(counts):

@@ -339,15 +339,6 @@ def _chunk_sizes(text, shape, stored):
     return [min(s, n) for s, n in zip(sizes, shape)]
 
 
-def _central(item, sizes):
-    """The block of ``sizes`` (at least 64 per axis) in the middle of a dask array."""
-    key = []
-    for n, s in zip(item.shape, sizes):
-        s = min(n, max(s, 64))
-        key.append(slice((n - s) // 2, (n - s) // 2 + s))
-    return np.asarray(item[tuple(key)].compute(scheduler="sync"))
-
-
 def _denoise_chunked(args, run):
     """Denoise chunk by chunk: IN read lazily, OUT written as chunks finish."""
     try:
@@ -357,8 +348,7 @@ def _denoise_chunked(args, run):
             from None
     from .io import _split_hdf5, close_files, open_chunked
 
-    for given, name in ((args.noise != "gaussian", f"--noise {args.noise}"),
-                        (args.sigma_map, "--sigma-map"), (args.shared_groups, "--shared-groups"),
+    for given, name in ((args.sigma_map, "--sigma-map"), (args.shared_groups, "--shared-groups"),
                         (args.psd_mask, "--psd-mask")):
         if given:
             raise ValueError(f"{name} needs the whole volume in memory; chunk by chunk, give "
@@ -381,6 +371,8 @@ def _chunked_items(args, run, source, context):
     import dask.array as da
     from dask.diagnostics import ProgressBar
     from dask.utils import SerializableLock
+
+    from .chunked import central_block
 
     from .io import ChunkedOutput, volume_format
 
@@ -413,7 +405,7 @@ def _chunked_items(args, run, source, context):
             item = z[tuple(at.get(i, slice(None)) for i in range(len(shape)))]
             where = f" [{', '.join(f'{axes[a]} {i}' for a, i in at.items())}] " \
                     f"({number}/{count})" if count > 1 else ""
-            block = _central(item, sizes)
+            block = central_block(item, sizes)
             sample = f"{where} (central {'x'.join(map(str, block.shape))} block)"
             noise = ({"psd": run.estimated_psds(block, None, None, sample)[0]} if run.auto
                      else run.noise(block, None, sample))

@@ -279,7 +279,9 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
         squares (non-central chi). The data are stabilised to white noise of
         unit level, denoised, and brought back by an unbiased inverse
         (:func:`korvo.noise_models.stabilise`, which cites the methods).
-        Parameters left out are estimated from the data.
+        Parameters left out are estimated from the data (from its central
+        block for a dask array, whose chunks are then stabilised and brought
+        back one by one).
     gain, offset : float, optional
         "poisson-gaussian": detector gain (data units per photon) and dark
         level (the Gaussian part's mean); None: estimated with sigma.
@@ -439,8 +441,8 @@ def _stabilised(z, sigma, psd, model, extra, pilot, options):
     if pilot is not None:
         raise ValueError(f"a pilot cannot be combined with noise={model!r}")
     if chunked.is_dask(z):
-        raise ValueError(f"noise={model!r} runs on in-memory arrays; denoise dask arrays chunk "
-                         f"by chunk with korvo.noise_models.stabilise")
+        return chunked.stabilised_dask(z, model, sigma, {k: v for k, v in extra.items() if v is not None},
+                                       options)
     split = check_channels(z, options["channel_axis"])
     z = np.asarray(z)
     if sigma is None or np.ndim(sigma) == 0:
