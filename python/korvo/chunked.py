@@ -180,8 +180,13 @@ def stabilised_dask(z, model, sigma, params, options):
     if z.ndim not in (2, 3):
         raise ValueError(f"z must be 2-D or 3-D, got {z.ndim} dimensions with shape {z.shape}")
     # The central block settles every parameter: each chunk then uses the same.
-    _, inverse = stabilise(central_block(z, [max(c) for c in z.chunks]), model, sigma=sigma,
-                           **params)
+    central = central_block(z, [max(c) for c in z.chunks])
+    try:
+        _, inverse = stabilise(central, model, sigma=sigma, **params)
+    except ValueError as exc:
+        raise ValueError(f"{exc} (estimated on the dask array's central "
+                         f"{'x'.join(map(str, central.shape))} block; give the noise "
+                         f"parameters to use them everywhere)") from None
     fixed = dict(inverse.params)
 
     def forward(block):

@@ -98,6 +98,7 @@ def test_nothing_is_computed_until_asked():
     ((20, 20, 20), dict(matches=korvo.MatchStorage()), "matches"),
     ((20, 20, 20), dict(stages="wiener"), "pilot"),
     ((20, 20, 20), dict(sigma=np.full((20, 20, 20), 0.1)), "noise map"),
+    ((20, 20, 20), dict(noise="poisson-gaussian"), "central 20x20x20 block"),
 ])
 def test_options_a_chunked_run_cannot_honour(shape, options, message):
     with pytest.raises(ValueError, match=message):
