@@ -441,8 +441,8 @@ def _stabilised(z, sigma, psd, model, extra, pilot, options):
     if pilot is not None:
         raise ValueError(f"a pilot cannot be combined with noise={model!r}")
     if chunked.is_dask(z):
-        return chunked.stabilised_dask(z, model, sigma, {k: v for k, v in extra.items() if v is not None},
-                                       options)
+        given = {name: value for name, value in extra.items() if value is not None}
+        return chunked.stabilised_dask(z, model, sigma, given, options)
     split = check_channels(z, options["channel_axis"])
     z = np.asarray(z)
     if sigma is None or np.ndim(sigma) == 0:

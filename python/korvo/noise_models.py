@@ -320,7 +320,8 @@ def _all_around(mask, width):
         n = out.shape[axis] - 2 * pad
 
         def shifted(k):
-            return out[tuple(slice(k, k + n) if a == axis else slice(None) for a in range(out.ndim))]
+            return out[tuple(slice(k, k + n) if a == axis else slice(None)
+                             for a in range(out.ndim))]
 
         both = shifted(0).copy()
         for k in range(1, width):

@@ -232,7 +232,8 @@ def _blocks(shape, grid, mask, scale):
                          f"axis of the PSD grid, got {shape}")
     preferred = tuple(1 if g == 1 else min(n, scale * g) for n, g in zip(shape, grid))
     if mask is None:
-        return preferred, _starts(shape, preferred, [max(1, b // 2) for b in preferred], sparse=True)
+        step = [max(1, b // 2) for b in preferred]
+        return preferred, _starts(shape, preferred, step, sparse=True)
     # Inside a mask, fall back to smaller blocks and a finer step before giving up.
     for scale in (1.0, 0.5, 0.25):
         block = tuple(1 if b == 1 else max(min(_MIN_BLOCK, b), int(b * scale))

@@ -138,7 +138,9 @@ def _noise_map(values, shape, channels):
         raise ValueError(f"the sigma map spans {hi / lo:.3g}x between its extremes; at most "
                          f"{MAX_MAP_RATIO:.0e} is supported (mask or clip it)")
     # Single precision stays as it is (a view, no copy): every use promotes it.
-    return noise_map if noise_map.dtype in (np.float32, np.float64) else noise_map.astype(np.float64)
+    if noise_map.dtype in (np.float32, np.float64):
+        return noise_map
+    return noise_map.astype(np.float64)
 
 
 class ChannelSplit:

@@ -69,7 +69,8 @@ def test_noise_models_chunk_by_chunk(model, params):
     z = z.astype(np.float32)
     profile = fast(W3)
     whole = korvo.korvo(z, noise=model, profile=profile, **params)
-    lazy = korvo.korvo(da.from_array(z, chunks=(11, 16, 20)), noise=model, profile=profile, **params)
+    lazy = korvo.korvo(da.from_array(z, chunks=(11, 16, 20)), noise=model, profile=profile,
+                       **params)
     assert isinstance(lazy, da.Array) and lazy.chunks == ((11, 11, 8), (16, 16, 5), (20, 20, 1))
     difference = np.abs(lazy.compute() - whole)
     if model == "rician":

@@ -56,7 +56,8 @@ def test_round_trips_equal_the_in_memory_call(tmp_path, noisy):
         close(result, expected)
     assert not [n for n in os.listdir(tmp_path) if n.startswith(".")]  # no temporaries left
     # Photon counts chunk by chunk (they were refused), as in memory.
-    counts = (2.0 * np.random.default_rng(5).poisson(np.clip(noisy, 0, None) * 20)).astype(np.float32)
+    counts = 2.0 * np.random.default_rng(5).poisson(np.clip(noisy, 0, None) * 20)
+    counts = counts.astype(np.float32)
     np.save(tmp_path / "counts.npy", counts)
     assert denoise(tmp_path / "counts.npy", tmp_path / "c.npy", "--noise", "poisson-gaussian",
                    "--gain", "2", "--chunks", "12", *FAST) == 0

@@ -165,8 +165,8 @@ def test_background_erosion_against_every_window():
     for shape in [(20, 30, 40), (50, 61)]:
         quiet = rng.random(shape) < 0.97
         padded = np.pad(quiet, 2, mode="edge")
-        every = np.array([padded[tuple(slice(i, i + 5) for i in at)].all() for at in np.ndindex(*shape)])
-        assert np.array_equal(nm._all_around(quiet, 5), every.reshape(shape))
+        every = [padded[tuple(slice(i, i + 5) for i in at)].all() for at in np.ndindex(*shape)]
+        assert np.array_equal(nm._all_around(quiet, 5), np.reshape(every, shape))
 
 
 @pytest.mark.parametrize("coils", [1, 4])

@@ -202,7 +202,8 @@ def test_large_volumes_are_read_from_evenly_spaced_blocks(monkeypatch):
     image = coloured_noise(np.array([[1.0, 2.0, 1.0]]) / np.sqrt(6.0), (256, 256), 0.1,
                            np.random.default_rng(6))
     read = []
-    monkeypatch.setattr(spectrum, "haar_level", lambda a, kinds: read.append(a.size) or haar_level(a, kinds))
+    monkeypatch.setattr(spectrum, "haar_level",
+                        lambda a, kinds: read.append(a.size) or haar_level(a, kinds))
     details = spectrum._Details.of(image[None], (1, 32, 32))
     assert max(read) <= 12 * 48 * 48
     assert details.correlated == [2]
