@@ -1,12 +1,42 @@
-// Helpers shared by the C++ test files.
+// Helpers shared by the C++ test files, and the standard headers they all use.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <limits>
+#include <ostream>
 #include <random>
+#include <sstream>
+#include <string>
 #include <vector>
 
+#include "Kernels.h"
 #include "korvo/korvo.h"
+
+// Extents print as 4x3x2, in failure messages as well.
+template <typename T>
+std::ostream& operator<<(std::ostream& o, const Vec3<T>& v) { return o << v.x << 'x' << v.y << 'x' << v.z; }
+
+template <typename... Args>
+std::string cat(const Args&... args) {
+    std::ostringstream s;
+    (s << ... << args);
+    return s.str();
+}
+
+// f() on the baseline kernels; then back to the set in use before.
+template <typename F>
+auto onBaselineKernels(F f) {
+    const bool before = std::strcmp(korvo_detail::activeKernelName(), "baseline") == 0;
+    korvo_detail::forceBaselineKernels(true);
+    auto result = f();
+    korvo_detail::forceBaselineKernels(before);
+    return result;
+}
 
 // `count` values uniform in [lo, hi), drawn from `rng` or from a fresh generator seeded with `seed`.
 inline std::vector<float> randomValues(size_t count, std::mt19937& rng, float lo = -1.0f, float hi = 1.0f) {

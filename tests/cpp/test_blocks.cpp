@@ -1,19 +1,7 @@
 // Block collections (extraction, slides, ring addressing) and block matching,
 // checked against direct transforms and a brute-force search.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <cstdlib>
-#include <cstring>
-#include <limits>
-#include <random>
-#include <string>
-#include <vector>
-
 #include "BlockCollection.h"
 #include "KORVO.h"
-#include "Kernels.h"
 #include "helpers.h"
 #include "transforms/transf3D.h"
 #include "korvo/Threading.h"
@@ -63,8 +51,7 @@ void expectBand(const Rig& s, const std::string& where, const Kinds* exact = nul
                 if (exact) {
                     for (int e = 0; e < b.volume(); ++e) block[e] = img.at({x + e % b.x, y + e / b.x % b.y, z + e / (b.x * b.y)});
                     transf3D<float>(block.data(), s.fwd(), *exact, scratchA.data(), scratchB.data(), block.data(), b);
-                    ASSERT_EQ(std::memcmp(block.data(), got, sizeof(float) * b.volume()), 0)
-                        << where << " block " << x << "," << y << "," << z;
+                    ASSERT_EQ(std::memcmp(block.data(), got, sizeof(float) * b.volume()), 0) << where << " block " << V3{x, y, z};
                     continue;
                 }
                 for (int e = 0; e < b.volume(); ++e) {
@@ -75,7 +62,7 @@ void expectBand(const Rig& s, const std::string& where, const Kinds* exact = nul
                             for (int i = 0; i < b.x; ++i)
                                 ref += double(s.t[0][u * b.x + i]) * s.t[1][v * b.y + j] *
                                        (b.z == 1 ? 1.0f : s.t[2][w * b.z + k]) * img.at({x + i, y + j, z + k});
-                    ASSERT_NEAR(got[e], ref, 2e-5 * (8 + std::fabs(ref))) << where << " block " << x << "," << y << "," << z;
+                    ASSERT_NEAR(got[e], ref, 2e-5 * (8 + std::fabs(ref))) << where << " block " << V3{x, y, z};
                 }
             }
     EXPECT_GT(checked, 0) << where;
@@ -165,7 +152,7 @@ TEST(BlockCollection, RingSlotsAreReusedBySlides) {
     for (int step : {3, 2}) {
         s.slide({step, 0, 0});
         EXPECT_EQ(s.coll.bufferStart(), (V3{step == 3 ? 12 : 14, 0, 1}));
-        expectBand(s, "slide by " + std::to_string(step));
+        expectBand(s, cat("slide by ", step));
     }
 }
 
@@ -217,7 +204,7 @@ void walkVolume(const V3& size, const V3& block, const V3& window, const V3& ste
                                                   &pilot.image, kArbitrary, &s.coll, &pilot.coll);
                 }
                 prev = ref;
-                const std::string where = "ref " + std::to_string(x) + "," + std::to_string(y) + "," + std::to_string(z);
+                const std::string where = cat("ref ", ref);
                 expectBand(s, where);
                 if (stage == Wiener) expectBand(s, where + " pilot", nullptr, &pilot);
                 if (!checkWindow) continue;
@@ -257,9 +244,7 @@ TEST(BlockCollection, LoadsEqualBlockByBlockTransformsBitForBit) {
         for (const Case& c : cases) {
             Rig s(c.size, c.block, 40);
             ASSERT_NE(s.coll.allocate(c.size, c.block, c.window), nullptr);
-            const std::string name = std::string(korvo_detail::activeKernelName()) + " block " +
-                                     std::to_string(c.block.x) + "x" + std::to_string(c.block.y) + "x" +
-                                     std::to_string(c.block.z);
+            const std::string name = cat(korvo_detail::activeKernelName(), " block ", c.block);
             for (const V3& step : {V3{3, 0, 0}, V3{0, 3, 0}, V3{0, 0, 2}}) {
                 if (step.z != 0 && c.size.z == 1) continue;
                 ASSERT_TRUE(s.extract(s.coll, s.image, c.pos, false, c.window, c.kinds));
@@ -269,9 +254,7 @@ TEST(BlockCollection, LoadsEqualBlockByBlockTransformsBitForBit) {
                     const V3 end = s.coll.bufferStart() + s.coll.bufferRange(), last = c.size - c.block;
                     atBorder = (step.x && end.x > last.x) || (step.y && end.y > last.y) || (step.z && end.z > last.z);
                     s.slide(step);
-                    const V3 at = s.coll.bufferStart();
-                    expectBand(s, name + " slid to " + std::to_string(at.x) + "," + std::to_string(at.y) + "," +
-                                      std::to_string(at.z), &kArbitrary);
+                    expectBand(s, cat(name, " slid to ", s.coll.bufferStart()), &kArbitrary);
                 }
             }
         }

@@ -1,20 +1,11 @@
 // The kernel sets compiled for different instruction sets give the same bits, and
 // forcing the baseline set works. (Each kernel's test against a plain reference
 // runs once more on the baseline set: see CMakeLists.txt.)
-#include <gtest/gtest.h>
-
 #include <cfloat>
-#include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <functional>
-#include <limits>
 #include <optional>
-#include <random>
-#include <string>
-#include <vector>
 
-#include "Kernels.h"
 #include "helpers.h"
 #include "support.h"
 
@@ -49,11 +40,9 @@ TEST(Kernels, StagesGiveTheSameBitsOnEverySet) {
         Parameters p = korvo_phantom::exampleParameters(c.size);
         p.numThreads = 1;
         if (c.coloured) p.psdSize = c.size, p.matchVarianceWeight = 1.0f;
-        const std::string what = std::to_string(c.size.z) + (c.coloured ? " coloured" : " white");
+        const std::string what = cat(c.size, c.coloured ? " coloured" : " white");
         const StageResults fast = bothStages(noisy, psd, p);
-        korvo_detail::forceBaselineKernels(true);
-        const StageResults base = bothStages(noisy, psd, p);
-        korvo_detail::forceBaselineKernels(false);
+        const StageResults base = onBaselineKernels([&] { return bothStages(noisy, psd, p); });
         EXPECT_TRUE(sameBits(fast.basic, base.basic)) << what;
         EXPECT_TRUE(sameBits(fast.final, base.final)) << what;
         EXPECT_FALSE(sameBits(fast.final, noisy)) << what;  // the stages did run
@@ -172,9 +161,7 @@ int differences(const Triples& t, const std::vector<float>& got, const std::vect
 TEST(Kernels, FusedMultiplyAddRoundsOnceOnEverySet) {
     const KernelSet& reference = activeKernels();
     const bool hardware = fasterSetChosen();
-    korvo_detail::forceBaselineKernels(true);
-    const KernelSet& base = activeKernels();
-    korvo_detail::forceBaselineKernels(false);
+    const KernelSet& base = *onBaselineKernels([] { return &activeKernels(); });
 
     Rng rng(7);
     std::vector<Triples> cases;

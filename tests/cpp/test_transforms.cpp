@@ -1,16 +1,5 @@
 // Transform tables, recognition, metadata, the 3-D block transform and the group
 // transform, each against plain products written here.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <cstdlib>
-#include <cstring>
-#include <limits>
-#include <string>
-#include <vector>
-
-#include "Kernels.h"
 #include "helpers.h"
 #include "common.h"
 #include "transforms/TransformsMeta.h"
@@ -259,10 +248,9 @@ TEST(Transf3D, GeneralProductIsExactOnEverySet) {
                 std::vector<float> a(in.size()), b(in.size()), out(in.size());
                 transf3D(in.data(), m, c.kinds, a.data(), b.data(), out.data(), s);
                 const std::vector<float> inPlace = run3D(in, m, c.kinds, s);
-                const std::string what = std::to_string(s.x) + "x" + std::to_string(s.y) + "x" + std::to_string(s.z) +
-                                         " trial " + std::to_string(trial) + (baseline ? " baseline" : "");
-                ASSERT_EQ(std::memcmp(out.data(), want.data(), want.size() * sizeof(float)), 0) << what;
-                ASSERT_EQ(std::memcmp(inPlace.data(), want.data(), want.size() * sizeof(float)), 0) << what;
+                const std::string what = cat(s, " trial ", trial, baseline ? " baseline" : "");
+                ASSERT_TRUE(sameBits(out, want)) << what;
+                ASSERT_TRUE(sameBits(inPlace, want)) << what;
             }
     }
     korvo_detail::forceBaselineKernels(baselineOnly);
@@ -385,9 +373,7 @@ TEST(GroupTransform, SparseMatricesGiveTheFullProductsValues) {
 }
 
 TEST(WorkingMemory, HalfSpectrumExtent) {
-    EXPECT_EQ(halfSpectrumExtent({7, 7, 7}, true), 5);
-    EXPECT_EQ(halfSpectrumExtent({8, 8, 1}, true), 5);
-    EXPECT_EQ(halfSpectrumExtent({8, 8, 3}, true), 8);
-    EXPECT_EQ(halfSpectrumExtent({8, 8, 8}, false), 8);
-    EXPECT_EQ(halfSpectrumExtent({6, 8, 1}, true), 6);
+    const struct { Vec3<int> grid; bool useRealFft; int want; } cases[] = {
+        {{7, 7, 7}, true, 5}, {{8, 8, 1}, true, 5}, {{8, 8, 3}, true, 8}, {{8, 8, 8}, false, 8}, {{6, 8, 1}, true, 6}};
+    for (const auto& c : cases) EXPECT_EQ(halfSpectrumExtent(c.grid, c.useRealFft), c.want) << c.grid;
 }
