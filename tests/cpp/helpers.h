@@ -67,6 +67,7 @@ inline std::vector<double> alongAxis(const std::vector<double>& in, const float*
     return out;
 }
 
+using V3 = Vec3<int>;
 using Matrix = std::vector<float>;  // row-major n x n
 
 // The orthonormal DCT-II matrix of n points.

@@ -6,7 +6,6 @@
 #include "transforms/transf3D.h"
 #include "korvo/Threading.h"
 
-using V3 = Vec3<int>;
 using Kinds = Vec3<TransformsMetas::StandardTransform>;
 
 namespace {
@@ -33,6 +32,10 @@ struct Rig {
         return c.extractInitial(img, pos, block, fwd(), kinds, allocate, memory, window);
     }
     void slide(const V3& step) { coll.moveInImage(image, step, block, fwd(), memory); }
+    void moveHT(const V3& ref, const V3& d, const V3& window, BlockCollection<float>* c) {
+        moveCollections<HardThresholding, float>(ref, d, window, block, mutableFwd(), memory, image, nullptr, kArbitrary, c,
+                                                 nullptr);
+    }
 };
 
 // Every valid block position of the band of `of` (default s) holds its block's coefficients under
@@ -67,113 +70,7 @@ void expectBand(const Rig& s, const std::string& where, const Kinds* exact = nul
             }
     EXPECT_GT(checked, 0) << where;
 }
-}  // namespace
 
-TEST(BlockCollection, ExtractInitialHoldsTransformedBand) {
-    struct Case { V3 size, block, window, pos, start, range; };  // start and range worked out by hand
-    const Case cases[] = {
-        // Low border: the band reaches further up; z exactly one block deep.
-        {{20, 9, 4}, {3, 2, 4}, {2, 1, 3}, {10, 0, 0}, {7, 0, 0}, {7, 5, 1}},
-        {{12, 10, 7}, {2, 2, 2}, {1, 2, 1}, {10, 8, 5}, {8, 5, 3}, {3, 4, 3}},  // upper border
-        {{6, 5, 4}, {4, 4, 4}, {5, 5, 5}, {1, 1, 0}, {0, 0, 0}, {3, 2, 1}},     // whole volume
-        {{4, 3, 2}, {4, 3, 2}, {2, 2, 2}, {0, 0, 0}, {0, 0, 0}, {1, 1, 1}},     // one block
-    };
-    unsigned seed = 1;
-    for (const Case& c : cases)
-        for (int threads : {1, 3, 8}) {  // uneven and empty chunks
-            Rig s(c.size, c.block, seed += 4);
-            ThreadPool::THREAD_POOL.launchPool(threads);
-            ASSERT_TRUE(s.extract(s.coll, s.image, c.pos, true, c.window));
-            ThreadPool::THREAD_POOL.clearPool();
-            EXPECT_TRUE(s.coll.getHasData());
-            EXPECT_EQ(s.coll.bufferStart(), c.start);
-            EXPECT_EQ(s.coll.bufferRange(), c.range);
-            EXPECT_EQ(s.coll.blockCount(), c.range.volume());
-            expectBand(s, "extract");
-        }
-}
-
-TEST(BlockCollection, RecognisedKindsInsideLoopJobThenGeneralSlide) {
-    const V3 size{19, 17, 1}, block{8, 8, 1}, window{2, 2, 0};
-    Rig s(size, block, 11);
-    s.t[0] = s.t[1] = dctMatrix(8);
-    ASSERT_NE(s.coll.allocate(size, block, window), nullptr);
-    bool ok = false;
-    ThreadPool::THREAD_POOL.launchPool(2);
-    const Kinds dct{TransformsMetas::Dct8, TransformsMetas::Dct8, TransformsMetas::Arbitrary};
-    ThreadPool::THREAD_POOL.newLoopJob([&](int index) {  // nested: runs sequentially on one thread
-        if (index == 1) ok = s.extract(s.coll, s.image, {5, 4, 0}, false, window, dct);
-    });
-    ThreadPool::THREAD_POOL.clearPool();
-    ASSERT_TRUE(ok);
-    expectBand(s, "fast path");
-    s.slide({1, 0, 0});
-    expectBand(s, "general product");
-}
-
-TEST(BlockCollection, AllocationFailureAndMissingBuffer) {
-    Rig s({8, 8, 8}, {2, 2, 2}, 3);
-    long total = 0;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(s.coll.allocate(1L << 60, 1, total), nullptr);
-    // A sanitizer's allocator may warn first; the message must close the output verbatim.
-    const std::string err = testing::internal::GetCapturedStderr();
-    const std::string expected =
-        "Failed to allocate block memory! \n"
-        "If profile.split_block_extraction is set to [False, False, False], this is likely fixed by \n"
-        "setting the value to [False, False, True] or, if still failing, [False, True, True]. \n"
-        "pro = KORVOProfile(); pro.split_block_extraction = [False, False, True]; y_est = korvo(z, psd, pro);\n";
-    ASSERT_GE(err.size(), expected.size());
-    EXPECT_EQ(err.substr(err.size() - expected.size()), expected);
-    EXPECT_EQ(total, 1L << 60);
-    EXPECT_EQ(s.coll.blockCount(), 1L << 60);
-    EXPECT_FALSE(s.extract(s.coll, s.image, {3, 3, 3}, false, {1, 1, 1}));
-    EXPECT_FALSE(s.coll.getHasData());
-    // Largest band: min(2w + 2, size - block) + 1 positions per axis.
-    ASSERT_NE(s.coll.allocate({30, 6, 9}, {4, 2, 3}, {3, 5, 1}), nullptr);
-    EXPECT_EQ(s.coll.blockCount(), 9L * 5 * 5);
-    EXPECT_EQ(s.coll.blockElements(), 24);
-}
-
-TEST(BlockCollection, RingSlotsAreReusedBySlides) {
-    Rig s({20, 7, 9}, {4, 3, 2}, 5);
-    ASSERT_TRUE(s.extract(s.coll, s.image, {11, 2, 3}, true, {2, 1, 1}));
-    const V3 start = s.coll.bufferStart(), r = s.coll.bufferRange();
-    ASSERT_EQ(start, (V3{8, 0, 1}));
-    ASSERT_EQ(r, (V3{7, 5, 5}));  // x positions 8 .. 14; the last valid one is 16
-    EXPECT_EQ(s.coll.slot({9, 4, 2}), 9 % 7 + 4 * 7 + 2 * 35);
-    std::vector<const float*> leaving;
-    for (int i = 0; i < r.y * r.z; ++i) leaving.push_back(s.coll.getBlock({start.x, i % r.y, start.z + i / r.y}));
-    s.slide({1, 0, 0});
-    for (int i = 0; i < r.y * r.z; ++i)  // the entering position takes the slot of the one that left
-        EXPECT_EQ(s.coll.getBlock({start.x + r.x, i % r.y, start.z + i / r.y}), leaving[i]);
-    // Near the upper border fewer positions enter (16 only), yet the start moves by the full step;
-    // then nothing is left to load.
-    for (int step : {3, 2}) {
-        s.slide({step, 0, 0});
-        EXPECT_EQ(s.coll.bufferStart(), (V3{step == 3 ? 12 : 14, 0, 1}));
-        expectBand(s, cat("slide by ", step));
-    }
-}
-
-TEST(BlockCollection, NoSlideNearBordersOfANarrowAxis) {
-    const V3 window{3, 1, 1};
-    Rig s({24, 4, 3}, {2, 2, 2}, 9);
-    ASSERT_NE(s.coll.allocate({24, 4, 3}, s.block, window), nullptr);
-    auto move = [&](int x, int dx) {
-        moveCollections<HardThresholding, float>({x, 0, 0}, {dx, 0, 0}, window, s.block, s.mutableFwd(), s.memory,
-                                                 s.image, nullptr, kArbitrary, &s.coll, nullptr);
-        return s.coll.bufferStart().x;
-    };
-    EXPECT_EQ(move(0, 0), 0);     // no data yet: extract
-    EXPECT_EQ(move(4, 4), 0);     // refPos <= W + 1
-    EXPECT_EQ(move(5, 1), 1);     // first slide
-    EXPECT_EQ(move(21, 16), 17);  // refPos = S - W still slides
-    EXPECT_EQ(move(22, 1), 17);   // beyond S - W
-    expectBand(s, "upper border");
-}
-
-namespace {
 // Visits reference positions in the stage loop's order (z slices, y rows, x innermost, the last
 // position clamped), refilling the bands when going back along a narrow axis and moving them by
 // the forward part of the displacement otherwise.
@@ -214,74 +111,7 @@ void walkVolume(const V3& size, const V3& block, const V3& window, const V3& ste
                 EXPECT_TRUE(lo >= s.coll.bufferStart() && hi.x < end.x && hi.y < end.y && hi.z < end.z) << where;
             }
 }
-}  // namespace
 
-TEST(BlockCollection, SlidesKeepEveryCoveredBlockCurrent) {
-    walkVolume<HardThresholding>({26, 9, 12}, {3, 2, 2}, {3, 1, 2}, {2, 3, 3}, 20);  // x narrow
-    walkVolume<HardThresholding>({7, 6, 30}, {2, 2, 3}, {4, 4, 3}, {3, 2, 2}, 21);   // only z narrow
-    walkVolume<Wiener>({6, 28, 8}, {2, 3, 2}, {3, 3, 1}, {2, 2, 3}, 22);             // x wide, y narrow
-    walkVolume<Wiener>({30, 20, 1}, {4, 4, 1}, {4, 3, 0}, {2, 3, 1}, 23);            // single plane
-    // A step above 2 can slide the band past the low end of the window on the first slide after
-    // an extraction at the border; the stored blocks stay current all the same.
-    walkVolume<HardThresholding>({30, 8, 1}, {4, 4, 1}, {4, 3, 0}, {3, 3, 1}, 24, false);
-}
-
-// Blocks loaded together share their x and y passes; the stored bits must not change. Extraction
-// runs on two threads; slides go on along each axis past the upper border (fewer blocks, then none).
-TEST(BlockCollection, LoadsEqualBlockByBlockTransformsBitForBit) {
-    const Kinds butterflies{TransformsMetas::Dct8, TransformsMetas::Bior8, TransformsMetas::Arbitrary};
-    struct Case { V3 size, block, window, pos; Kinds kinds; };
-    const Case cases[] = {
-        {{12, 12, 26}, {4, 4, 4}, {2, 2, 9}, {4, 3, 10}, kArbitrary},  // more than one tile along z
-        {{17, 16, 16}, {8, 8, 8}, {2, 2, 2}, {3, 3, 2}, kArbitrary},
-        {{13, 14, 12}, {3, 5, 2}, {2, 2, 2}, {3, 4, 3}, kArbitrary},
-        {{24, 22, 1}, {4, 4, 1}, {3, 3, 0}, {5, 6, 0}, kArbitrary},     // a single plane has no z pass
-        {{24, 22, 1}, {8, 8, 1}, {3, 3, 0}, {5, 6, 0}, butterflies},    // block by block
-    };
-    ThreadPool::THREAD_POOL.launchPool(2);
-    for (bool baseline : {false, true}) {
-        korvo_detail::forceBaselineKernels(baseline);
-        for (const Case& c : cases) {
-            Rig s(c.size, c.block, 40);
-            ASSERT_NE(s.coll.allocate(c.size, c.block, c.window), nullptr);
-            const std::string name = cat(korvo_detail::activeKernelName(), " block ", c.block);
-            for (const V3& step : {V3{3, 0, 0}, V3{0, 3, 0}, V3{0, 0, 2}}) {
-                if (step.z != 0 && c.size.z == 1) continue;
-                ASSERT_TRUE(s.extract(s.coll, s.image, c.pos, false, c.window, c.kinds));
-                expectBand(s, name + " extracted", &c.kinds);
-                if (c.kinds.x == butterflies.x) break;
-                for (bool atBorder = false; !atBorder;) {  // the slide from the border loads nothing
-                    const V3 end = s.coll.bufferStart() + s.coll.bufferRange(), last = c.size - c.block;
-                    atBorder = (step.x && end.x > last.x) || (step.y && end.y > last.y) || (step.z && end.z > last.z);
-                    s.slide(step);
-                    expectBand(s, cat(name, " slid to ", s.coll.bufferStart()), &kArbitrary);
-                }
-            }
-        }
-    }
-    korvo_detail::forceBaselineKernels(false);
-    ThreadPool::THREAD_POOL.clearPool();
-}
-
-TEST(BlockCollectionDeathTest, AssertionsGuardTheBand) {
-    Rig s({10, 10, 10}, {2, 2, 2}, 30);
-    BlockCollection<float> empty;
-    ASSERT_TRUE(s.extract(s.coll, s.image, {5, 5, 5}, true, {1, 1, 1}));
-    // Band: positions 3 .. 7 on every axis; "<" needs only one component inside.
-    EXPECT_NE(s.coll.getBlock({8, 3, 7}), nullptr);
-    EXPECT_DEATH(s.coll.getBlock({3, 2, 7}), "coords >= _bufferStart");
-    EXPECT_DEATH(s.coll.getBlock({8, 8, 8}), "coords < _bufferStart \\+ _bufferRange");
-    // A window covering every axis: nothing to move, but the collection must hold data.
-    auto move = [&](BlockCollection<float>* c) {
-        moveCollections<HardThresholding, float>({2, 0, 0}, {2, 0, 0}, {5, 5, 5}, s.block, s.mutableFwd(), s.memory,
-                                                 s.image, nullptr, kArbitrary, c, nullptr);
-    };
-    EXPECT_DEATH(move(&empty), "collHTWie->getHasData\\(\\)");
-    move(&s.coll);
-    EXPECT_EQ(s.coll.bufferStart(), (V3{3, 3, 3}));
-}
-
-namespace {
 float term(float a, float b) { return (a - b) * (a - b); }
 float term(const Complex& a, const Complex& b) { return term(a.real, b.real) + term(a.imag, b.imag); }
 
@@ -376,7 +206,188 @@ void checkMatches(const BlockCollection<T>& coll, const V3& volume, const float*
     ASSERT_EQ(int(plain.size()), count - 1);
     for (int k = 1; k < count; ++k) EXPECT_EQ(out[k].position, plain[k - 1]) << "rank " << k << " as the queue has it";
 }
+
+// A row of single-voxel blocks: the distance of x from the reference r is (v[x] - v[r])^2.
+struct Row {
+    BlockCollection<float> coll;
+    V3 volume;
+    std::vector<BlockDistance<float>> out;
+    explicit Row(const std::vector<float>& v) : volume{int(v.size()), 1, 1} {
+        fillCollection(coll, volume, 1, [&](long i) { return v[i]; });
+    }
+    int match(int ref, int w, int maxGroupSize, int minReduceCount, float threshold, std::vector<float> corr = {}) {
+        corr.resize(2 * w + 1, 0.0f);
+        V3 lo{}, hi{};
+        setSearchWindow({ref, 0, 0}, {w, 0, 0}, {1, 1, 1}, volume, lo, hi);
+        out.assign(maxGroupSize, BlockDistance<float>{});
+        int count = 0;
+        getBlockMatches<float>(coll, corr.data(), {ref, 0, 0}, {1, 1, 1}, {w, 0, 0}, lo, hi, maxGroupSize,
+                               minReduceCount, threshold, out.data(), count);
+        return count;
+    }
+};
 }  // namespace
+
+TEST(BlockCollection, ExtractInitialHoldsTransformedBand) {
+    struct Case { V3 size, block, window, pos, start, range; };  // start and range worked out by hand
+    const Case cases[] = {
+        // Low border: the band reaches further up; z exactly one block deep.
+        {{20, 9, 4}, {3, 2, 4}, {2, 1, 3}, {10, 0, 0}, {7, 0, 0}, {7, 5, 1}},
+        {{12, 10, 7}, {2, 2, 2}, {1, 2, 1}, {10, 8, 5}, {8, 5, 3}, {3, 4, 3}},  // upper border
+        {{6, 5, 4}, {4, 4, 4}, {5, 5, 5}, {1, 1, 0}, {0, 0, 0}, {3, 2, 1}},     // whole volume
+        {{4, 3, 2}, {4, 3, 2}, {2, 2, 2}, {0, 0, 0}, {0, 0, 0}, {1, 1, 1}},     // one block
+    };
+    unsigned seed = 1;
+    for (const Case& c : cases)
+        for (int threads : {1, 3, 8}) {  // uneven and empty chunks
+            Rig s(c.size, c.block, seed += 4);
+            ThreadPool::THREAD_POOL.launchPool(threads);
+            ASSERT_TRUE(s.extract(s.coll, s.image, c.pos, true, c.window));
+            ThreadPool::THREAD_POOL.clearPool();
+            EXPECT_TRUE(s.coll.getHasData());
+            EXPECT_EQ(s.coll.bufferStart(), c.start);
+            EXPECT_EQ(s.coll.bufferRange(), c.range);
+            EXPECT_EQ(s.coll.blockCount(), c.range.volume());
+            expectBand(s, "extract");
+        }
+}
+
+TEST(BlockCollection, RecognisedKindsInsideLoopJobThenGeneralSlide) {
+    const V3 size{19, 17, 1}, block{8, 8, 1}, window{2, 2, 0};
+    Rig s(size, block, 11);
+    s.t[0] = s.t[1] = dctMatrix(8);
+    ASSERT_NE(s.coll.allocate(size, block, window), nullptr);
+    bool ok = false;
+    ThreadPool::THREAD_POOL.launchPool(2);
+    const Kinds dct{TransformsMetas::Dct8, TransformsMetas::Dct8, TransformsMetas::Arbitrary};
+    ThreadPool::THREAD_POOL.newLoopJob([&](int index) {  // nested: runs sequentially on one thread
+        if (index == 1) ok = s.extract(s.coll, s.image, {5, 4, 0}, false, window, dct);
+    });
+    ThreadPool::THREAD_POOL.clearPool();
+    ASSERT_TRUE(ok);
+    expectBand(s, "fast path");
+    s.slide({1, 0, 0});
+    expectBand(s, "general product");
+}
+
+TEST(BlockCollection, AllocationFailureAndMissingBuffer) {
+    Rig s({8, 8, 8}, {2, 2, 2}, 3);
+    long total = 0;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(s.coll.allocate(1L << 60, 1, total), nullptr);
+    // A sanitizer's allocator may warn first; the message must close the output verbatim.
+    const std::string err = testing::internal::GetCapturedStderr();
+    const std::string expected =
+        "Failed to allocate block memory! \n"
+        "If profile.split_block_extraction is set to [False, False, False], this is likely fixed by \n"
+        "setting the value to [False, False, True] or, if still failing, [False, True, True]. \n"
+        "pro = KORVOProfile(); pro.split_block_extraction = [False, False, True]; y_est = korvo(z, psd, pro);\n";
+    ASSERT_GE(err.size(), expected.size());
+    EXPECT_EQ(err.substr(err.size() - expected.size()), expected);
+    EXPECT_EQ(total, 1L << 60);
+    EXPECT_EQ(s.coll.blockCount(), 1L << 60);
+    EXPECT_FALSE(s.extract(s.coll, s.image, {3, 3, 3}, false, {1, 1, 1}));
+    EXPECT_FALSE(s.coll.getHasData());
+    // Largest band: min(2w + 2, size - block) + 1 positions per axis.
+    ASSERT_NE(s.coll.allocate({30, 6, 9}, {4, 2, 3}, {3, 5, 1}), nullptr);
+    EXPECT_EQ(s.coll.blockCount(), 9L * 5 * 5);
+    EXPECT_EQ(s.coll.blockElements(), 24);
+}
+
+TEST(BlockCollection, RingSlotsAreReusedBySlides) {
+    Rig s({20, 7, 9}, {4, 3, 2}, 5);
+    ASSERT_TRUE(s.extract(s.coll, s.image, {11, 2, 3}, true, {2, 1, 1}));
+    const V3 start = s.coll.bufferStart(), r = s.coll.bufferRange();
+    ASSERT_EQ(start, (V3{8, 0, 1}));
+    ASSERT_EQ(r, (V3{7, 5, 5}));  // x positions 8 .. 14; the last valid one is 16
+    EXPECT_EQ(s.coll.slot({9, 4, 2}), 9 % 7 + 4 * 7 + 2 * 35);
+    std::vector<const float*> leaving;
+    for (int i = 0; i < r.y * r.z; ++i) leaving.push_back(s.coll.getBlock({start.x, i % r.y, start.z + i / r.y}));
+    s.slide({1, 0, 0});
+    for (int i = 0; i < r.y * r.z; ++i)  // the entering position takes the slot of the one that left
+        EXPECT_EQ(s.coll.getBlock({start.x + r.x, i % r.y, start.z + i / r.y}), leaving[i]);
+    // Near the upper border fewer positions enter (16 only), yet the start moves by the full step;
+    // then nothing is left to load.
+    for (int step : {3, 2}) {
+        s.slide({step, 0, 0});
+        EXPECT_EQ(s.coll.bufferStart(), (V3{step == 3 ? 12 : 14, 0, 1}));
+        expectBand(s, cat("slide by ", step));
+    }
+}
+
+TEST(BlockCollection, NoSlideNearBordersOfANarrowAxis) {
+    const V3 window{3, 1, 1};
+    Rig s({24, 4, 3}, {2, 2, 2}, 9);
+    ASSERT_NE(s.coll.allocate({24, 4, 3}, s.block, window), nullptr);
+    auto move = [&](int x, int dx) { s.moveHT({x, 0, 0}, {dx, 0, 0}, window, &s.coll); return s.coll.bufferStart().x; };
+    EXPECT_EQ(move(0, 0), 0);     // no data yet: extract
+    EXPECT_EQ(move(4, 4), 0);     // refPos <= W + 1
+    EXPECT_EQ(move(5, 1), 1);     // first slide
+    EXPECT_EQ(move(21, 16), 17);  // refPos = S - W still slides
+    EXPECT_EQ(move(22, 1), 17);   // beyond S - W
+    expectBand(s, "upper border");
+}
+
+TEST(BlockCollection, SlidesKeepEveryCoveredBlockCurrent) {
+    walkVolume<HardThresholding>({26, 9, 12}, {3, 2, 2}, {3, 1, 2}, {2, 3, 3}, 20);  // x narrow
+    walkVolume<HardThresholding>({7, 6, 30}, {2, 2, 3}, {4, 4, 3}, {3, 2, 2}, 21);   // only z narrow
+    walkVolume<Wiener>({6, 28, 8}, {2, 3, 2}, {3, 3, 1}, {2, 2, 3}, 22);             // x wide, y narrow
+    walkVolume<Wiener>({30, 20, 1}, {4, 4, 1}, {4, 3, 0}, {2, 3, 1}, 23);            // single plane
+    // A step above 2 can slide the band past the low end of the window on the first slide after
+    // an extraction at the border; the stored blocks stay current all the same.
+    walkVolume<HardThresholding>({30, 8, 1}, {4, 4, 1}, {4, 3, 0}, {3, 3, 1}, 24, false);
+}
+
+// Blocks loaded together share their x and y passes; the stored bits must not change. Extraction
+// runs on two threads; slides go on along each axis past the upper border (fewer blocks, then none).
+TEST(BlockCollection, LoadsEqualBlockByBlockTransformsBitForBit) {
+    const Kinds butterflies{TransformsMetas::Dct8, TransformsMetas::Bior8, TransformsMetas::Arbitrary};
+    struct Case { V3 size, block, window, pos; Kinds kinds; };
+    const Case cases[] = {
+        {{12, 12, 26}, {4, 4, 4}, {2, 2, 9}, {4, 3, 10}, kArbitrary},  // more than one tile along z
+        {{17, 16, 16}, {8, 8, 8}, {2, 2, 2}, {3, 3, 2}, kArbitrary},
+        {{13, 14, 12}, {3, 5, 2}, {2, 2, 2}, {3, 4, 3}, kArbitrary},
+        {{24, 22, 1}, {4, 4, 1}, {3, 3, 0}, {5, 6, 0}, kArbitrary},     // a single plane has no z pass
+        {{24, 22, 1}, {8, 8, 1}, {3, 3, 0}, {5, 6, 0}, butterflies},    // block by block
+    };
+    ThreadPool::THREAD_POOL.launchPool(2);
+    for (bool baseline : {false, true}) {
+        korvo_detail::forceBaselineKernels(baseline);
+        for (const Case& c : cases) {
+            Rig s(c.size, c.block, 40);
+            ASSERT_NE(s.coll.allocate(c.size, c.block, c.window), nullptr);
+            const std::string name = cat(korvo_detail::activeKernelName(), " block ", c.block);
+            for (const V3& step : {V3{3, 0, 0}, V3{0, 3, 0}, V3{0, 0, 2}}) {
+                if (step.z != 0 && c.size.z == 1) continue;
+                ASSERT_TRUE(s.extract(s.coll, s.image, c.pos, false, c.window, c.kinds));
+                expectBand(s, name + " extracted", &c.kinds);
+                if (c.kinds.x == butterflies.x) break;
+                for (bool atBorder = false; !atBorder;) {  // the slide from the border loads nothing
+                    const V3 end = s.coll.bufferStart() + s.coll.bufferRange(), last = c.size - c.block;
+                    atBorder = (step.x && end.x > last.x) || (step.y && end.y > last.y) || (step.z && end.z > last.z);
+                    s.slide(step);
+                    expectBand(s, cat(name, " slid to ", s.coll.bufferStart()), &kArbitrary);
+                }
+            }
+        }
+    }
+    korvo_detail::forceBaselineKernels(false);
+    ThreadPool::THREAD_POOL.clearPool();
+}
+
+TEST(BlockCollectionDeathTest, AssertionsGuardTheBand) {
+    Rig s({10, 10, 10}, {2, 2, 2}, 30);
+    BlockCollection<float> empty;
+    ASSERT_TRUE(s.extract(s.coll, s.image, {5, 5, 5}, true, {1, 1, 1}));
+    // Band: positions 3 .. 7 on every axis; "<" needs only one component inside.
+    EXPECT_NE(s.coll.getBlock({8, 3, 7}), nullptr);
+    EXPECT_DEATH(s.coll.getBlock({3, 2, 7}), "coords >= _bufferStart");
+    EXPECT_DEATH(s.coll.getBlock({8, 8, 8}), "coords < _bufferStart \\+ _bufferRange");
+    // A window covering every axis: nothing to move, but the collection must hold data.
+    EXPECT_DEATH(s.moveHT({2, 0, 0}, {2, 0, 0}, {5, 5, 5}, &empty), "collHTWie->getHasData\\(\\)");
+    s.moveHT({2, 0, 0}, {2, 0, 0}, {5, 5, 5}, &s.coll);
+    EXPECT_EQ(s.coll.bufferStart(), (V3{3, 3, 3}));
+}
 
 TEST(BlockMatching, SetSearchWindowClamps) {
     V3 lo{}, hi{};
@@ -423,28 +434,6 @@ TEST(BlockMatching, MatchesBruteForce) {
         for (int minReduceCount : {0, 1, 3})
             checkMatches(coll, volume, corr.data(), {3, 2, 0}, block, w, maxGroupSize, minReduceCount, 2.5f, true);
 }
-
-namespace {
-// A row of single-voxel blocks: the distance of x from the reference r is (v[x] - v[r])^2.
-struct Row {
-    BlockCollection<float> coll;
-    V3 volume;
-    std::vector<BlockDistance<float>> out;
-    explicit Row(const std::vector<float>& v) : volume{int(v.size()), 1, 1} {
-        fillCollection(coll, volume, 1, [&](long i) { return v[i]; });
-    }
-    int match(int ref, int w, int maxGroupSize, int minReduceCount, float threshold, std::vector<float> corr = {}) {
-        corr.resize(2 * w + 1, 0.0f);
-        V3 lo{}, hi{};
-        setSearchWindow({ref, 0, 0}, {w, 0, 0}, {1, 1, 1}, volume, lo, hi);
-        out.assign(maxGroupSize, BlockDistance<float>{});
-        int count = 0;
-        getBlockMatches<float>(coll, corr.data(), {ref, 0, 0}, {1, 1, 1}, {w, 0, 0}, lo, hi, maxGroupSize,
-                               minReduceCount, threshold, out.data(), count);
-        return count;
-    }
-};
-}  // namespace
 
 TEST(BlockMatching, GroupSizeRules) {
     Row row({0, 1, 2, 3, 4, 5, 6});

@@ -7,7 +7,6 @@
 namespace {
 using korvo_phantom::psnr;
 using korvo_phantom::whiteNoiseScene;
-using V3 = Vec3<int>;
 
 Parameters baseParameters(const V3& imageSize, const V3& blockSize) {
     Parameters p = korvo_phantom::exampleParameters(imageSize);  // a white PSD of one sample

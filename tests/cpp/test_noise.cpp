@@ -7,8 +7,6 @@
 #include "noise/variances.h"
 
 namespace {
-using V3 = Vec3<int>;
-
 size_t volume(const V3& v) { return size_t(v.x) * v.y * v.z; }
 
 // Orthonormal Haar matrix of a power-of-two size: averages first, then differences.
@@ -105,6 +103,146 @@ std::vector<double> referenceK3fT3(const std::vector<float>& psd, const V3& g, c
                         power(basis, {fx, fy, fz}, g) * psd[fx + g.x * (fy + g.y * fz)] / (n * n);
     }
     return out;
+}
+
+// Stationary periodic noise: white Gaussian noise circularly convolved with `taps`.
+struct NoiseField {
+    V3 grid;
+    std::vector<Tap> taps;
+    std::vector<double> white, field;
+
+    size_t at(int x, int y, int z) const {
+        auto wrap = [](int v, int n) {  // no division: this is the simulation's hot spot
+            for (; v < 0; v += n) {}
+            for (; v >= n; v -= n) {}
+            return v;
+        };
+        return size_t(wrap(x, grid.x) + grid.x * (wrap(y, grid.y) + grid.y * wrap(z, grid.z)));
+    }
+    // E|fftn(noise)|^2 = |fftn(kernel)|^2 * N for unit-variance white noise.
+    std::vector<float> psd() const {
+        std::vector<float> out(volume(grid));
+        for (int fz = 0; fz < grid.z; ++fz)
+            for (int fy = 0; fy < grid.y; ++fy)
+                for (int fx = 0; fx < grid.x; ++fx)
+                    out[at(fx, fy, fz)] = float(power(taps, {fx, fy, fz}, grid) * double(volume(grid)));
+        return out;
+    }
+    void draw(std::mt19937& rng, std::normal_distribution<double>& normal) {
+        white.resize(volume(grid));
+        field.resize(volume(grid));
+        for (double& v : white) v = normal(rng);
+        for (int z = 0; z < grid.z; ++z)
+            for (int y = 0; y < grid.y; ++y)
+                for (int x = 0; x < grid.x; ++x) {
+                    double v = 0.0;
+                    for (const Tap& t : taps) v += t.weight * white[at(x - t.offset.x, y - t.offset.y, z - t.offset.z)];
+                    field[at(x, y, z)] = v;
+                }
+    }
+    // 3-D coefficients of the block at `p` (periodic), appended to `out`.
+    void blockTransform(const V3& p, const V3& b, const Matrix* t, std::vector<double>& out) const {
+        std::vector<double> block;
+        block.reserve(volume(b));
+        for (int z = 0; z < b.z; ++z)
+            for (int y = 0; y < b.y; ++y)
+                for (int x = 0; x < b.x; ++x) block.push_back(field[at(p.x + x, p.y + y, p.z + z)]);
+        for (int axis = 0; axis < 3; ++axis) block = alongAxis(block, t[axis].data(), b, axis);
+        out.insert(out.end(), block.begin(), block.end());
+    }
+};
+
+struct Scenario {
+    V3 grid, block;
+    Matrix t[3];
+    std::vector<Tap> taps;
+    std::vector<std::vector<V3>> groups;  // each of a power-of-two size
+    V3 centre, extent;                    // pair table: half extents
+    int draws;
+};
+
+void checkAgainstSimulation(const Scenario& s) {
+    const size_t bcount = volume(s.block), pairs = volume(s.extent);
+    NoiseField noise{s.grid, s.taps, {}, {}};
+    // Empirical second moments (the noise has mean zero).
+    std::vector<std::vector<double>> groupSquares(s.groups.size());
+    std::vector<Matrix> haar(s.groups.size());
+    for (size_t g = 0; g < s.groups.size(); ++g) {
+        haar[g] = haarMatrix(int(s.groups[g].size()));
+        groupSquares[g].assign(s.groups[g].size() * bcount, 0.0);
+    }
+    std::vector<double> pairSum(pairs, 0.0), pairSquares(pairs, 0.0), coefficients;
+    std::mt19937 rng(20240611);
+    std::normal_distribution<double> normal(0.0, 1.0);
+    for (int draw = 0; draw < s.draws; ++draw) {
+        noise.draw(rng, normal);
+        for (size_t g = 0; g < s.groups.size(); ++g) {
+            const int n = int(s.groups[g].size());
+            coefficients.clear();
+            for (const V3& p : s.groups[g]) noise.blockTransform(p, s.block, s.t, coefficients);
+            coefficients = alongAxis(coefficients, haar[g].data(), {int(bcount), n, 1}, 1);  // across the members
+            for (size_t i = 0; i < coefficients.size(); ++i) groupSquares[g][i] += coefficients[i] * coefficients[i];
+        }
+        coefficients.clear();
+        noise.blockTransform(s.centre, s.block, s.t, coefficients);  // kept in front; each other block
+        for (size_t i = 0; i < pairs; ++i) {                            // is appended, then dropped
+            const int dx = int(i) % s.extent.x, dy = int(i) / s.extent.x % s.extent.y;
+            noise.blockTransform({dx, dy, int(i) / (s.extent.x * s.extent.y)}, s.block, s.t, coefficients);
+            double d = 0.0;
+            for (size_t e = 0; e < bcount; ++e) d += std::pow(coefficients[e] - coefficients[bcount + e], 2);
+            pairSum[i] += d;
+            pairSquares[i] += d * d;
+            coefficients.resize(bcount);
+        }
+    }
+
+    for (bool useRealFft : {false, true}) {
+        SCOPED_TRACE(useRealFft ? "half spectrum" : "full spectrum");
+        Model model(noise.psd(), s.grid, s.block, s.t, useRealFft, 8);
+        double scale = 0.0;
+        for (size_t e = 0; e < bcount; ++e) scale = std::max(scale, double(model.localVariance.p[e]));
+        for (size_t g = 0; g < s.groups.size(); ++g) {
+            SCOPED_TRACE(testing::Message() << "group " << g);
+            const int n = int(s.groups[g].size());
+            const std::vector<float> exact = model.variances(s.groups[g], haar[g], n);
+            int failures = 0;  // five sigma of a sample variance
+            for (size_t i = 0; i < exact.size() && failures < 10; ++i) {
+                const double empirical = groupSquares[g][i] / s.draws;
+                if (std::abs(empirical - exact[i]) > 5.0 * exact[i] * std::sqrt(2.0 / (s.draws - 1)) + 1e-6 * scale)
+                    ++failures, ADD_FAILURE() << "coefficient " << i % bcount << " of group member " << i / bcount
+                                              << ": model " << exact[i] << ", simulation " << empirical;
+            }
+            // Fewer exact coefficients: those computed agree bit for bit, and the rest
+            // share what makes each 3-D coefficient's variances add up to n * local.
+            for (int m = 0; m <= n; ++m) {
+                const std::vector<float> partial = model.variances(s.groups[g], haar[g], m);
+                for (size_t e = 0; e < bcount; ++e) {
+                    double total = 0.0;
+                    for (int j = 0; j < n; ++j) {
+                        total += partial[j * bcount + e];
+                        if (j < m) { ASSERT_EQ(partial[j * bcount + e], exact[j * bcount + e]); }
+                    }
+                    EXPECT_NEAR(total, n * double(model.localVariance.p[e]), 1e-5 * n * scale) << "m " << m;
+                }
+            }
+        }
+        const float weight = 0.75f, pairTransform[4] = {0.70710677f, 0.70710677f, 0.70710677f, -0.70710677f};
+        std::vector<float> table(pairs, -1.0f);
+        calculateVariancePairs<float>(s.centre, s.extent, s.block, s.grid, model.kept, model.k3.p, pairTransform,
+                                      weight, table.data(), model.tmp);
+        // Filled in parts, as the stage's threads share it: the same table.
+        std::vector<float> parts(pairs, -1.0f);
+        for (int row = 0; row < s.extent.y * s.extent.z; row += 2)
+            calculateVariancePairRows<float>(s.centre, s.extent, s.block, s.grid, model.kept, model.k3.p,
+                                             pairTransform, weight, parts.data(), model.tmp, row, row + 2);
+        EXPECT_EQ(parts, table);
+        for (size_t i = 0; i < pairs; ++i) {
+            const double mean = pairSum[i] / s.draws;
+            const double spread = std::sqrt(std::max(pairSquares[i] / s.draws - mean * mean, 0.0) / (s.draws - 1));
+            EXPECT_NEAR(table[i], weight * mean, weight * (5.0 * spread + 1e-5 * scale * double(bcount))) << i;
+        }
+        EXPECT_EQ(table[size_t(s.centre.x + s.extent.x * (s.centre.y + s.extent.y * s.centre.z))], 0.0f);
+    }
 }
 }  // namespace
 
@@ -271,148 +409,6 @@ TEST(VariancesDeathTest, GroupLargerThanTheScratchAborts) {
     EXPECT_DEATH(model.variances({{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {3, 0, 0}}, haarMatrix(4), 4),
                  "coord\\.x < size\\.x && coord\\.y < size\\.y && coord\\.z < size\\.z && coord\\.w < size\\.w");
 }
-
-namespace {
-// Stationary periodic noise: white Gaussian noise circularly convolved with `taps`.
-struct NoiseField {
-    V3 grid;
-    std::vector<Tap> taps;
-    std::vector<double> white, field;
-
-    size_t at(int x, int y, int z) const {
-        auto wrap = [](int v, int n) {  // no division: this is the simulation's hot spot
-            for (; v < 0; v += n) {}
-            for (; v >= n; v -= n) {}
-            return v;
-        };
-        return size_t(wrap(x, grid.x) + grid.x * (wrap(y, grid.y) + grid.y * wrap(z, grid.z)));
-    }
-    // E|fftn(noise)|^2 = |fftn(kernel)|^2 * N for unit-variance white noise.
-    std::vector<float> psd() const {
-        std::vector<float> out(volume(grid));
-        for (int fz = 0; fz < grid.z; ++fz)
-            for (int fy = 0; fy < grid.y; ++fy)
-                for (int fx = 0; fx < grid.x; ++fx)
-                    out[at(fx, fy, fz)] = float(power(taps, {fx, fy, fz}, grid) * double(volume(grid)));
-        return out;
-    }
-    void draw(std::mt19937& rng, std::normal_distribution<double>& normal) {
-        white.resize(volume(grid));
-        field.resize(volume(grid));
-        for (double& v : white) v = normal(rng);
-        for (int z = 0; z < grid.z; ++z)
-            for (int y = 0; y < grid.y; ++y)
-                for (int x = 0; x < grid.x; ++x) {
-                    double v = 0.0;
-                    for (const Tap& t : taps) v += t.weight * white[at(x - t.offset.x, y - t.offset.y, z - t.offset.z)];
-                    field[at(x, y, z)] = v;
-                }
-    }
-    // 3-D coefficients of the block at `p` (periodic), appended to `out`.
-    void blockTransform(const V3& p, const V3& b, const Matrix* t, std::vector<double>& out) const {
-        std::vector<double> block;
-        block.reserve(volume(b));
-        for (int z = 0; z < b.z; ++z)
-            for (int y = 0; y < b.y; ++y)
-                for (int x = 0; x < b.x; ++x) block.push_back(field[at(p.x + x, p.y + y, p.z + z)]);
-        for (int axis = 0; axis < 3; ++axis) block = alongAxis(block, t[axis].data(), b, axis);
-        out.insert(out.end(), block.begin(), block.end());
-    }
-};
-
-struct Scenario {
-    V3 grid, block;
-    Matrix t[3];
-    std::vector<Tap> taps;
-    std::vector<std::vector<V3>> groups;  // each of a power-of-two size
-    V3 centre, extent;                    // pair table: half extents
-    int draws;
-};
-
-void checkAgainstSimulation(const Scenario& s) {
-    const size_t bcount = volume(s.block), pairs = volume(s.extent);
-    NoiseField noise{s.grid, s.taps, {}, {}};
-    // Empirical second moments (the noise has mean zero).
-    std::vector<std::vector<double>> groupSquares(s.groups.size());
-    std::vector<Matrix> haar(s.groups.size());
-    for (size_t g = 0; g < s.groups.size(); ++g) {
-        haar[g] = haarMatrix(int(s.groups[g].size()));
-        groupSquares[g].assign(s.groups[g].size() * bcount, 0.0);
-    }
-    std::vector<double> pairSum(pairs, 0.0), pairSquares(pairs, 0.0), coefficients;
-    std::mt19937 rng(20240611);
-    std::normal_distribution<double> normal(0.0, 1.0);
-    for (int draw = 0; draw < s.draws; ++draw) {
-        noise.draw(rng, normal);
-        for (size_t g = 0; g < s.groups.size(); ++g) {
-            const int n = int(s.groups[g].size());
-            coefficients.clear();
-            for (const V3& p : s.groups[g]) noise.blockTransform(p, s.block, s.t, coefficients);
-            coefficients = alongAxis(coefficients, haar[g].data(), {int(bcount), n, 1}, 1);  // across the members
-            for (size_t i = 0; i < coefficients.size(); ++i) groupSquares[g][i] += coefficients[i] * coefficients[i];
-        }
-        coefficients.clear();
-        noise.blockTransform(s.centre, s.block, s.t, coefficients);  // kept in front; each other block
-        for (size_t i = 0; i < pairs; ++i) {                            // is appended, then dropped
-            const int dx = int(i) % s.extent.x, dy = int(i) / s.extent.x % s.extent.y;
-            noise.blockTransform({dx, dy, int(i) / (s.extent.x * s.extent.y)}, s.block, s.t, coefficients);
-            double d = 0.0;
-            for (size_t e = 0; e < bcount; ++e) d += std::pow(coefficients[e] - coefficients[bcount + e], 2);
-            pairSum[i] += d;
-            pairSquares[i] += d * d;
-            coefficients.resize(bcount);
-        }
-    }
-
-    for (bool useRealFft : {false, true}) {
-        SCOPED_TRACE(useRealFft ? "half spectrum" : "full spectrum");
-        Model model(noise.psd(), s.grid, s.block, s.t, useRealFft, 8);
-        double scale = 0.0;
-        for (size_t e = 0; e < bcount; ++e) scale = std::max(scale, double(model.localVariance.p[e]));
-        for (size_t g = 0; g < s.groups.size(); ++g) {
-            SCOPED_TRACE(testing::Message() << "group " << g);
-            const int n = int(s.groups[g].size());
-            const std::vector<float> exact = model.variances(s.groups[g], haar[g], n);
-            int failures = 0;  // five sigma of a sample variance
-            for (size_t i = 0; i < exact.size() && failures < 10; ++i) {
-                const double empirical = groupSquares[g][i] / s.draws;
-                if (std::abs(empirical - exact[i]) > 5.0 * exact[i] * std::sqrt(2.0 / (s.draws - 1)) + 1e-6 * scale)
-                    ++failures, ADD_FAILURE() << "coefficient " << i % bcount << " of group member " << i / bcount
-                                              << ": model " << exact[i] << ", simulation " << empirical;
-            }
-            // Fewer exact coefficients: those computed agree bit for bit, and the rest
-            // share what makes each 3-D coefficient's variances add up to n * local.
-            for (int m = 0; m <= n; ++m) {
-                const std::vector<float> partial = model.variances(s.groups[g], haar[g], m);
-                for (size_t e = 0; e < bcount; ++e) {
-                    double total = 0.0;
-                    for (int j = 0; j < n; ++j) {
-                        total += partial[j * bcount + e];
-                        if (j < m) { ASSERT_EQ(partial[j * bcount + e], exact[j * bcount + e]); }
-                    }
-                    EXPECT_NEAR(total, n * double(model.localVariance.p[e]), 1e-5 * n * scale) << "m " << m;
-                }
-            }
-        }
-        const float weight = 0.75f, pairTransform[4] = {0.70710677f, 0.70710677f, 0.70710677f, -0.70710677f};
-        std::vector<float> table(pairs, -1.0f);
-        calculateVariancePairs<float>(s.centre, s.extent, s.block, s.grid, model.kept, model.k3.p, pairTransform,
-                                      weight, table.data(), model.tmp);
-        // Filled in parts, as the stage's threads share it: the same table.
-        std::vector<float> parts(pairs, -1.0f);
-        for (int row = 0; row < s.extent.y * s.extent.z; row += 2)
-            calculateVariancePairRows<float>(s.centre, s.extent, s.block, s.grid, model.kept, model.k3.p,
-                                             pairTransform, weight, parts.data(), model.tmp, row, row + 2);
-        EXPECT_EQ(parts, table);
-        for (size_t i = 0; i < pairs; ++i) {
-            const double mean = pairSum[i] / s.draws;
-            const double spread = std::sqrt(std::max(pairSquares[i] / s.draws - mean * mean, 0.0) / (s.draws - 1));
-            EXPECT_NEAR(table[i], weight * mean, weight * (5.0 * spread + 1e-5 * scale * double(bcount))) << i;
-        }
-        EXPECT_EQ(table[size_t(s.centre.x + s.extent.x * (s.centre.y + s.extent.y * s.centre.z))], 0.0f);
-    }
-}
-}  // namespace
 
 TEST(VariancesSimulation, VolumeWhiteAndColouredNoise) {
     const Matrix d = dctMatrix(4);

@@ -59,6 +59,21 @@ double besselI0(double x) {
     for (int k = 1; k < 50; ++k) sum += term, term *= (x / (2 * k)) * (x / (2 * k));
     return sum;
 }
+
+// One axis of the general product in its exact rounding sequence: input[0]*M[k n],
+// then a fused multiply-add for each j = 1..n-1 in ascending order.
+std::vector<float> exactAlongAxis(const std::vector<float>& in, const float* m, Vec3<int> s, int axis) {
+    const int n = axis == 0 ? s.x : axis == 1 ? s.y : s.z, stride = axis == 0 ? 1 : axis == 1 ? s.x : s.x * s.y;
+    std::vector<float> out(in.size());
+    for (int i = 0; i < s.volume(); ++i) {
+        const int k = (i / stride) % n;
+        const float* line = &in[size_t(i - k * stride)];
+        float acc = line[0] * m[k * n];
+        for (int j = 1; j < n; ++j) acc = std::fma(line[j * stride], m[k * n + j], acc);
+        out[i] = acc;
+    }
+    return out;
+}
 }  // namespace
 
 TEST(Tables, FollowTheirRulesAndInvertExactly) {
@@ -204,23 +219,6 @@ TEST(Transf3D, ButterfliesMatchTheProduct) {
         }
     }
 }
-
-namespace {
-// One axis of the general product in its exact rounding sequence: input[0]*M[k n],
-// then a fused multiply-add for each j = 1..n-1 in ascending order.
-std::vector<float> exactAlongAxis(const std::vector<float>& in, const float* m, Vec3<int> s, int axis) {
-    const int n = axis == 0 ? s.x : axis == 1 ? s.y : s.z, stride = axis == 0 ? 1 : axis == 1 ? s.x : s.x * s.y;
-    std::vector<float> out(in.size());
-    for (int i = 0; i < s.volume(); ++i) {
-        const int k = (i / stride) % n;
-        const float* line = &in[size_t(i - k * stride)];
-        float acc = line[0] * m[k * n];
-        for (int j = 1; j < n; ++j) acc = std::fma(line[j * stride], m[k * n + j], acc);
-        out[i] = acc;
-    }
-    return out;
-}
-}  // namespace
 
 // Every product path (the whole-cube code for 4 and 8 points and the generic one, every
 // axis length from 1 to beyond the stack-transposed limit) gives the bits of the plain
