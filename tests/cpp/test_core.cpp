@@ -79,6 +79,12 @@ TEST(WorkingMemory, SizesFollowParameters) {
     TempMemory<float> t2 = createTempMemory<float>(p);
     EXPECT_EQ(t2.halfSpectrum.size.z, 8);
     EXPECT_EQ(t2.halfSpectrum.size.x, 3);
+
+    // Moves transfer ownership.
+    float* data = m.estimate.data;
+    Memory<float> moved(std::move(m));
+    EXPECT_EQ(moved.estimate.data, data);
+    EXPECT_EQ(m.estimate.data, nullptr);
 }
 
 TEST(WorkingMemory, LineBuffersHoldAtLeastTwoLinesAndAreWritable) {
@@ -95,15 +101,6 @@ TEST(WorkingMemory, LineBuffersHoldAtLeastTwoLinesAndAreWritable) {
         t.memberSums[15] = 1.0f;
         t.planeMask[63] = 1;
     }
-}
-
-TEST(WorkingMemory, MovesTransferOwnership) {
-    Parameters p = memoryParams();
-    Memory<float> a = allocateMemory<float>(p);
-    float* data = a.estimate.data;
-    Memory<float> b(std::move(a));
-    EXPECT_EQ(b.estimate.data, data);
-    EXPECT_EQ(a.estimate.data, nullptr);
 }
 
 class PoolTest : public ::testing::Test {
