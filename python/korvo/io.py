@@ -17,7 +17,8 @@ complete: a failure or an interrupt never leaves a half-written file behind.
 An HDF5 dataset written into an existing file goes under a hidden name in its
 group first and is renamed once complete; a process killed meanwhile leaves
 that hidden dataset behind (its space is not reclaimed until the file is
-repacked). .npy inputs are memory-mapped, not loaded.
+repacked). .npy inputs, and TIFF stacks stored uncompressed in one run, are
+memory-mapped, not loaded.
 """
 
 from __future__ import annotations
@@ -144,7 +145,9 @@ def read_volume(path):
 def _read_tiff(tifffile, path):
     with tifffile.TiffFile(path) as tif:
         series = tif.series[0]
-        data = series.asarray()
+        data = _tiff_memmap(tifffile, path, series)
+        if data is None:
+            data = series.asarray()
         context = {"kind": "tiff", "axes": _label(series.axes)}
         page = series.pages[0] if series.pages else tif.pages[0]
         tags = page.tags
@@ -159,6 +162,19 @@ def _read_tiff(tifffile, path):
             meta = tif.imagej_metadata or {}
             context["imagej"] = {k: meta[k] for k in _IMAGEJ_KEYS if k in meta}
     return data, context
+
+
+def _tiff_memmap(tifffile, path, series):
+    """The series memory-mapped, as .npy inputs are, where its samples are
+    stored uncompressed in one run (most stacks from acquisition software):
+    a stack larger than memory is then read chunk by chunk. None otherwise."""
+    if series.dataoffset is None:
+        return None
+    try:
+        data = tifffile.memmap(path, mode="r")
+    except (ValueError, OSError):
+        return None
+    return data if data.shape == tuple(series.shape) else None
 
 
 def _rational(value):

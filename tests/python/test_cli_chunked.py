@@ -33,14 +33,19 @@ def test_round_trips_equal_the_in_memory_call(tmp_path, noisy):
         f.create_dataset("raw/vol", data=noisy, chunks=(10, 18, 16)).attrs.update(
             {"unit": "um", "spacing": [2.0, 0.5, 0.5]})
     np.save(tmp_path / "in.npy", noisy)
-    data, _ = read_volume(str(tmp_path / "in.npy"))  # .npy inputs are memory-mapped
-    assert isinstance(data, np.memmap) and not data.flags.writeable
+    tifffile = pytest.importorskip("tifffile")
+    tifffile.imwrite(tmp_path / "in.tif", noisy)
+    tifffile.imwrite(tmp_path / "packed.tif", noisy, compression="zlib")
+    for name, mapped in (("in.npy", True), ("in.tif", True), ("packed.tif", False)):
+        data, _ = read_volume(str(tmp_path / name))  # memory-mapped where stored plainly
+        assert isinstance(data, np.memmap) == mapped and np.array_equal(data, noisy)
     cases = [  # IN, OUT, options, how OUT is read back
         ("in.zarr", "out.zarr", [], lambda p: zarr.open_array(str(p), mode="r")[:]),
         ("in.h5:/raw/vol", "new.h5:/den", ["--chunks", "10,18,16"], None),
         ("in.h5:/raw/vol", "in.h5:/raw/den", [], None),  # beside the input, same file
         ("in.npy", "out.npy", ["--chunks", "12"], np.load),
         ("in.npy", "out-z.zarr", [], lambda p: zarr.open_array(str(p), mode="r")[:]),
+        ("in.tif", "out-t.zarr", ["--chunks", "12"], lambda p: zarr.open_array(str(p), mode="r")[:]),
     ]
     for source, out, extra, load in cases:
         assert denoise(tmp_path / source, tmp_path / out, "--sigma", "0.1", *extra, *FAST) == 0, out
