@@ -39,13 +39,16 @@ def test_round_trips_equal_the_in_memory_call(tmp_path, noisy):
     for name, mapped in (("in.npy", True), ("in.tif", True), ("packed.tif", False)):
         data, _ = read_volume(str(tmp_path / name))  # memory-mapped where stored plainly
         assert isinstance(data, np.memmap) == mapped and np.array_equal(data, noisy)
+    def zarr_read(p):
+        return zarr.open_array(str(p), mode="r")[:]
+
     cases = [  # IN, OUT, options, how OUT is read back
-        ("in.zarr", "out.zarr", [], lambda p: zarr.open_array(str(p), mode="r")[:]),
+        ("in.zarr", "out.zarr", [], zarr_read),
         ("in.h5:/raw/vol", "new.h5:/den", ["--chunks", "10,18,16"], None),
         ("in.h5:/raw/vol", "in.h5:/raw/den", [], None),  # beside the input, same file
         ("in.npy", "out.npy", ["--chunks", "12"], np.load),
-        ("in.npy", "out-z.zarr", [], lambda p: zarr.open_array(str(p), mode="r")[:]),
-        ("in.tif", "out-t.zarr", ["--chunks", "12"], lambda p: zarr.open_array(str(p), mode="r")[:]),
+        ("in.npy", "out-z.zarr", [], zarr_read),
+        ("in.tif", "out-t.zarr", ["--chunks", "12"], zarr_read),
     ]
     for source, out, extra, load in cases:
         assert denoise(tmp_path / source, tmp_path / out, "--sigma", "0.1", *extra, *FAST) == 0, out
