@@ -80,14 +80,12 @@ def _refuse_channels(channel_axis, shared_groups):
                          "one by one (korvo(z[..., i], ...))")
 
 
-def _refuse_options(matches, progress, noise_map):
+def _refuse_options(matches, progress):
     if matches is not None:
         raise ValueError("matches cannot be recorded or replayed chunk by chunk")
     if progress is not False:
         raise ValueError("progress is dask's with a dask array: "
                          "with dask.diagnostics.ProgressBar(): y.compute()")
-    if noise_map is not None:
-        raise ValueError("a dask array takes a scalar sigma or a psd, not a per-voxel noise map")
 
 
 def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
@@ -107,7 +105,9 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
     if any(math.isnan(n) for n in z.shape):
         raise ValueError("z has chunks of unknown size; call z.compute_chunk_sizes() first")
     sigmas, psd, noise_map = check_noise(sigma, psd, None, z.shape)
-    _refuse_options(matches, progress, noise_map)
+    _refuse_options(matches, progress)
+    if noise_map is not None and not normalize:
+        raise ValueError("a per-voxel sigma map needs normalize=True (the data are divided by it)")
     if pilot is not None:
         pilot = da.asarray(pilot)
         if pilot.shape != z.shape:
@@ -141,7 +141,7 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
         region = tuple(region)
         call = dask.delayed(_chunk_task, pure=True)(
             z[region], None if pilot is None else pilot[region], offset, flat, tuple(inner),
-            settings)
+            settings, None if noise_map is None else noise_map[region])
         return da.from_delayed(call, shape=tuple(chunk), dtype=np.float32)
 
     def nest(prefix):
@@ -176,7 +176,7 @@ def stabilised_dask(z, model, sigma, params, options):
     from .noise_models import stabilise
 
     _refuse_channels(options.get("channel_axis"), options.get("shared_groups", False))
-    _refuse_options(options.get("matches"), options.get("progress", False), None)
+    _refuse_options(options.get("matches"), options.get("progress", False))
     if z.ndim not in (2, 3):
         raise ValueError(f"z must be 2-D or 3-D, got {z.ndim} dimensions with shape {z.shape}")
     # The central block settles every parameter: each chunk then uses the same.
@@ -204,23 +204,24 @@ def _fraction(counts):
     return sum(f for f, _ in counts) / max(1, sum(n for _, n in counts))
 
 
-def _chunk_task(region, pilot, offset, flat, inner, settings):
+def _chunk_task(region, pilot, offset, flat, inner, settings, noise_map=None):
     args = (np.asarray(region), None if pilot is None else np.asarray(pilot), float(offset),
-            flat, inner, settings)
+            flat, inner, settings, None if noise_map is None else np.asarray(noise_map))
     if _runs_in_place():
         return _denoise_region(*args)
     return _WORKERS.call(args, max(1, _cpu_count() // settings["threads"]))
 
 
-def _denoise_region(region, pilot, offset, flat, inner, settings):
-    """The estimate of one chunk from its expanded region (runs in a worker)."""
+def _denoise_region(region, pilot, offset, flat, inner, settings, noise_map=None):
+    """The estimate of one chunk from its expanded region (runs in a worker);
+    ``noise_map``: the region's part of a per-voxel noise map."""
     from .denoise import _STAGES, _Channel, _budget, _denoise
 
     profile = settings["profile"].copy()
     profile.num_threads = settings["threads"]
     run = _STAGES[settings["stages"]]
     normalize = settings["normalize"]
-    channel = _Channel(region, settings["sigma"], settings["psd"], pilot, normalize)
+    channel = _Channel(region, settings["sigma"], settings["psd"], pilot, normalize, noise_map)
     if normalize:
         channel.offset = offset
     adaptation = PSDAdaptation.of(profile, region.shape, settings["psd"], flat_fraction=flat)

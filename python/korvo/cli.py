@@ -348,11 +348,12 @@ def _denoise_chunked(args, run):
             from None
     from .io import _split_hdf5, close_files, open_chunked
 
-    for given, name in ((args.sigma_map, "--sigma-map"), (args.shared_groups, "--shared-groups"),
-                        (args.psd_mask, "--psd-mask")):
+    for given, name in ((args.sigma_map == "auto", "--sigma-map auto"),
+                        (args.shared_groups, "--shared-groups"), (args.psd_mask, "--psd-mask")):
         if given:
             raise ValueError(f"{name} needs the whole volume in memory; chunk by chunk, give "
-                             f"--sigma or --psd (or neither: estimated from the central block)")
+                             f"--sigma, --psd or a --sigma-map FILE (or none: estimated from "
+                             f"the central block)")
     started = time.monotonic()
     files = [_split_hdf5(p) for p in (args.input, args.output)]
     same = all(files) and os.path.realpath(files[0][0]) == os.path.realpath(files[1][0])
@@ -374,7 +375,7 @@ def _chunked_items(args, run, source, context):
 
     from .chunked import central_block
 
-    from .io import ChunkedOutput, volume_format
+    from .io import ChunkedOutput, open_chunked, volume_format
 
     axes, shape = context["axes"], source.shape
     _layout(axes, shape, args.input)  # refuses what holds no image or volume
@@ -388,9 +389,17 @@ def _chunked_items(args, run, source, context):
     for i, s in zip(spatial, sizes):
         chunks[i] = s
     # h5py calls are serialised: reads and writes share one lock.
-    hdf5 = "hdf5" in (context["kind"], volume_format(args.output))
+    hdf5 = "hdf5" in (context["kind"], volume_format(args.output),
+                      args.sigma_map and volume_format(args.sigma_map))
     lock = SerializableLock() if hdf5 else False
     z = da.from_array(source, chunks=tuple(chunks), lock=lock)
+    noise_map = None
+    if args.sigma_map:  # a file, read chunk by chunk beside IN
+        mapped, _ = open_chunked(args.sigma_map)
+        if mapped.shape != shape:
+            raise ValueError(f"{args.sigma_map}: the sigma map has shape {mapped.shape}, "
+                             f"{args.input} {shape}; they must match")
+        noise_map = da.from_array(mapped, chunks=tuple(chunks), lock=lock)
     run.dtype = source.dtype if args.dtype == "keep" else np.dtype(np.float32)
     run.profile.num_threads = None  # one thread per chunk; --threads chunks at once
     count = int(np.prod([shape[i] for i in loop]))
@@ -402,13 +411,15 @@ def _chunked_items(args, run, source, context):
     try:
         for number, index in enumerate(np.ndindex(*[shape[i] for i in loop]), start=1):
             at = dict(zip(loop, index))
-            item = z[tuple(at.get(i, slice(None)) for i in range(len(shape)))]
+            key = tuple(at.get(i, slice(None)) for i in range(len(shape)))
+            item = z[key]
             where = f" [{', '.join(f'{axes[a]} {i}' for a, i in at.items())}] " \
                     f"({number}/{count})" if count > 1 else ""
             block = central_block(item, sizes)
             sample = f"{where} (central {'x'.join(map(str, block.shape))} block)"
             noise = ({"psd": run.estimated_psds(block, None, None, sample)[0]} if run.auto
-                     else run.noise(block, None, sample))
+                     else run.noise(block, None, sample,
+                                    sigma_map=None if noise_map is None else noise_map[key]))
             run.say(f"denoising {args.input}{where}")
             y = korvo(item, **noise, profile=run.profile, stages=args.stages)
             if run.dtype != y.dtype:

@@ -264,7 +264,8 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
         (parallel imaging, vignetting). The data are divided by the map,
         denoised as unit white noise and multiplied back, which assumes the
         level varies little over a search window (about a dozen voxels);
-        ``korvo.estimate_sigma_map`` gives such a map.
+        ``korvo.estimate_sigma_map`` gives such a map. With a dask ``z`` the
+        map may be a dask array too.
     psd : array_like, 2-D or 3-D, any shape
         Instead of ``sigma``: the noise power spectral density,
         PSD = E|fftn(noise)|^2 over the PSD's own shape (white noise of std s
@@ -375,6 +376,8 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
                                          z.shape)
     if noise_map is not None and not normalize:
         raise ValueError("a per-voxel sigma map needs normalize=True (the data are divided by it)")
+    if chunked.is_dask(noise_map):  # in memory beside in-memory data
+        noise_map = noise_map.compute()
     if pilot is not None:
         pilot = np.asarray(pilot)
         if pilot.shape != z.shape:

@@ -115,21 +115,37 @@ def check_noise(sigma, psd, channels=None, shape=None):
         sigma = sigma[()]
     if isinstance(sigma, (numbers.Real, np.generic)) or isinstance(sigma, (bool, str, bytes)):
         return [_positive_sigma(sigma)] * count, None, None
-    values = _as_real("sigma", sigma)
+    lazy = type(sigma).__module__.split(".")[0] == "dask" and hasattr(sigma, "dask")
+    values = sigma if lazy else _as_real("sigma", sigma)
+    if lazy and values.dtype.kind not in "iuf":
+        raise TypeError(f"sigma must hold real numbers, got dtype {values.dtype}")
     if channels is not None and values.shape == (channels,):
         return [_positive_sigma(v, f"sigma[{i}]") for i, v in enumerate(values.tolist())], None, None
     return [1.0] * count, None, _noise_map(values, shape, channels)
 
 
 def _noise_map(values, shape, channels):
+    """The map broadcast to ``shape``, checked; a dask map stays lazy (its
+    extremes are computed, one pass)."""
+    lazy = hasattr(values, "dask")
     try:
-        noise_map = np.broadcast_to(values, shape)
+        if lazy:
+            import dask
+            import dask.array as da
+
+            noise_map = da.broadcast_to(values, shape)
+        else:
+            noise_map = np.broadcast_to(values, shape)
     except ValueError:
         per_channel = f", or one value per channel ({channels})" if channels is not None else ""
         raise ValueError(f"sigma as an array is a per-voxel noise map: it must have the data's "
                          f"shape {shape} or broadcast to it{per_channel}; got shape "
                          f"{values.shape}. A noise power spectrum goes to psd=") from None
-    lo, hi = float(np.min(values)), float(np.max(values))
+    if lazy:
+        extremes = dask.compute(values.min(), values.max())
+    else:
+        extremes = np.min(values), np.max(values)
+    lo, hi = (float(v) for v in extremes)
     if not (math.isfinite(lo) and math.isfinite(hi)):
         raise ValueError("the sigma map contains NaN or infinite values")
     if lo <= 0:

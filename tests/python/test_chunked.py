@@ -18,6 +18,8 @@ PSD = korvo.psd_from_kernel(KERNEL, (16, 16, 16), 0.1)
 # multiples of the chunks; a chunk of 4 or 5 is thinner than the margin.
 CASES = [
     ((30, 37, 41), (11, 16, 20), "both", dict(sigma=0.1), {}, 0),
+    # A per-voxel noise map (broadcast along x): each region divided by its part.
+    ((30, 37, 41), (11, 16, 20), "both", dict(sigma=np.linspace(0.05, 0.15, 41)), {}, 0),
     ((30, 37, 41), (26, 5, 41), "ht", dict(sigma=0.1), {}, 0),
     ((30, 37, 41), (13, 37, 4), "both", dict(psd=PSD), dict(adapt_to_psd=False), 0),
     # The whole array decides, from its chunks' flat-block counts, that textured
@@ -98,7 +100,6 @@ def test_nothing_is_computed_until_asked():
     ((20, 20, 20), dict(progress=True), "ProgressBar"),
     ((20, 20, 20), dict(matches=korvo.MatchStorage()), "matches"),
     ((20, 20, 20), dict(stages="wiener"), "pilot"),
-    ((20, 20, 20), dict(sigma=np.full((20, 20, 20), 0.1)), "noise map"),
     ((20, 20, 20), dict(noise="poisson-gaussian"), "central 20x20x20 block"),
 ])
 def test_options_a_chunked_run_cannot_honour(shape, options, message):

@@ -63,7 +63,12 @@ def test_round_trips_equal_the_in_memory_call(tmp_path, noisy):
             result = load(tmp_path / out)
         close(result, expected)
     assert not [n for n in os.listdir(tmp_path) if n.startswith(".")]  # no temporaries left
-    # Photon counts chunk by chunk (they were refused), as in memory.
+    # A sigma map file and photon counts chunk by chunk (both were refused), as in memory.
+    noise_map = np.linspace(0.05, 0.15, noisy.shape[2], dtype=np.float32) * np.ones_like(noisy)
+    np.save(tmp_path / "map.npy", noise_map)
+    assert denoise(tmp_path / "in.npy", tmp_path / "m.zarr", "--sigma-map",
+                   str(tmp_path / "map.npy"), "--chunks", "12", *FAST) == 0
+    close(zarr_read(tmp_path / "m.zarr"), korvo.korvo(noisy, sigma=noise_map, profile=fast()))
     counts = 2.0 * np.random.default_rng(5).poisson(np.clip(noisy, 0, None) * 20)
     counts = counts.astype(np.float32)
     np.save(tmp_path / "counts.npy", counts)
@@ -117,7 +122,7 @@ def test_refusals_are_one_line(tmp_path, noisy, capsys, monkeypatch):
         ("in.h5:/vol", "in.h5:/old", [], "--force"),
         *[("in.npy", "o.npy", ["--chunks", c], "--chunks takes N or 3") for c in ("8,8", "0", "a")],
         ("in.npy", "o.tif", ["--chunks", "8"], "the output is a .zarr store"),
-        ("in.npy", "o.zarr", ["--sigma-map", "auto"], "--sigma-map needs the whole volume"),
+        ("in.npy", "o.zarr", ["--sigma-map", "auto"], "--sigma-map auto needs the whole volume"),
         ("missing.zarr", "o.npy", [], "no such Zarr store"),
     ]
     for source, out, extra, message in cases:
@@ -135,7 +140,7 @@ def test_memory_is_bounded_by_chunks_not_the_volume(tmp_path, monkeypatch):
     ramp = (np.arange(n, dtype=np.uint8)[:, None] % 200 * np.ones((1, n), np.uint8))
     for z in range(0, n, chunk):
         source[z:z + chunk] = np.broadcast_to(ramp, (chunk, n, n))
-    monkeypatch.setattr(chunked, "_chunk_task", lambda region, pilot, offset, flat, inner, settings:
+    monkeypatch.setattr(chunked, "_chunk_task", lambda region, pilot, offset, flat, inner, *_:
                         np.asarray(region, np.float32)[inner])
     status, added = measure_peak(denoise, tmp_path / "in.zarr", tmp_path / "out.zarr", "--sigma",
                                  "1", "--stages", "ht", "--dtype", "keep", "-q")
