@@ -135,9 +135,11 @@ class _Run:
         if not self.args.quiet:
             print(text, file=sys.stderr, flush=True)
 
-    def noise(self, block, channel, where, sigma_map=None):
-        """Keyword arguments naming the noise of one call."""
-        if self.args.noise != "gaussian":  # the model estimates what is not given
+    def given(self, sigma_map=None):
+        """Keyword arguments naming the noise as the command line was told it
+        (a noise model estimates what is not given itself), or None where the
+        command line estimates it from the data."""
+        if self.args.noise != "gaussian":
             given = dict(sigma=self.args.sigma, gain=self.args.gain, offset=self.args.offset,
                          coils=self.args.coils)
             return dict({k: v for k, v in given.items() if v is not None}, noise=self.args.noise)
@@ -147,6 +149,13 @@ class _Run:
             return {"sigma": self.args.sigma}
         if sigma_map is not None:
             return {"sigma": sigma_map}
+        return None
+
+    def noise(self, block, channel, where, sigma_map=None):
+        """Keyword arguments naming the noise of one call."""
+        given = self.given(sigma_map)
+        if given is not None:
+            return given
         if self.args.sigma_map == "auto":
             maps = [estimate_sigma_map(part) for part in _channels(block, channel)]
             self.say(f"estimated noise sigma map{where}: " + "; ".join(
@@ -374,7 +383,6 @@ def _chunked_items(args, run, source, context):
     from dask.utils import SerializableLock
 
     from .chunked import central_block
-
     from .io import ChunkedOutput, open_chunked, volume_format
 
     axes, shape = context["axes"], source.shape
@@ -415,11 +423,12 @@ def _chunked_items(args, run, source, context):
             item = z[key]
             where = f" [{', '.join(f'{axes[a]} {i}' for a, i in at.items())}] " \
                     f"({number}/{count})" if count > 1 else ""
-            block = central_block(item, sizes)
-            sample = f"{where} (central {'x'.join(map(str, block.shape))} block)"
-            noise = ({"psd": run.estimated_psds(block, None, None, sample)[0]} if run.auto
-                     else run.noise(block, None, sample,
-                                    sigma_map=None if noise_map is None else noise_map[key]))
+            noise = None if run.auto else run.given(None if noise_map is None else noise_map[key])
+            if noise is None:  # estimated here, on the central block
+                block = central_block(item, sizes)
+                sample = f"{where} (central {'x'.join(map(str, block.shape))} block)"
+                noise = ({"psd": run.estimated_psds(block, None, None, sample)[0]} if run.auto
+                         else run.noise(block, None, sample))
             run.say(f"denoising {args.input}{where}")
             y = korvo(item, **noise, profile=run.profile, stages=args.stages)
             if run.dtype != y.dtype:

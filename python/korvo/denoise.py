@@ -10,7 +10,7 @@ import numpy as np
 from . import _native, chunked
 from .matches import MatchStorage, StageMatches
 from .memory import SPLIT_ADVICE, release_freed, stage_budgets
-from .noise import prewhiten
+from .noise import _slabwise, prewhiten
 from .profile import BUILT_IN_BLOCKS, KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
 from .progress import make_reporter
 from .transforms import block_transforms
@@ -27,27 +27,14 @@ _MATCH_LABEL = "korvo matching on prewhitened data"
 _NATIVE_LOCK = threading.Lock()
 # How often the driving thread looks at progress and for an interrupt.
 _POLL_SECONDS = 0.1
-# Elements normalised per chunk: the float64 temporaries stay at a few MiB
-# whatever the volume.
-_CHUNK = 1 << 18
-
-
 def _to_float32(a, offset, scale, out=None):
-    """(a - offset) / scale as C-contiguous float32, in chunks of the first axis;
+    """(a - offset) / scale as C-contiguous float32, a slab at a time;
     ``scale`` is a number or an array of a's shape (a per-voxel noise map)."""
-    if out is None:
-        out = np.empty(a.shape, dtype=np.float32)
-    rows = max(1, _CHUNK // max(1, a[0].size))
-    per_voxel = np.ndim(scale) > 0
-    inverse = None if per_voxel else 1.0 / scale
-    for start in range(0, a.shape[0], rows):
-        part = np.asarray(a[start:start + rows], dtype=np.float64) - offset
-        if per_voxel:
-            part /= scale[start:start + rows]
-        else:
-            part *= inverse
-        out[start:start + rows] = part
-    return out
+    if np.ndim(scale) > 0:
+        return _slabwise(lambda part, s: (np.asarray(part, np.float64) - offset) / s, a, scale,
+                         out=out)
+    inverse = 1.0 / scale
+    return _slabwise(lambda part: (np.asarray(part, np.float64) - offset) * inverse, a, out=out)
 
 
 # Without normalisation, data this many noise stds from zero lose to rounding:

@@ -20,7 +20,9 @@ MAD_TO_SIGMA = 0.6744897501960817
 # Fewest informative cells from which a tile of estimate_sigma_map takes its own
 # level (a median of 16 is within about 40 % of the truth).
 _TILE_CELLS = 16
-# Samples converted to float64 at a time by the Haar detail.
+# Samples taken to float64 at a time by whole-array computations (the Haar
+# detail, the noise models' transforms, normalisation): their float64
+# temporaries stay at a few MiB whatever the volume.
 _SLAB_SAMPLES = 1 << 20
 
 
@@ -76,6 +78,24 @@ def estimate_sigma_map(z, tile=16):
     for axis, (e, n) in enumerate(zip(edges, shape)):
         centres = (e[:-1] + e[1:]) - 0.5  # 2 * (midpoint in detail samples) - 0.5
         out = np.apply_along_axis(lambda v: np.interp(np.arange(n), centres, v), axis, out)
+    return out
+
+
+def _slabwise(function, a, *alongside, out=None):
+    """``function`` (elementwise, computing in float64) over ``a``, and the
+    same slices of the arrays ``alongside``, a few slices at a time along the
+    first axis, into float32 ``out`` (new when None): the values of one call
+    on the whole arrays, without their float64 copies."""
+    a = np.asarray(a)
+    if out is None:
+        out = np.empty(a.shape, dtype=np.float32)
+    if a.ndim == 0:
+        out[...] = function(a, *alongside)
+        return out
+    per = max(1, _SLAB_SAMPLES // max(1, a[0].size))
+    for first in range(0, a.shape[0], per):
+        part = slice(first, first + per)
+        out[part] = function(a[part], *(b[part] for b in alongside))
     return out
 
 

@@ -31,7 +31,7 @@ import math
 
 import numpy as np
 
-from .noise import _haar_detail, estimate_sigma
+from .noise import _haar_detail, _slabwise, estimate_sigma
 
 # Parameters estimated for a call are reported here (INFO); the command line
 # prints them.
@@ -76,26 +76,6 @@ def _real(z, who, convert=True):
     if a.dtype.kind == "f" and not np.isfinite(a).all():
         raise ValueError(f"{who}: the data contain NaN or infinite samples")
     return a
-
-
-# Elements taken to float64 at a time by the transforms of whole arrays.
-_SLAB_ELEMENTS = 1 << 20
-
-
-def _slabwise(function, a, out=None):
-    """``function`` (elementwise, computing in float64) over ``a`` a few slices
-    at a time along its first axis, into float32 ``out`` (new when None):
-    the same values as over the whole array, without its float64 copies."""
-    a = np.asarray(a)
-    if out is None:
-        out = np.empty(a.shape, dtype=np.float32)
-    if a.ndim == 0:
-        out[...] = function(a)
-        return out
-    per = max(1, _SLAB_ELEMENTS // max(1, a[0].size))
-    for first in range(0, a.shape[0], per):
-        out[first:first + per] = function(a[first:first + per])
-    return out
 
 
 # ------------------------------------------------------------------ photon counts
@@ -672,7 +652,7 @@ class Inverse:
         y = np.asarray(y)
         lift = self._lift(y) if self._lift is not None else 0.0
         clip = bool(clip)
-        return _slabwise(lambda d: self._function(d - lift if lift else d, clip), y, out)
+        return _slabwise(lambda d: self._function(d - lift if lift else d, clip), y, out=out)
 
     def __repr__(self):
         args = ", ".join(f"{k}={v!r}" for k, v in self.params.items())

@@ -115,7 +115,9 @@ def check_noise(sigma, psd, channels=None, shape=None):
         sigma = sigma[()]
     if isinstance(sigma, (numbers.Real, np.generic)) or isinstance(sigma, (bool, str, bytes)):
         return [_positive_sigma(sigma)] * count, None, None
-    lazy = type(sigma).__module__.split(".")[0] == "dask" and hasattr(sigma, "dask")
+    from .chunked import is_dask  # not at import: chunked imports this module
+
+    lazy = is_dask(sigma)
     values = sigma if lazy else _as_real("sigma", sigma)
     if lazy and values.dtype.kind not in "iuf":
         raise TypeError(f"sigma must hold real numbers, got dtype {values.dtype}")
@@ -127,7 +129,9 @@ def check_noise(sigma, psd, channels=None, shape=None):
 def _noise_map(values, shape, channels):
     """The map broadcast to ``shape``, checked; a dask map stays lazy (its
     extremes are computed, one pass)."""
-    lazy = hasattr(values, "dask")
+    from .chunked import is_dask
+
+    lazy = is_dask(values)
     try:
         if lazy:
             import dask

@@ -179,8 +179,7 @@ def test_peak_memory_stays_under_the_target():
         # The estimators and the noise models' transforms work on bounded
         # samples and slabs, never on float64 copies of the whole volume
         # (before: estimate_psd 19x, estimate_sigma 5.5x, the Rician model 19x).
-        from korvo import noise_models
-        noise_models._SLAB_ELEMENTS = korvo.noise._SLAB_SAMPLES = 1 << 14
+        korvo.noise._SLAB_SAMPLES = 1 << 14
         z = korvo.phantom((192, 192, 192))
         z += np.float32(0.1) * np.random.default_rng(1).standard_normal(z.shape, dtype=np.float32)
         for function, bound in ((korvo.estimate_psd, MEMORY_TARGET), (korvo.estimate_sigma, 2)):
