@@ -23,6 +23,7 @@ from .noise_models import estimate_poisson_gaussian, estimate_rician_sigma
 from .phantom import phantom
 from .profile import KORVOProfile, StageProfile
 from .spectrum import estimate_psd
+from .validation import NoiseLevelWarning
 
 _logging.getLogger("korvo").addHandler(_logging.NullHandler())  # the application decides
 
@@ -50,4 +51,5 @@ __all__ = [
     "coloured_noise",
     "phantom",
     "available_memory",
+    "NoiseLevelWarning",
 ]

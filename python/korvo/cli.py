@@ -9,6 +9,7 @@ import os
 import signal
 import sys
 import time
+import warnings
 
 import numpy as np
 
@@ -245,15 +246,22 @@ class _Printed(logging.Handler):
         print(self.format(record), file=sys.stderr, flush=True)
 
 
+def _warned(message, category, *_):
+    print(f"korvo: warning: {_one_line(message)}", file=sys.stderr, flush=True)
+
+
 @contextlib.contextmanager
 def _reporting(on):
+    """Estimates printed unless ``on`` is false; warnings always, one line each."""
     log, handler = logging.getLogger("korvo"), _Printed()
     level = log.level
     if on:
         log.addHandler(handler)
         log.setLevel(logging.INFO)
     try:
-        yield
+        with warnings.catch_warnings():
+            warnings.showwarning = _warned
+            yield
     finally:
         log.removeHandler(handler)
         log.setLevel(level)

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextvars
 import threading
 import warnings
 
@@ -14,8 +15,8 @@ from .noise import _slabwise, prewhiten
 from .profile import BUILT_IN_BLOCKS, KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
 from .progress import make_reporter
 from .transforms import block_transforms
-from .validation import (check_channels, check_data, check_noise, check_range,
-                         check_shared_groups)
+from .validation import (check_channels, check_data, check_noise, check_noise_level,
+                         check_range, check_shared_groups)
 
 __all__ = ["korvo"]
 
@@ -25,6 +26,12 @@ _MATCH_LABEL = "korvo matching on prewhitened data"
 
 # One native run at a time: the library's thread pool has a single driver.
 _NATIVE_LOCK = threading.Lock()
+# Set while the noise models denoise their stabilised data, whose level they
+# have checked themselves.
+_LEVEL_CHECKED = contextvars.ContextVar("korvo_level_checked", default=False)
+_LEVEL_ADVICE = ("Check sigma's units (korvo.estimate_sigma(z) estimates it, as the command line "
+                 "does without --sigma); if the noise is correlated (smooth), pass its spectrum "
+                 "instead: psd=korvo.estimate_psd(z) (--psd auto)")
 # How often the driving thread looks at progress and for an interrupt.
 _POLL_SECONDS = 0.1
 def _to_float32(a, offset, scale, out=None):
@@ -313,6 +320,14 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
     numpy.ndarray (dask.array.Array for a dask input)
         The estimate, float32, of z's shape.
 
+    Warns
+    -----
+    NoiseLevelWarning
+        A white-noise sigma (or the noise models' gain and sigma, when
+        given) over three times, or under a third of, the noise the data
+        show at the finest scale: other units, coloured noise passed as
+        white, or data with more noise than the level given.
+
     Raises
     ------
     TypeError, ValueError
@@ -376,6 +391,11 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
                          None if pilot is None else split.view(pilot, i), normalize,
                          None if noise_map is None else split.view(noise_map, i))
                 for i in range(split.count)]
+    if psd is None and noise_map is None and not _LEVEL_CHECKED.get():
+        for i, channel in enumerate(channels):
+            where = "" if split.axis is None else f" (channel {i})"
+            check_noise_level(channel.z, sigmas[i], f"sigma={sigmas[i]:.3g}{where}",
+                              _LEVEL_ADVICE)
     adaptation = PSDAdaptation.of(profile, channels[0].z.shape, psd, channels[0].z)
     budget = _budget(profile, channels[0].z, normalize,
                      0 if split.axis is None else z.size * 4)  # the channels' result
@@ -444,15 +464,27 @@ def _stabilised(z, sigma, psd, model, extra, pilot, options):
     params = {name: value for name, value in extra.items() if value is not None}
     stabilised = None if split.axis is None else np.empty(z.shape, dtype=np.float32)
     inverses = []
+    given = [name for name, value in (("gain", params.get("gain")), ("sigma", sigma))
+             if value is not None]
     for i in range(split.count):
         part, inverse = stabilise(split.view(z, i), model, sigma=sigmas[i], **params)
+        if given:  # estimated parameters give unit noise by construction
+            where = "" if split.axis is None else f" (channel {i})"
+            check_noise_level(part, 1.0, f"The stabilised noise level, 1 ({model} with "
+                              f"{' and '.join(given)} given){where},",
+                              "Check those parameters' units, or leave them out to estimate "
+                              "them from the data", stacklevel=3)
         if stabilised is None:
             stabilised = part
         else:
             split.view(stabilised, i)[...] = part
         del part
         inverses.append(inverse)
-    out = korvo(stabilised, 1.0, **options)
+    token = _LEVEL_CHECKED.set(True)
+    try:
+        out = korvo(stabilised, 1.0, **options)
+    finally:
+        _LEVEL_CHECKED.reset(token)
     del stabilised  # the inverses run in place on the result
     for i, inverse in enumerate(inverses):
         inverse(split.view(out, i), out=split.view(out, i))

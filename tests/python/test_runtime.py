@@ -168,7 +168,8 @@ def test_peak_memory_stays_under_the_target():
     env = dict(os.environ, MALLOC_MMAP_THRESHOLD_="65536", MALLOC_TRIM_THRESHOLD_="65536")
     run = run_script("""
         from korvo.memory import MEMORY_TARGET, measure_peak
-        korvo.korvo(np.zeros((20, 20, 20), np.float32), 0.1)
+        warm = korvo.phantom((20, 20, 20))  # first-call imports and code pages stay out
+        korvo.korvo(warm + np.random.default_rng(2).normal(0, 0.1, warm.shape), 0.1)
         for shape in ((64, 64, 64), (80, 88, 96)):
             z = korvo.phantom(shape) + np.float32(0.1) * np.random.default_rng(0).standard_normal(
                 shape, dtype=np.float32)

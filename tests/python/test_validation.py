@@ -1,6 +1,8 @@
 """Every bad input raises ValueError or TypeError before any stage runs; nothing
 reaches a native assertion; results are never non-finite."""
 
+import warnings
+
 import numpy as np
 import pytest
 
@@ -234,3 +236,47 @@ def test_edited_match_storage_is_refused():
         print("done", bool(np.isfinite(korvo.korvo(z, 0.1, profile=p, matches=store)).all()))
     """).stdout
     assert out.count("refused True") == 16 and "done True" in out, out
+
+
+def test_noise_level_far_from_the_datas_warns(monkeypatch, capsys, tmp_path):
+    # A sigma in other units, or smooth noise passed as white, would otherwise
+    # give a result smoothed far beyond the noise, or one left noisy, in silence.
+    rng = np.random.default_rng(4)
+    clean = korvo.phantom((40, 48, 48))
+    z = clean + rng.normal(0, 0.1, clean.shape).astype(np.float32)
+    k = np.array([1.0, 2.0, 1.0]) / np.sqrt(6.0)
+    smooth = clean + korvo.coloured_noise(np.einsum("i,j,k->ijk", k, k, k), clean.shape, 0.1, rng)
+    stages = []
+    monkeypatch.setattr(_native, "run_stage", lambda *a: stages.append(1) or
+                        (_native.StageStatus.COMPLETED, 0))
+    with warnings.catch_warnings():
+        warnings.simplefilter("error", korvo.NoiseLevelWarning)
+        for sigma in (0.1, 0.05, 0.25):  # within a factor of three: silent
+            korvo.korvo(z, sigma)
+        korvo.korvo(z, psd=korvo.white_psd(0.5, (4, 4, 4)))  # spectra and maps are not checked
+        korvo.korvo(z, sigma=np.full(z.shape, 0.5))
+    for data, sigma, text in ((z, 1.0, r"sigma=1 is 9.\d+ times the noise .* beyond"),
+                              (z, 0.01, r"sigma=0.01 is 1/10.\d+ of the noise .* most of"),
+                              (smooth, 0.1, "correlated")):
+        with pytest.warns(korvo.NoiseLevelWarning, match=text) as caught:
+            korvo.korvo(data, sigma)
+        assert caught[0].filename == __file__  # points at the caller's line
+    rgb = np.stack([z[0], 10 * z[0], z[0]], axis=-1)
+    with pytest.warns(korvo.NoiseLevelWarning, match=r"\(channel 1\)"):
+        korvo.korvo(rgb, [0.1, 0.1, 0.1], channel_axis=-1)
+    counts = 2.0 * rng.poisson(clean * 20 + 1)
+    with pytest.warns(korvo.NoiseLevelWarning, match="poisson-gaussian with gain and sigma given"):
+        korvo.korvo(counts, noise="poisson-gaussian", gain=20.0, sigma=0.5, offset=0.0)
+    with warnings.catch_warnings():
+        warnings.simplefilter("error", korvo.NoiseLevelWarning)
+        korvo.korvo(counts, noise="poisson-gaussian", gain=2.0, sigma=0.5, offset=0.0)
+        korvo.korvo(counts, noise="poisson-gaussian")
+    # The command line prints it on one line, -q or not.
+    np.save(tmp_path / "z.npy", z)
+    from korvo import cli
+    with warnings.catch_warnings():
+        warnings.simplefilter("default")
+        assert cli.main(["denoise", "-q", str(tmp_path / "z.npy"), str(tmp_path / "out.npy"),
+                         "--sigma", "1"]) == 0
+    err = capsys.readouterr().err.strip()
+    assert err.startswith("korvo: warning: sigma=1 is") and "\n" not in err
