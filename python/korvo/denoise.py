@@ -323,8 +323,8 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
     Warns
     -----
     NoiseLevelWarning
-        A white-noise sigma (or the noise models' gain and sigma, when
-        given) over three times, or under a third of, the noise the data
+        A white-noise sigma (or magnitude MRI's sigma, when given) over
+        three times, or under a third of, the noise the data
         show at the finest scale: other units, coloured noise passed as
         white, or data with more noise than the level given.
 
@@ -391,15 +391,15 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
                          None if pilot is None else split.view(pilot, i), normalize,
                          None if noise_map is None else split.view(noise_map, i))
                 for i in range(split.count)]
+    adaptation = PSDAdaptation.of(profile, channels[0].z.shape, psd, channels[0].z)
+    budget = _budget(profile, channels[0].z, normalize,
+                     0 if split.axis is None else z.size * 4)  # the channels' result
+    plans = [channel.records(profile, run, budget, adaptation) for channel in channels]
     if psd is None and noise_map is None and not _LEVEL_CHECKED.get():
         for i, channel in enumerate(channels):
             where = "" if split.axis is None else f" (channel {i})"
             check_noise_level(channel.z, sigmas[i], f"sigma={sigmas[i]:.3g}{where}",
                               _LEVEL_ADVICE)
-    adaptation = PSDAdaptation.of(profile, channels[0].z.shape, psd, channels[0].z)
-    budget = _budget(profile, channels[0].z, normalize,
-                     0 if split.axis is None else z.size * 4)  # the channels' result
-    plans = [channel.records(profile, run, budget, adaptation) for channel in channels]
 
     if split.axis is None:
         return _denoise(channels[0], plans[0], run, matches, reporter, normalize)
@@ -464,11 +464,13 @@ def _stabilised(z, sigma, psd, model, extra, pilot, options):
     params = {name: value for name, value in extra.items() if value is not None}
     stabilised = None if split.axis is None else np.empty(z.shape, dtype=np.float32)
     inverses = []
-    given = [name for name, value in (("gain", params.get("gain")), ("sigma", sigma))
-             if value is not None]
+    given = [name for name, value in (("sigma", sigma),) if value is not None]
     for i in range(split.count):
         part, inverse = stabilise(split.view(z, i), model, sigma=sigmas[i], **params)
-        if given:  # estimated parameters give unit noise by construction
+        # Estimated parameters give unit noise by construction. Photon counts
+        # are not checked: where the counts are near zero their stabilised
+        # noise falls far below 1, and dark backgrounds fill most cells.
+        if given and model == "rician":
             where = "" if split.axis is None else f" (channel {i})"
             check_noise_level(part, 1.0, f"The stabilised noise level, 1 ({model} with "
                               f"{' and '.join(given)} given){where},",

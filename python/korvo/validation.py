@@ -58,6 +58,9 @@ def check_noise_level(z, level, given, advice, stacklevel=2):
     message, ``advice`` ends it; ``stacklevel`` points the warning at the
     user's call (frames above this one). Returns the level the data show (0: none)."""
     a = np.asarray(z)
+    a = a.reshape([n for n in a.shape if n > 1])  # a single slice is an image
+    if a.ndim < 2:
+        return 0.0
     pairs = a.shape[0] // 2
     keep = min(pairs, max(1, LEVEL_SAMPLES * pairs // max(a.size, 1)))
     if keep < pairs:
