@@ -54,7 +54,11 @@ def _split_hdf5(path):
     match = _HDF5.match(os.fspath(path))
     if match is None:
         return None
-    return match.group(1), (match.group(2) or "").strip("/") or None
+    # One spelling per dataset: "//", "." and a trailing "/" name the same one.
+    parts = [p for p in (match.group(2) or "").split("/") if p not in ("", ".")]
+    if ".." in parts:
+        raise ValueError(f"{path}: '..' is not allowed in an HDF5 dataset path")
+    return match.group(1), "/".join(parts) or None
 
 
 def _hdf5_parts(path):
@@ -260,6 +264,11 @@ def _check_hdf5_output(path, source, force):
     try:
         with h5py.File(file, "r") as handle:
             exists = dataset in handle
+            # Another name (a hard link) for the input dataset is the input too.
+            if exists and same_file and _split_hdf5(source)[1] in handle and \
+                    handle[dataset] == handle[_split_hdf5(source)[1]]:
+                raise ValueError(f"{path} is another name of the input dataset; korvo never "
+                                 f"writes over its input")
     except OSError as exc:
         raise ValueError(f"{file}: not an HDF5 file that can be added to ({exc})") from None
     if exists and not force:

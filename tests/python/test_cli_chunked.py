@@ -115,10 +115,15 @@ def test_refusals_are_one_line(tmp_path, noisy, capsys, monkeypatch):
     with h5py.File("in.h5", "w") as f:
         f["vol"] = noisy
         f["old"] = noisy
+        f["alias"] = f["vol"]  # a hard link
     cases = [  # IN, OUT, options, part of the message
         ("in.h5", "o.npy", [], "name the dataset"),
         ("in.h5:/missing", "o.npy", [], "no dataset /missing in"),
-        ("in.h5:/vol", "in.h5:/vol", ["--force"], "input dataset itself"),
+        # Every spelling of the input dataset is the input (they overwrote it).
+        *[("in.h5:/vol", "in.h5:" + d, ["--force"], "input dataset itself")
+          for d in ("/vol", "//vol", "./vol", "vol/")],
+        ("in.h5:/vol", "in.h5:/alias", ["--force"], "another name of the input dataset"),
+        ("in.h5:/vol", "in.h5:/x/../vol", ["--force"], "'..' is not allowed"),
         ("in.h5:/vol", "in.h5:/old", [], "--force"),
         *[("in.npy", "o.npy", ["--chunks", c], "--chunks takes N or 3") for c in ("8,8", "0", "a")],
         ("in.npy", "o.tif", ["--chunks", "8"], "the output is a .zarr store"),
