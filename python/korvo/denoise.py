@@ -313,7 +313,8 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
         code without any copy; thresholds are still scaled to the noise level,
         but the result then depends slightly on the data's offset, and more
         than slightly (RuntimeWarning) when the data lie over 1e4 noise
-        standard deviations from zero.
+        standard deviations from zero; noise levels outside [1e-2, 1e12]
+        are refused (the result would not scale with the data).
 
     Returns
     -------

@@ -89,7 +89,10 @@ REFUSED = [  # (arguments of korvo.korvo), exception, pattern of the message
                                             for v in (1e300, 1e-300)]),
     (call(FLAT, sigma=0.1, stages="wiener", pilot=with_value(3, 1e30, FLAT)), ValueError,
      "pilot holds"),
-    (call(FLAT, sigma=1e-20, normalize=False), ValueError, "normalize=True"),
+    # Below 1e-2 the unnormalised result stopped scaling with the data (0.1 of
+    # the range off at 1e-4, silently).
+    *each(ValueError, "normalize=True", *[call(FLAT, sigma=s, normalize=False)
+                                          for s in (1e-20, 1e-4, 1e13)]),
     # other arguments
     (call(GOOD, 1.0, profile={"hard_threshold": 2.0}), TypeError, "KORVOProfile"),
     (call(GOOD, 1.0, korvo.KORVOProfile()), TypeError, "positional"),
