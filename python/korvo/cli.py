@@ -596,8 +596,15 @@ def _demo(args):
 # Command line
 
 
+class _Parser(argparse.ArgumentParser):
+    """Usage errors on one line, as every other refusal (subcommands inherit it)."""
+
+    def error(self, message):
+        self.exit(2, f"korvo: error: {message} (see: {self.prog} --help)\n")
+
+
 def _parser():
-    parser = argparse.ArgumentParser(
+    parser = _Parser(
         prog="korvo",
         description="Denoise 3-D volumes and 2-D images corrupted by white or coloured noise.")
     parser.add_argument("--version", action="version", version=f"korvo {__version__}")

@@ -290,7 +290,11 @@ def test_user_errors_are_one_line(tmp_path, capsys):
         with pytest.raises(SystemExit) as stop:
             cli.main(arguments)
         assert stop.value.code == (0 if arguments == ["--version"] else 2)
-    assert capsys.readouterr().out.strip() == f"korvo {korvo.__version__}"
+    captured = capsys.readouterr()
+    assert captured.out.strip() == f"korvo {korvo.__version__}"
+    # Usage errors are one line too (argparse printed its usage first).
+    assert captured.err == "korvo: error: argument --threads: must be 0 (all cores) or more, " \
+                           "got -1 (see: korvo denoise --help)\n"
 
 
 def test_2d_image_and_estimate_command(tmp_path, capsys):
