@@ -177,8 +177,10 @@ def estimate_poisson_gaussian(z):
     cell's mean noise variance (smooth content cancels in it); cells are
     binned by the mean of their neighbours, cells whose neighbours differ
     more than noise alone makes them differ (edges, texture) are left out,
-    and a weighted least-squares line is fitted through the bins' detail
-    variances, leaving out bins far above it and fitting again.
+    each bin stands at its cells' own mean, and a weighted least-squares
+    line (weights from the spread of both a bin's variance and its level) is
+    fitted through the bins' detail variances, leaving out bins far off it
+    and fitting again.
 
     One image identifies only b = sigma^2 - gain * offset, which is all the
     transform and its inverse use: the result is (gain, sqrt(b), 0.0) when
@@ -190,13 +192,22 @@ def estimate_poisson_gaussian(z):
     """
     def fit(levels, variances, counts):
         design = np.stack([levels, np.ones_like(levels)], axis=1)
-        predicted = variances
-        for _ in range(4):  # the variance of a sample variance is 2 var^2 / n
-            sw = np.sqrt(counts / 2) / np.maximum(predicted, 1e-9 * variances.max() + 1e-300)
-            (gain, b), *_ = np.linalg.lstsq(design * sw[:, None], variances * sw, rcond=None)
+        # Unweighted first: the many bins of a flat background, whose tiny
+        # variances would weigh most, cannot tip its slope.
+        (gain, b), *_ = np.linalg.lstsq(design, variances, rcond=None)
+        floor = (1e-6 * variances.max()) ** 2 + 1e-300
+        for _ in range(4):
             predicted = np.abs(design @ (gain, b))
+            # A bin's variance is known to 2 var^2 / n, and its level (the mean
+            # of n cells of at least 4 samples) to var / 4n, which the slope
+            # turns into variance: without it a flat background's bins, whose
+            # levels differ by their noise alone, set the slope.
+            spread = 2 * predicted ** 2 / counts + gain ** 2 * predicted / (4 * counts)
+            sw = 1 / np.sqrt(np.maximum(spread, floor))
+            (gain, b), *_ = np.linalg.lstsq(design * sw[:, None], variances * sw, rcond=None)
+        predicted = np.abs(design @ (gain, b))
         weighted = design * sw[:, None]
-        error = math.sqrt(np.linalg.pinv(weighted.T @ weighted)[0, 0])
+        error = math.sqrt(max(np.linalg.pinv(weighted.T @ weighted)[0, 0], 0.0))
         return (gain, b, error), predicted
 
     gain, b, error = _robust_fit(fit, *_binned_noise(z, "estimate_poisson_gaussian"))
@@ -226,9 +237,10 @@ _CHI2_1_MEDIAN = 0.4549364231195724
 def _binned_noise(z, who):
     """(level, detail variance, cell count) per bin of local mean.
 
-    A cell's level is the mean of the cells around it (3^3 or 5^2 cells, own
-    cell left out: its noise is then independent of the cell's detail, so
-    binning by it cannot bias the variances). Cells whose neighbours' means
+    Cells are sorted by the mean of the cells around them (3^3 or 5^2 cells,
+    own cell left out: its noise is then independent of the cell's detail, so
+    binning by it cannot bias the variances); a bin's level is its cells' own
+    mean, which that sorting cannot bias either. Cells whose neighbours' means
     spread more than noise alone would spread them are left out (edges and
     texture); a bin that keeps too few cells (all edges, as in small volumes)
     is left out.
@@ -238,7 +250,7 @@ def _binned_noise(z, who):
     size = width ** means.ndim
     level = (_box(means, width) * size - means) / (size - 1)
     rough = (_box(means * means, width) * size - means * means) / (size - 1) - level * level
-    d2, level, rough = detail.ravel() ** 2, level.ravel(), rough.ravel()
+    d2, level, rough, own = detail.ravel() ** 2, level.ravel(), rough.ravel(), means.ravel()
     if d2.size < 8 * _BINS:
         raise ValueError(f"{who} needs at least {8 * _BINS} cells of 2 samples per axis, "
                          f"got {d2.size}")
@@ -253,10 +265,12 @@ def _binned_noise(z, who):
         keep = part[rough[part] <= _ROUGH_LIMIT * noise / 2 ** means.ndim]
         if keep.size < _KEEP_FRACTION * part.size:
             continue
-        v = d2[keep]
-        v = v[v <= 30.0 * v.mean()]  # isolated outliers (hot pixels)
-        if v.size:
-            out.append((level[keep].mean(), v.mean(), v.size))
+        keep = keep[d2[keep] <= 30.0 * d2[keep].mean()]  # isolated outliers (hot pixels)
+        if keep.size:
+            # The bin's level is its cells' own mean: the neighbours' means
+            # that sorted them spread by their noise alone where the signal is
+            # flat, and as levels those spreads would flatten the fitted line.
+            out.append((own[keep].mean(), d2[keep].mean(), keep.size))
     levels, variances, counts = (np.array(c, dtype=np.float64) for c in zip(*out))
     return levels, variances, counts
 
@@ -266,7 +280,9 @@ def _robust_fit(fit, levels, variances, counts):
     without the bins more than 4 standard errors off the first fit (edges: above
     it inside a bin, below it where a cell's neighbours are brighter than it)."""
     params, predicted = fit(levels, variances, counts)
-    excess = (variances - predicted) / (predicted * np.sqrt(2.0 / counts) + 1e-300)
+    # Bins without noise (pure counts on a dark background: variance 0) stay.
+    spread = np.maximum(predicted * np.sqrt(2.0 / counts), 1e-4 * variances.max() + 1e-300)
+    excess = (variances - predicted) / spread
     keep = np.abs(excess) < 4.0
     if 3 <= keep.sum() < len(keep):
         params, _ = fit(levels[keep], variances[keep], counts[keep])
