@@ -276,11 +276,17 @@ def test_noise_level_far_from_the_datas_warns(monkeypatch, capsys, tmp_path):
         korvo.korvo(magnitude, noise="rician")
         # Pure photon counts on a dark background: their stabilised noise is
         # far below 1 wherever the counts are near zero, which is no error.
+        counts = 2.0 * rng.poisson(clean * 10) + rng.normal(0, 2, clean.shape)
+        korvo.korvo(counts, noise="poisson-gaussian", gain=2.0, sigma=2.0, offset=0.0)
         korvo.korvo(rng.poisson(clean * 20).astype(float), noise="poisson-gaussian", gain=1.0,
                     sigma=1e-4, offset=0.0)
         plane = korvo.KORVOProfile()  # one slice is checked as an image
         plane.ht.block_size = plane.wiener.block_size = (8, 8, 1)
         korvo.korvo(z[:1], 0.1, profile=plane)
+    # An offset above the dark level sends every sample to the transform's zero:
+    # the result was flat, in silence.
+    with pytest.warns(korvo.NoiseLevelWarning, match="100 % of the data lie at or below"):
+        korvo.korvo(counts - 150, noise="poisson-gaussian", gain=2.0, sigma=2.0, offset=0.0)
     # The command line prints it on one line, -q or not.
     np.save(tmp_path / "z.npy", z)
     from korvo import cli
