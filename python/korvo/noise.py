@@ -8,6 +8,8 @@ mean(PSD) / N.
 
 from __future__ import annotations
 
+import math
+
 import numpy as np
 
 __all__ = ["estimate_sigma", "estimate_sigma_map", "white_psd", "psd_from_kernel", "psd_sigma", "coloured_noise",
@@ -57,13 +59,19 @@ def estimate_sigma_map(z, tile=16):
     smaller than a tile are not resolved; edges raise a tile's value a little.
     Constant cells are left out as in :func:`estimate_sigma`; a tile with too
     few others (a masked background) takes the estimate of the whole array.
+    ``tile`` is at least 6 for a volume and 8 for an image (smaller tiles
+    hold too few detail samples; ValueError).
     """
     detail, flat = _haar_detail(z, "estimate_sigma_map", flat=True)
     detail = np.where(flat, np.nan, np.abs(detail))
     overall = _robust_sigma(detail[~flat])
     shape = np.shape(z)
-    if isinstance(tile, bool) or not isinstance(tile, (int, np.integer)) or tile < 4:
-        raise ValueError(f"tile must be an integer of at least 4, got {tile!r}")
+    # A tile holds (tile // 2)^ndim detail samples, and needs _TILE_CELLS of them.
+    least = 2 * math.ceil(_TILE_CELLS ** (1 / len(shape)) - 1e-9)
+    if isinstance(tile, bool) or not isinstance(tile, (int, np.integer)) or tile < least:
+        raise ValueError(f"tile must be an integer of at least {least} for a {len(shape)}-D "
+                         f"array (smaller tiles hold too few samples to estimate from), "
+                         f"got {tile!r}")
     half = max(2, int(tile) // 2)  # tile extent in detail samples
     counts = [max(1, n // half) for n in detail.shape]
     # Tiles of (nearly) equal size covering the detail array: medians per tile.

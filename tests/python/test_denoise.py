@@ -153,6 +153,11 @@ def test_sigma_map(volume, noisy_phantom, rng):
     estimated = korvo.estimate_sigma_map(noisy)
     assert estimated.shape == clean.shape
     assert np.median(np.abs(estimated / ramp - 1)) < 0.1
+    # Tiles of 4 and 5 held too few samples and silently gave one constant level.
+    assert np.median(np.abs(korvo.estimate_sigma_map(noisy, tile=6) / ramp - 1)) < 0.15
+    for image, tile in ((False, 5), (True, 6)):
+        with pytest.raises(ValueError, match="at least"):
+            korvo.estimate_sigma_map(noisy[0] if image else noisy, tile=tile)
     by_map = psnr(korvo.korvo(noisy, sigma=ramp, profile=SERIAL), clean)
     assert by_map > psnr(korvo.korvo(noisy, sigma=float(np.mean(ramp)), profile=SERIAL), clean) + 2
     assert psnr(korvo.korvo(noisy, sigma=estimated, profile=SERIAL), clean) > by_map - 0.5
