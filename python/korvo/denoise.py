@@ -277,11 +277,13 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
         Parameters left out are estimated from the data (from its central
         block for a dask array, whose chunks are then stabilised and brought
         back one by one).
-    gain, offset : float, optional
+    gain, offset : float or a sequence of floats with ``channel_axis``, optional
         "poisson-gaussian": detector gain (data units per photon) and dark
-        level (the Gaussian part's mean); None: estimated with sigma.
+        level (the Gaussian part's mean), one for all channels or one each;
+        None: estimated with sigma.
     coils : int, optional
-        "rician": number of receive coils (default 1).
+        "rician": number of receive coils (default 1; one per channel with
+        ``channel_axis`` if they differ).
     profile : KORVOProfile, optional
         Tunables; the defaults when omitted.
     channel_axis : int, optional
@@ -456,18 +458,23 @@ def _stabilised(z, sigma, psd, model, extra, pilot, options):
         return chunked.stabilised_dask(z, model, sigma, given, options)
     split = check_channels(z, options["channel_axis"])
     z = np.asarray(z)
-    if sigma is None or np.ndim(sigma) == 0:
-        sigmas = [sigma] * split.count
-    elif split.axis is not None and np.shape(sigma) == (split.count,):
-        sigmas = list(np.asarray(sigma).tolist())
-    else:
-        raise ValueError(f"with noise={model!r}, sigma is one number (or one per channel)")
-    params = {name: value for name, value in extra.items() if value is not None}
+
+    def per_channel(name, value):  # one value for all channels, or one each
+        if value is None or np.ndim(value) == 0:
+            return [value] * split.count
+        if split.axis is not None and np.shape(value) == (split.count,):
+            return list(np.asarray(value).tolist())
+        raise ValueError(f"with noise={model!r}, {name} is one number (or one per channel)")
+
+    channel_params = [dict(zip(("sigma", *extra), values)) for values in zip(
+        per_channel("sigma", sigma), *(per_channel(n, v) for n, v in extra.items()))]
     stabilised = None if split.axis is None else np.empty(z.shape, dtype=np.float32)
     inverses = []
     given = [name for name, value in (("sigma", sigma),) if value is not None]
     for i in range(split.count):
-        part, inverse = stabilise(split.view(z, i), model, sigma=sigmas[i], **params)
+        params = {name: value for name, value in channel_params[i].items()
+                  if value is not None or name == "sigma"}
+        part, inverse = stabilise(split.view(z, i), model, **params)
         # Estimated parameters give unit noise by construction. Photon counts
         # are not checked: where the counts are near zero their stabilised
         # noise falls far below 1, and dark backgrounds fill most cells.

@@ -215,11 +215,20 @@ def test_noise_models_through_korvo(fast_profile):
     for c, part in enumerate((magnitude, magnitude[::-1])):
         np.testing.assert_array_equal(
             both[..., c], korvo.korvo(part, 1.0, noise="rician", profile=fast_profile))
+    # Parameters one per channel (gain and offset were refused).
+    counts = np.stack([z, 2 * z])
+    both = korvo.korvo(counts, noise="poisson-gaussian", gain=[2.0, 4.0], offset=[100.0, 200.0],
+                       channel_axis=0, profile=fast_profile)
+    np.testing.assert_array_equal(both[0], out)
+    second = korvo.korvo(counts[1], noise="poisson-gaussian", gain=4.0, offset=200.0,
+                         profile=fast_profile)
+    np.testing.assert_array_equal(both[1], second)
     for kwargs, text in ((dict(noise="poisson"), "noise must be"),
                          (dict(noise="rician", gain=2.0), "gain belong"),
                          (dict(coils=2), "coils belong"),
                          (dict(noise="rician", psd=np.ones((4, 4, 4))), "psd="),
-                         (dict(noise="rician", sigma=[1.0, 2.0]), "one number")):
+                         (dict(noise="rician", sigma=[1.0, 2.0]), "one number"),
+                         (dict(noise="poisson-gaussian", gain=[1.0, 2.0]), "gain is one number")):
         with pytest.raises(ValueError, match=text):
             korvo.korvo(magnitude, **kwargs)
 
