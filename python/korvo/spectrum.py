@@ -57,6 +57,9 @@ _BATCH_SAMPLES = 1 << 22
 # and memory while leaving the statistics as good as on such a volume.
 _MAX_BLOCK_SAMPLES = 1 << 21
 _MAX_DETAIL_SAMPLES = 1 << 21
+# Constant parts (zero-filled, masked, saturated) hold no noise to estimate from.
+_TOO_FEW = ("estimate_psd: the data has too few non-constant blocks (zero-filled, masked or "
+            "saturated parts hold no noise)")
 # Short-range fit for data without homogeneous regions: block extent, largest
 # noise correlation lag per axis, lowest frequency radius (cycles per sample)
 # used, and the quantile of the block periodograms taken per frequency.
@@ -120,9 +123,13 @@ def estimate_psd(z, shape=None, *, mask=None):
     # size find more homogeneous places in busy data. Structure only ever adds
     # power, so of the two the estimate with less noise power is kept.
     found, error = [], None
+    # Zero-filled, masked or saturated parts hold no noise: blocks reaching
+    # into them would read as the quietest and pull the estimate towards zero.
+    details = _Details.of(volume, grid3) if weights is None else None
+    live = None if details is None or details.live.all() else details.live
     for scale in (2, 1):
         try:
-            found.append(_estimate(volume, grid3, weights, scale))
+            found.append(_estimate(volume, grid3, weights, scale, live))
         except ValueError as exc:   # e.g. a single block at this scale
             error = exc
         if all(n <= g for n, g in zip(volume.shape, grid3)):
@@ -132,7 +139,6 @@ def estimate_psd(z, shape=None, *, mask=None):
         # Busy data (no region of noise alone): structure inflates the block
         # estimate, mostly at low frequencies, where the short-range fit
         # extrapolates instead.
-        details = _Details.of(volume, grid3)
         try:
             fit, refined = _short_range(volume, grid3, details)
         except ValueError as exc:
@@ -163,8 +169,8 @@ def _checked(psd, details):
     return np.broadcast_to(psd.mean(axis=flat, keepdims=True), psd.shape).copy()
 
 
-def _estimate(volume, grid, weights, scale):
-    block, starts = _blocks(volume.shape, grid, weights, scale)
+def _estimate(volume, grid, weights, scale, live=None):
+    block, starts = _blocks(volume.shape, grid, weights, scale, live)
     windows = [_hann(b) for b in block]
     kept, mean_power = _homogeneous(volume, starts, block, windows)
     lags = _mean_autocorrelation(volume, starts[kept], block, windows)
@@ -224,8 +230,9 @@ def _check_mask(mask, shape):
 # Blocks
 
 
-def _blocks(shape, grid, mask, scale):
-    """-> (block extents, (n, 3) array of block starts)."""
+def _blocks(shape, grid, mask, scale, live=None):
+    """-> (block extents, (n, 3) array of block starts); without a mask, only
+    blocks wholly inside ``live`` (where there are two or more of them)."""
     small = [a for a, (n, g) in enumerate(zip(shape, grid)) if g > 1 and n < _MIN_BLOCK]
     if small:
         raise ValueError(f"estimate_psd needs at least {_MIN_BLOCK} samples along every "
@@ -233,7 +240,13 @@ def _blocks(shape, grid, mask, scale):
     preferred = tuple(1 if g == 1 else min(n, scale * g) for n, g in zip(shape, grid))
     if mask is None:
         step = [max(1, b // 2) for b in preferred]
-        return preferred, _starts(shape, preferred, step, sparse=True)
+        starts = _starts(shape, preferred, step, sparse=True)
+        if live is not None:
+            inside = _inside(live, starts, preferred)
+            if inside.sum() < 2:
+                raise ValueError(_TOO_FEW)
+            starts = starts[inside]
+        return preferred, starts
     # Inside a mask, fall back to smaller blocks and a finer step before giving up.
     for scale in (1.0, 0.5, 0.25):
         block = tuple(1 if b == 1 else max(min(_MIN_BLOCK, b), int(b * scale))
@@ -334,7 +347,7 @@ def _homogeneous(volume, starts, block, windows):
     live = sums.sum(axis=1)
     usable = live > 1e-12 * max(float(np.median(live)), 1e-300)
     if usable.sum() < 2:
-        raise ValueError("estimate_psd: the data has too few non-constant blocks")
+        raise ValueError(_TOO_FEW)
 
     def ratios(kept):
         # Leave-one-out reference, so a block is not compared with itself.
@@ -463,10 +476,10 @@ def _short_range(volume, grid, details=None):
     q = _FIT_QUANTILE
     scale = np.where(real, NormalDist().inv_cdf(0.5 + q / 2) ** 2, -np.log1p(-q))
     if len(power) < 2:
-        raise ValueError("estimate_psd: the data has too few non-constant blocks")
+        raise ValueError(_TOO_FEW)
     target = np.quantile(power, q, axis=0)[used] / scale[used]
     if not target.max() > 0:
-        raise ValueError("estimate_psd: the data has too few non-constant blocks")
+        raise ValueError(_TOO_FEW)
     weight = 1.0 / np.maximum(target, 1e-2 * target.mean())
     grid_freqs = np.stack([f.ravel() for f in np.meshgrid(
         *[np.fft.fftfreq(g) for g in grid], indexing="ij")], axis=1)

@@ -1,6 +1,7 @@
 import numpy as np
 import pytest
 
+import korvo
 from korvo import spectrum
 from korvo.noise import coloured_noise, estimate_sigma, haar_level, psd_from_kernel, psd_sigma
 from korvo.spectrum import estimate_psd
@@ -135,6 +136,14 @@ def test_mask_and_noise_free_padding():
     padded = np.zeros((48, 48, 96))
     padded[:, :, :48] = noise
     assert psd_sigma(estimate_psd(padded)) == pytest.approx(0.1, rel=0.03)
+    # Nor zeros outside a sphere (a masked scan): radii 20 and 14 read 0.1 as
+    # 7e-4 and 0.002, and korvo(z, psd=...) then left the noise in.
+    shape = (64, 64, 64)
+    white = rng.normal(0, 0.1, shape) + korvo.phantom(shape)
+    radius = np.sqrt(sum((g - 31.5) ** 2 for g in np.indices(shape)))
+    for r in (14, 20):
+        assert psd_sigma(estimate_psd(np.where(radius < r, white, 0))) == \
+            pytest.approx(0.1, rel=0.1)
 
 
 @pytest.mark.parametrize("data_shape, grid, expected", [
