@@ -23,6 +23,7 @@ memory-mapped, not loaded.
 
 from __future__ import annotations
 
+import errno
 import gzip
 import math
 import os
@@ -304,7 +305,7 @@ def write_volume(path, data, context=None, *, shape=None, dtype=None):
     os.close(descriptor)
     try:
         if kind == "npy":
-            _write_npy(temporary, data, shape, dtype)
+            _write_npy(temporary, data, shape, dtype, path)
         elif kind == "nifti":
             _write_nifti(nib, temporary, data, shape, dtype, context)
         else:
@@ -361,8 +362,27 @@ def _gather(data, shape, dtype):
     return _fill(np.empty(shape, dtype), data, shape, dtype)
 
 
-def _write_npy(path, data, shape, dtype):
+def _npy_map(path, dtype, shape, name):
+    """A new .npy file mapped for writing, its disk space reserved first:
+    written through a map, a full disk ends the process (SIGBUS) where a
+    write would have raised. ``name``: the output, as messages call it."""
     out = np.lib.format.open_memmap(path, mode="w+", dtype=dtype, shape=shape)
+    if hasattr(os, "posix_fallocate"):  # not on macOS: its maps fail the same way
+        try:
+            with open(path, "r+b") as f:
+                os.posix_fallocate(f.fileno(), 0, os.fstat(f.fileno()).st_size)
+        except OSError as exc:
+            if exc.errno in (errno.EOPNOTSUPP, errno.EINVAL):  # no reservation on this file system
+                return out
+            del out
+            raise OSError(exc.errno, f"{name}: cannot reserve the output's "
+                                     f"{math.prod(shape) * np.dtype(dtype).itemsize} bytes "
+                                     f"({exc.strerror})") from None
+    return out
+
+
+def _write_npy(path, data, shape, dtype, name):
+    out = _npy_map(path, dtype, shape, name)
     try:
         _fill(out, data, shape, dtype).flush()
     finally:
@@ -581,8 +601,11 @@ class ChunkedOutput:
             self._hdf5(shape, dtype, chunks, context)
         elif self.kind == "npy":
             self.temporary = self._temporary_name(".npy")
-            self.target = np.lib.format.open_memmap(self.temporary, mode="w+", dtype=dtype,
-                                                    shape=shape)
+            try:
+                self.target = _npy_map(self.temporary, dtype, shape, self.path)
+            except BaseException:
+                os.remove(self.temporary)
+                raise
         else:
             raise ValueError(f"{self.path}: chunk by chunk, the output is a .zarr store, an "
                              f"HDF5 dataset (file.h5:/name) or a .npy file")

@@ -1,5 +1,6 @@
 """The korvo command: a round trip per file format, the noise options, the demo."""
 
+import errno
 import os
 import shutil
 import signal
@@ -364,3 +365,17 @@ def test_ctrl_c_ends_the_command(tmp_path, sig, code):
 def test_console_script_is_installed():
     run = subprocess.run(["korvo", "--help"], capture_output=True, text=True)
     assert run.returncode == 0 and "denoise" in run.stdout
+
+
+@pytest.mark.skipif(not hasattr(os, "posix_fallocate"), reason="no space reservation here")
+def test_full_disk_leaves_nothing(tmp_path, monkeypatch, capsys):
+    # Written through a memory map, a full disk ended the process (SIGBUS) and
+    # left the hidden temporary behind; the space is now reserved first.
+    def full(fd, offset, length):
+        raise OSError(errno.ENOSPC, os.strerror(errno.ENOSPC))
+    np.save(tmp_path / "in.npy", np.zeros((8, 16, 16), np.float32))
+    monkeypatch.setattr(os, "posix_fallocate", full)
+    for extra in ([], ["--chunks", "8"]):
+        refused(capsys, [tmp_path / "in.npy", tmp_path / "o.npy", "--sigma", "1"] + extra,
+                "o.npy: cannot reserve")
+        assert os.listdir(tmp_path) == ["in.npy"]
