@@ -30,6 +30,7 @@ import os
 import re
 import shutil
 import tempfile
+import threading
 import xml.etree.ElementTree as ElementTree
 
 import numpy as np
@@ -580,6 +581,37 @@ def open_chunked(path, *, writable=False):
     return array, context
 
 
+class _Closable:
+    """Slice assignments into ``target`` until :meth:`close`, which waits for
+    those under way: after an interruption the scheduler's threads still
+    finish the chunks they hold, and their writes must land nowhere rather
+    than recreate a store just removed or write into a file being closed."""
+
+    def __init__(self, target):
+        self.target, self.shape, self.dtype = target, target.shape, target.dtype
+        self.ndim = len(target.shape)
+        self._open, self._writing, self._changed = True, 0, threading.Condition()
+
+    def __setitem__(self, key, value):
+        with self._changed:
+            if not self._open:
+                return
+            self._writing += 1
+        try:
+            self.target[key] = value
+        finally:
+            with self._changed:
+                self._writing -= 1
+                self._changed.notify_all()
+
+    def close(self):
+        """No more writes; returns the target once none is under way."""
+        with self._changed:
+            self._open = False
+            self._changed.wait_for(lambda: self._writing == 0)
+        return self.target
+
+
 class ChunkedOutput:
     """An output written region by region: a Zarr store, an HDF5 dataset or a
     .npy file, created under a temporary name beside OUT and moved there by
@@ -609,6 +641,7 @@ class ChunkedOutput:
         else:
             raise ValueError(f"{self.path}: chunk by chunk, the output is a .zarr store, an "
                              f"HDF5 dataset (file.h5:/name) or a .npy file")
+        self.target = _Closable(self.target)
 
     def _temporary_name(self, suffix):
         """A new file (a folder for .zarr) beside OUT."""
@@ -669,9 +702,10 @@ class ChunkedOutput:
                 pass
 
     def commit(self):
+        written = self.target.close()
         if self.kind == "npy":
-            self.target.flush()
-            del self.target
+            written.flush()
+            del written, self.target
             _set_mode(self.temporary, self.written)
             os.replace(self.temporary, self.written)
         elif self.kind == "zarr":
@@ -688,6 +722,7 @@ class ChunkedOutput:
             os.replace(self.temporary, self.written)
 
     def discard(self):
+        self.target.close()
         try:
             if self.kind == "zarr":
                 shutil.rmtree(self.temporary, ignore_errors=True)

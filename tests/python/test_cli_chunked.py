@@ -135,6 +135,18 @@ def test_refusals_are_one_line(tmp_path, noisy, capsys, monkeypatch):
     assert not [n for n in os.listdir(tmp_path) if n.startswith((".", "o."))]
 
 
+@pytest.mark.parametrize("name", ["o.zarr", "o.h5:/d", "o.npy"])
+def test_writes_after_discard_land_nowhere(tmp_path, name):
+    # Interrupted, the scheduler's threads still finish their chunks: their writes
+    # recreated the removed temporary store (or wrote into the closed HDF5 file).
+    from korvo.io import ChunkedOutput
+    out = ChunkedOutput(str(tmp_path / name), (8, 8, 8), np.float32, (4, 4, 4), {})
+    out.target[:4] = np.ones((4, 8, 8), np.float32)
+    out.discard()
+    out.target[4:] = np.ones((4, 8, 8), np.float32)
+    assert os.listdir(tmp_path) == []
+
+
 def test_memory_is_bounded_by_chunks_not_the_volume(tmp_path, monkeypatch):
     """384^3 (216 MiB as float32) in 96^3 chunks. The workers' native run is
     replaced by the region's copy: measured is this process, which reads,
