@@ -107,10 +107,11 @@ def _slabwise(function, a, *alongside, out=None):
     return out
 
 
-def _haar_detail(z, who, flat=False, means=False):
+def _haar_detail(z, who, flat=False, means=False, touching=()):
     """Finest diagonal Haar detail of a 2-D or 3-D array (variance-preserving);
     with ``flat``, also which cells are constant, with ``means`` also the
-    cells' means (in that order)."""
+    cells' means, with ``touching`` (values) also which cells hold any of
+    them (in that order)."""
     a = np.asarray(z)
     if a.dtype.kind not in "biuf":
         raise TypeError(f"{who} needs a real array, got dtype {a.dtype}")
@@ -125,6 +126,7 @@ def _haar_detail(z, who, flat=False, means=False):
     detail = np.empty((pairs,) + tuple(n // 2 for n in a.shape[1:]))
     constant = np.empty(detail.shape, dtype=bool) if flat else None
     mean = np.empty(detail.shape) if means else None
+    touched = np.empty(detail.shape, dtype=bool) if len(touching) else None
     for first in range(0, pairs, per):
         part = a[2 * first:2 * (first + per)].astype(np.float64)
         if not np.isfinite(part).all():
@@ -132,10 +134,13 @@ def _haar_detail(z, who, flat=False, means=False):
         detail[first:first + per] = haar_level(part, "H" * a.ndim)
         if flat:
             constant[first:first + per] = constant_cells(part, range(a.ndim))
+        grouped = part.reshape(sum(((n // 2, 2) for n in part.shape), ()))
+        within = tuple(range(1, 2 * a.ndim, 2))
         if means:
-            grouped = part.reshape(sum(((n // 2, 2) for n in part.shape), ()))
-            mean[first:first + per] = grouped.mean(axis=tuple(range(1, 2 * a.ndim, 2)))
-    found = [x for x in (constant, mean) if x is not None]
+            mean[first:first + per] = grouped.mean(axis=within)
+        if touched is not None:
+            touched[first:first + per] = np.isin(grouped, touching).any(axis=within)
+    found = [x for x in (constant, mean, touched) if x is not None]
     return (detail, *found) if found else detail
 
 

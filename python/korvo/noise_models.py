@@ -208,13 +208,45 @@ def estimate_poisson_gaussian(z):
             (gain, b), *_ = np.linalg.lstsq(design * sw[:, None], variances * sw, rcond=None)
         predicted = np.abs(design @ (gain, b))
         weighted = design * sw[:, None]
-        error = math.sqrt(max(np.linalg.pinv(weighted.T @ weighted)[0, 0], 0.0))
-        return (gain, b, error), predicted
+        covariance = np.linalg.pinv(weighted.T @ weighted)
+        return (gain, b, math.sqrt(max(covariance[0, 0], 0.0)), covariance), predicted
 
-    gain, b, error = _robust_fit(fit, *_binned_noise(z, "estimate_poisson_gaussian"))
+    # Cells at a frequent lowest or highest value (zero-filled, masked or
+    # saturated parts, or counts of zero) join the fit only where they agree
+    # with the line of the others: a clipped cell's variance is too low.
+    regular, aside = _binned_noise(z, "estimate_poisson_gaussian", aside=True)
+    ceiling = _frequent_extremes(z)[-1:]
+    if ceiling and ceiling[0] == np.max(z):
+        # Cells near a ceiling keep only their samples below it: too little variance.
+        near = regular[0] + 3 * np.sqrt(regular[1]) > float(ceiling[0])
+        regular = tuple(r[~near] for r in regular)
+        if len(regular[0]) < 3 or not np.ptp(regular[0]) > 4 * np.sqrt(np.median(regular[1])):
+            raise ValueError("estimate_poisson_gaussian: below the data's ceiling (saturation) "
+                             "too little signal range is left to tell photon noise from read "
+                             "noise; give gain, sigma and offset")
+    if len(regular[0]) < 3:
+        regular, aside = tuple(np.concatenate(pair) for pair in zip(regular, aside)), ()
+    gain, b, error, covariance = _robust_fit(fit, *regular)
+    if len(aside) and len(aside[0]):
+        levels, variances, counts = aside
+        predicted = gain * levels + b
+        known = np.einsum("ij,jk,ik->i", np.stack([levels, np.ones_like(levels)], axis=1),
+                          covariance, np.stack([levels, np.ones_like(levels)], axis=1))
+        spread = np.sqrt(np.abs(2 * predicted ** 2 / counts + gain ** 2 * np.abs(predicted)
+                                / (4 * counts) + known))
+        # Far from every other level (a floor well below the data, as zero
+        # filling leaves) the line would only be extrapolated: kept out.
+        nearest = np.abs(levels[:, None] - regular[0][None, :]).argmin(axis=1)
+        close = np.abs(levels - regular[0][nearest]) <= 5 * np.sqrt(regular[1][nearest])
+        agree = close & (np.abs(variances - predicted) <= 4 * spread)
+        if agree.any():
+            gain, b, error, _ = _robust_fit(fit, *(np.concatenate([r, a[agree]])
+                                                   for r, a in zip(regular, aside)))
     if not gain > 3 * error:
         raise ValueError(f"estimate_poisson_gaussian: no signal-dependent noise found (gain "
-                         f"{gain:.3g} +- {error:.2g}); the data look Gaussian, use estimate_sigma")
+                         f"{gain:.3g} +- {error:.2g}); the data look Gaussian (use "
+                         f"estimate_sigma), or hold too narrow a range of signal (give gain, "
+                         f"sigma and offset)")
     if b >= 0:
         return float(gain), float(math.sqrt(b)), 0.0
     return float(gain), 0.0, float(-b / gain)
@@ -231,12 +263,17 @@ _BINS = 24
 # and 100 photons: no refusals (the smoother half refused 96^3 and 40^3
 # phantoms at 100 photons), the gain's rms log error 0.32 -> 0.26.
 _ROUGH_LIMIT = 3.0
+# An extreme value held by more samples than this is a floor or a ceiling.
+_EXTREME_SHARE = 0.01
 _KEEP_FRACTION = 0.1
 _CHI2_1_MEDIAN = 0.4549364231195724
 
 
-def _binned_noise(z, who):
-    """(level, detail variance, cell count) per bin of local mean.
+def _binned_noise(z, who, aside=False):
+    """(level, detail variance, cell count) per bin of local mean; with
+    ``aside``, also those of the cells that hold the data's lowest or highest
+    value where that value is frequent (zero-filled, masked or saturated
+    parts, or photon counts of zero), binned apart.
 
     Cells are sorted by the mean of the cells around them (3^3 or 5^2 cells,
     own cell left out: its noise is then independent of the cell's detail, so
@@ -246,7 +283,8 @@ def _binned_noise(z, who):
     texture); a bin that keeps too few cells (all edges, as in small volumes)
     is left out.
     """
-    detail, means = _haar_detail(z, who, means=True)
+    extremes = _frequent_extremes(z) if aside else ()
+    detail, means, *touched = _haar_detail(z, who, means=True, touching=extremes)
     width = 3 if means.ndim == 3 else 5
     size = width ** means.ndim
     level = (_box(means, width) * size - means) / (size - 1)
@@ -255,15 +293,34 @@ def _binned_noise(z, who):
     if d2.size < 8 * _BINS:
         raise ValueError(f"{who} needs at least {8 * _BINS} cells of 2 samples per axis, "
                          f"got {d2.size}")
-    order = np.argsort(level, kind="stable")
+    if not aside:
+        return _bins(np.argsort(level, kind="stable"), d2, rough, own, means.ndim)
+    apart = touched[0].ravel() if touched else np.zeros(d2.size, dtype=bool)
+    return tuple(_bins(np.flatnonzero(side)[np.argsort(level[side], kind="stable")], d2, rough,
+                       own, means.ndim) for side in (~apart, apart))
+
+
+def _frequent_extremes(z):
+    """The data's lowest and highest values, each where over _EXTREME_SHARE of
+    the samples hold it exactly."""
+    a = np.asarray(z)
+    found = []
+    for value in (a.min(), a.max()):
+        if np.count_nonzero(a == value) > _EXTREME_SHARE * a.size:
+            found.append(value)
+    return tuple(found)
+
+
+def _bins(order, d2, rough, own, ndim):
+    """The bins of the cells in ``order`` (sorted by their neighbours' mean)."""
     out = []
-    for part in np.array_split(order, _BINS):
+    for part in np.array_split(order, _BINS) if order.size >= 8 * _BINS else []:
         # A neighbour's mean carries its cell's noise variance over the cell's
         # samples; the bin's noise variance is read from its median detail
         # (a chi-square of one degree, whose median is 0.455 of its mean), which
         # edges cannot pull up.
         noise = np.median(d2[part]) / _CHI2_1_MEDIAN
-        keep = part[rough[part] <= _ROUGH_LIMIT * noise / 2 ** means.ndim]
+        keep = part[rough[part] <= _ROUGH_LIMIT * noise / 2 ** ndim]
         if keep.size < _KEEP_FRACTION * part.size:
             continue
         keep = keep[d2[keep] <= 30.0 * d2[keep].mean()]  # isolated outliers (hot pixels)
@@ -272,7 +329,8 @@ def _binned_noise(z, who):
             # that sorted them spread by their noise alone where the signal is
             # flat, and as levels those spreads would flatten the fitted line.
             out.append((own[keep].mean(), d2[keep].mean(), keep.size))
-    levels, variances, counts = (np.array(c, dtype=np.float64) for c in zip(*out))
+    levels, variances, counts = (np.array(c, dtype=np.float64) for c in zip(*out)) if out \
+        else (np.empty(0),) * 3
     return levels, variances, counts
 
 

@@ -146,6 +146,24 @@ def test_poisson_gaussian_estimate_on_edgy_and_dark_volumes(n, peak, read):
     assert nm.estimate_poisson_gaussian(z)[0] == pytest.approx(2.0, rel=0.15)
 
 
+def test_poisson_gaussian_estimate_beside_zero_filled_and_saturated_parts():
+    # Zeros outside a sphere read 0.52 for 2 and saturation 0.31, silently: the
+    # constant cells' zero variance and the clipped cells' low one tipped the line.
+    rng = np.random.default_rng(11)
+    shape = (64, 64, 64)
+    counts = rng.poisson(50 * korvo.phantom(shape) + 2)
+    z = np.rint(2 * counts + 100 + 2 * rng.standard_normal(shape)).astype(np.uint16)
+    radius = np.sqrt(sum((g - 31.5) ** 2 for g in np.indices(shape)))
+    assert nm.estimate_poisson_gaussian(np.where(radius < 24, z, 0))[0] == \
+        pytest.approx(2.0, rel=0.3)
+    assert nm.estimate_poisson_gaussian(np.minimum(z, np.percentile(z, 95)))[0] == \
+        pytest.approx(2.0, rel=0.15)
+    for clipped, words in ((np.minimum(z, np.percentile(z, 85)), "ceiling"),
+                           (np.where(radius < 10, z, 0), "too narrow a range")):
+        with pytest.raises(ValueError, match=words):
+            nm.estimate_poisson_gaussian(clipped)
+
+
 @pytest.mark.parametrize("coils", [1, 4])
 @pytest.mark.parametrize("background", [True, False])
 def test_rician_sigma_estimate(coils, background):
