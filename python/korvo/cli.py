@@ -575,6 +575,9 @@ def _demo(args):
     from ._png import write_png
     from .phantom import phantom
 
+    folder = os.path.dirname(os.path.abspath(args.png))
+    if not os.path.isdir(folder):  # before the run, not after it
+        raise ValueError(f"{args.png}: the folder {folder} does not exist")
     shape = tuple(args.shape)
     clean = phantom(shape)
     rng = np.random.default_rng(args.seed)

@@ -334,6 +334,10 @@ def test_demo_prints_psnr_and_writes_png(tmp_path, monkeypatch, capsys, matplotl
         side = 3 * 32 + 2 * 4  # three 32x32 panels a row, three rows, 4-pixel gaps
         assert picture.shape[0] == picture.shape[1] and picture.shape[0] % side == 0
         assert picture.std() > 10
+    # A folder that does not exist is refused before the run (it failed after it).
+    assert cli.main(["demo", "-q", "--png", str(tmp_path / "no" / "x.png")]) == 2
+    out, err = capsys.readouterr()
+    assert "PSNR" not in out and "does not exist" in err
 
 
 @pytest.mark.skipif(not hasattr(signal, "SIGINT") or sys.platform == "win32", reason="POSIX")
