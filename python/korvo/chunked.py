@@ -221,6 +221,8 @@ def _denoise_region(region, pilot, offset, flat, inner, settings, noise_map=None
     profile.num_threads = settings["threads"]
     run = _STAGES[settings["stages"]]
     normalize = settings["normalize"]
+    if normalize and not math.isfinite(offset):  # a sample elsewhere, read into the mean
+        raise ValueError("z contains NaN or infinite samples")
     channel = _Channel(region, settings["sigma"], settings["psd"], pilot, normalize, noise_map)
     if normalize:
         channel.offset = offset
