@@ -108,8 +108,8 @@ def test_options_a_chunked_run_cannot_honour(shape, options, message):
 
 
 def test_worker_errors_reach_the_caller():
-    z = noisy_pair((20, 20, 20))[1]
-    z[15, 15, 15] = np.nan
+    z = noisy_pair((20, 40, 40))[1]
+    z[15, 35, 35] = np.nan
     lazy = korvo.korvo(da.from_array(z, chunks=10), 0.1, profile=fast(W3), stages="ht")
     # Chunks away from the NaN read it through the whole array's mean (they
     # reported non-finite stage results).
