@@ -62,7 +62,9 @@ def check_noise_level(z, level, given, advice, stacklevel=2):
     user's call (frames above this one). Returns the level the data show (0: none)."""
     a = np.asarray(z)
     a = a.reshape([n for n in a.shape if n > 1])  # a single slice is an image
-    if a.ndim < 2:
+    # Integer data: the finest-scale estimate only takes steps of about half a
+    # unit, so it cannot read noise of less than one.
+    if a.ndim < 2 or (a.dtype.kind in "biu" and level < 1):
         return 0.0
     pairs = a.shape[0] // 2
     keep = min(pairs, max(1, LEVEL_SAMPLES * pairs // max(a.size, 1)))

@@ -280,6 +280,8 @@ def test_noise_level_far_from_the_datas_warns(monkeypatch, capsys, tmp_path):
         korvo.korvo(counts, noise="poisson-gaussian", gain=2.0, sigma=2.0, offset=0.0)
         korvo.korvo(rng.poisson(clean * 20).astype(float), noise="poisson-gaussian", gain=1.0,
                     sigma=1e-4, offset=0.0)
+        # Integer data with noise below one unit: the estimate reads steps of half a unit.
+        korvo.korvo(np.rint(100 * clean + rng.normal(0, 0.1, clean.shape)).astype(np.uint8), 0.1)
         plane = korvo.KORVOProfile()  # one slice is checked as an image
         plane.ht.block_size = plane.wiener.block_size = (8, 8, 1)
         korvo.korvo(z[:1], 0.1, profile=plane)
