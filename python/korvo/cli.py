@@ -718,6 +718,8 @@ def _on_terminate(owner):
             signal.signal(signum, signal.SIG_DFL)
             os.kill(os.getpid(), signum)
             return
+        # One is enough: a second (timeout sends two) would break into the cleanup.
+        signal.signal(signum, signal.SIG_IGN)
         raise _Terminated
     return handler
 
