@@ -199,12 +199,9 @@ def estimate_poisson_gaussian(z):
         floor = (1e-6 * variances.max()) ** 2 + 1e-300
         for _ in range(4):
             predicted = np.abs(design @ (gain, b))
-            # A bin's variance is known to 2 var^2 / n, and its level (the mean
-            # of n cells of at least 4 samples) to var / 4n, which the slope
-            # turns into variance: without it a flat background's bins, whose
-            # levels differ by their noise alone, set the slope.
-            spread = 2 * predicted ** 2 / counts + gain ** 2 * predicted / (4 * counts)
-            sw = 1 / np.sqrt(np.maximum(spread, floor))
+            # Without the spread of its levels a flat background's bins,
+            # whose levels differ by their noise alone, set the slope.
+            sw = 1 / np.sqrt(np.maximum(_bin_spread(predicted, counts, gain), floor))
             (gain, b), *_ = np.linalg.lstsq(design * sw[:, None], variances * sw, rcond=None)
         predicted = np.abs(design @ (gain, b))
         weighted = design * sw[:, None]
@@ -214,11 +211,12 @@ def estimate_poisson_gaussian(z):
     # Cells at a frequent lowest or highest value (zero-filled, masked or
     # saturated parts, or counts of zero) join the fit only where they agree
     # with the line of the others: a clipped cell's variance is too low.
-    regular, aside = _binned_noise(z, "estimate_poisson_gaussian", aside=True)
-    ceiling = _frequent_extremes(z)[-1:]
-    if ceiling and ceiling[0] == np.max(z):
+    floor, ceiling = _frequent_extremes(z)
+    regular, aside = _binned_noise(z, "estimate_poisson_gaussian",
+                                   apart=tuple(v for v in (floor, ceiling) if v is not None))
+    if ceiling is not None:
         # Cells near a ceiling keep only their samples below it: too little variance.
-        near = regular[0] + 3 * np.sqrt(regular[1]) > float(ceiling[0])
+        near = regular[0] + 3 * np.sqrt(regular[1]) > float(ceiling)
         regular = tuple(r[~near] for r in regular)
         if len(regular[0]) < 3 or not np.ptp(regular[0]) > 4 * np.sqrt(np.median(regular[1])):
             raise ValueError("estimate_poisson_gaussian: below the data's ceiling (saturation) "
@@ -229,11 +227,10 @@ def estimate_poisson_gaussian(z):
     gain, b, error, covariance = _robust_fit(fit, *regular)
     if len(aside) and len(aside[0]):
         levels, variances, counts = aside
-        predicted = gain * levels + b
-        known = np.einsum("ij,jk,ik->i", np.stack([levels, np.ones_like(levels)], axis=1),
-                          covariance, np.stack([levels, np.ones_like(levels)], axis=1))
-        spread = np.sqrt(np.abs(2 * predicted ** 2 / counts + gain ** 2 * np.abs(predicted)
-                                / (4 * counts) + known))
+        design = np.stack([levels, np.ones_like(levels)], axis=1)
+        predicted = design @ (gain, b)
+        known = np.einsum("ij,jk,ik->i", design, covariance, design)  # the line's own spread
+        spread = np.sqrt(_bin_spread(np.abs(predicted), counts, gain) + np.abs(known))
         # Far from every other level (a floor well below the data, as zero
         # filling leaves) the line would only be extrapolated: kept out.
         nearest = np.abs(levels[:, None] - regular[0][None, :]).argmin(axis=1)
@@ -269,11 +266,11 @@ _KEEP_FRACTION = 0.1
 _CHI2_1_MEDIAN = 0.4549364231195724
 
 
-def _binned_noise(z, who, aside=False):
+def _binned_noise(z, who, apart=None):
     """(level, detail variance, cell count) per bin of local mean; with
-    ``aside``, also those of the cells that hold the data's lowest or highest
-    value where that value is frequent (zero-filled, masked or saturated
-    parts, or photon counts of zero), binned apart.
+    ``apart`` (values, such as a frequent lowest or highest one: zero-filled,
+    masked or saturated parts, or photon counts of zero), those of the other
+    cells and those of the cells holding one of them, binned apart.
 
     Cells are sorted by the mean of the cells around them (3^3 or 5^2 cells,
     own cell left out: its noise is then independent of the cell's detail, so
@@ -283,8 +280,7 @@ def _binned_noise(z, who, aside=False):
     texture); a bin that keeps too few cells (all edges, as in small volumes)
     is left out.
     """
-    extremes = _frequent_extremes(z) if aside else ()
-    detail, means, *touched = _haar_detail(z, who, means=True, touching=extremes)
+    detail, means, *touched = _haar_detail(z, who, means=True, touching=apart or ())
     width = 3 if means.ndim == 3 else 5
     size = width ** means.ndim
     level = (_box(means, width) * size - means) / (size - 1)
@@ -293,7 +289,7 @@ def _binned_noise(z, who, aside=False):
     if d2.size < 8 * _BINS:
         raise ValueError(f"{who} needs at least {8 * _BINS} cells of 2 samples per axis, "
                          f"got {d2.size}")
-    if not aside:
+    if apart is None:
         return _bins(np.argsort(level, kind="stable"), d2, rough, own, means.ndim)
     apart = touched[0].ravel() if touched else np.zeros(d2.size, dtype=bool)
     return tuple(_bins(np.flatnonzero(side)[np.argsort(level[side], kind="stable")], d2, rough,
@@ -301,14 +297,19 @@ def _binned_noise(z, who, aside=False):
 
 
 def _frequent_extremes(z):
-    """The data's lowest and highest values, each where over _EXTREME_SHARE of
-    the samples hold it exactly."""
+    """(floor, ceiling): the data's lowest and highest values, each where over
+    _EXTREME_SHARE of the samples hold it exactly, else None."""
     a = np.asarray(z)
-    found = []
-    for value in (a.min(), a.max()):
-        if np.count_nonzero(a == value) > _EXTREME_SHARE * a.size:
-            found.append(value)
-    return tuple(found)
+    return tuple(value if np.count_nonzero(a == value) > _EXTREME_SHARE * a.size else None
+                 for value in (a.min(), a.max()))
+
+
+def _bin_spread(variance, counts, gain):
+    """Variance of a bin's mean detail variance about the line: the sample
+    variance of n cells scatters by 2 var^2 / n, and the bin's level (the mean
+    of n cells of at least 4 samples) by var / 4n, which the slope turns into
+    variance."""
+    return 2 * variance ** 2 / counts + gain ** 2 * variance / (4 * counts)
 
 
 def _bins(order, d2, rough, own, ndim):
