@@ -327,9 +327,10 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
     -----
     NoiseLevelWarning
         A white-noise sigma (or magnitude MRI's sigma, when given) over
-        three times, or under a third of, the noise the data
-        show at the finest scale: other units, coloured noise passed as
-        white, or data with more noise than the level given.
+        three times, or under a third of, the noise the data show at the
+        finest scale: other units, coloured noise passed as white, or data
+        with more noise than the level given. Photon counts mostly at or
+        below the model's zero (an offset above the dark level).
 
     Raises
     ------
@@ -470,7 +471,6 @@ def _stabilised(z, sigma, psd, model, extra, pilot, options):
         per_channel("sigma", sigma), *(per_channel(n, v) for n, v in extra.items()))]
     stabilised = None if split.axis is None else np.empty(z.shape, dtype=np.float32)
     inverses = []
-    given = [name for name, value in (("sigma", sigma),) if value is not None]
     for i in range(split.count):
         params = {name: value for name, value in channel_params[i].items()
                   if value is not None or name == "sigma"}
@@ -478,12 +478,11 @@ def _stabilised(z, sigma, psd, model, extra, pilot, options):
         # Estimated parameters give unit noise by construction. Photon counts
         # are not checked: where the counts are near zero their stabilised
         # noise falls far below 1, and dark backgrounds fill most cells.
-        if given and model == "rician":
+        if sigma is not None and model == "rician":
             where = "" if split.axis is None else f" (channel {i})"
-            check_noise_level(part, 1.0, f"The stabilised noise level, 1 ({model} with "
-                              f"{' and '.join(given)} given){where},",
-                              "Check those parameters' units, or leave them out to estimate "
-                              "them from the data", stacklevel=3)
+            check_noise_level(part, 1.0, f"The stabilised noise level, 1 (rician with sigma "
+                              f"given){where},", "Check sigma's units, or leave it out to "
+                              "estimate it from the data", stacklevel=3)
         if stabilised is None:
             stabilised = part
         else:
