@@ -11,7 +11,7 @@ import numpy as np
 from . import _native, chunked
 from .matches import MatchStorage, StageMatches
 from .memory import SPLIT_ADVICE, release_freed, stage_budgets
-from .noise import _slabwise, prewhiten
+from .noise import _slabwise, haar_detail_std, prewhiten
 from .profile import BUILT_IN_BLOCKS, KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
 from .progress import make_reporter
 from .transforms import block_transforms
@@ -32,6 +32,9 @@ _LEVEL_CHECKED = contextvars.ContextVar("korvo_level_checked", default=False)
 _LEVEL_ADVICE = ("Check sigma's units (korvo.estimate_sigma(z) estimates it, as the command line "
                  "does without --sigma); if the noise is correlated (smooth), pass its spectrum "
                  "instead: psd=korvo.estimate_psd(z) (--psd auto)")
+_PSD_ADVICE = ("Check the PSD's convention, E|fftn(noise)|^2 over its own shape (white noise "
+               "of std s on N elements: s*s*N everywhere), and its units; "
+               "korvo.estimate_psd(z) estimates it (--psd auto)")
 # How often the driving thread looks at progress and for an interrupt.
 _POLL_SECONDS = 0.1
 def _to_float32(a, offset, scale, out=None):
@@ -326,11 +329,12 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
     Warns
     -----
     NoiseLevelWarning
-        A white-noise sigma (or magnitude MRI's sigma, when given) over
-        three times, or under a third of, the noise the data show at the
-        finest scale: other units, coloured noise passed as white, or data
-        with more noise than the level given. Photon counts mostly at or
-        below the model's zero (an offset above the dark level).
+        A white-noise sigma (or the finest-scale noise a PSD implies, or
+        magnitude MRI's sigma, when given) over three times, or under a
+        third of, the noise the data show at the finest scale: a PSD's
+        convention mistaken, other units, coloured noise passed as white,
+        or data with more noise than the level given. Photon counts mostly
+        at or below the model's zero (an offset above the dark level).
 
     Raises
     ------
@@ -399,11 +403,16 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
     budget = _budget(profile, channels[0].z, normalize,
                      0 if split.axis is None else z.size * 4)  # the channels' result
     plans = [channel.records(profile, run, budget, adaptation) for channel in channels]
-    if psd is None and noise_map is None and not _LEVEL_CHECKED.get():
+    if noise_map is None and not _LEVEL_CHECKED.get():
         for i, channel in enumerate(channels):
             where = "" if split.axis is None else f" (channel {i})"
-            check_noise_level(channel.z, sigmas[i], f"sigma={sigmas[i]:.3g}{where}",
-                              _LEVEL_ADVICE)
+            if psd is None:
+                check_noise_level(channel.z, sigmas[i], f"sigma={sigmas[i]:.3g}{where}",
+                                  _LEVEL_ADVICE)
+                continue
+            level = haar_detail_std(psd, sum(n > 1 for n in channel.z.shape))
+            check_noise_level(channel.z, level, f"The PSD's noise at the finest scale, "
+                              f"{level:.3g}{where},", _PSD_ADVICE)
 
     if split.axis is None:
         return _denoise(channels[0], plans[0], run, matches, reporter, normalize)

@@ -237,6 +237,32 @@ def _psd_of_rank(psd, ndim):
     return p.reshape((1,) * (ndim - p.ndim) + p.shape)
 
 
+def haar_detail_std(psd, ndim):
+    """Standard deviation of the finest diagonal Haar detail (what
+    :func:`estimate_sigma` reads) of noise with this PSD, on ``ndim``-D data:
+    the detail's sign pattern over the autocovariance of a cell's samples.
+    Equal to the noise std for white noise; lower where power sits at low
+    frequencies (a fifth of it under 3x3x3 smoothing)."""
+    autocov = _autocovariance(psd, ndim)
+    corners = list(np.ndindex(*(2,) * ndim))
+    total = 0.0
+    for a in corners:
+        for b in corners:
+            # An axis the PSD does not resolve (extent 1) is white along it.
+            if any(n == 1 and i != j for i, j, n in zip(a, b, autocov.shape)):
+                continue
+            lag = tuple((i - j) % n for i, j, n in zip(a, b, autocov.shape))
+            total += (-1) ** (sum(a) + sum(b)) * autocov[lag]
+    return math.sqrt(max(total, 0.0) / len(corners))
+
+
+def _autocovariance(psd, ndim):
+    """The noise autocovariance by lag on the PSD's grid, with ``ndim`` axes
+    (:func:`_psd_of_rank`): E|fftn(noise)|^2 over the PSD's own shape, so its
+    own element count normalises it, whatever the rank."""
+    return np.fft.ifftn(_psd_of_rank(psd, ndim)).real / np.size(psd)
+
+
 def _psd_on_grid(psd, shape):
     """The PSD resampled to ``shape`` through its autocovariance (lags within
     half the PSD grid, Nyquist lags shared between both signs), normalised to
@@ -327,14 +353,13 @@ def flat_block_counts(z, psd):
 def _within_block_variance(psd, block):
     """E[variance of noise about its block mean] = sigma^2 - var(block mean),
     from the autocovariance of the PSD (lags wrapped onto its grid)."""
-    p = _psd_of_rank(psd, len(block))
-    autocov = np.fft.ifftn(p).real / p.size
-    # var(mean) = sum over lag l of autocov(l) * prod(b - |l|) / B^2, per axis.
-    weight = np.ones(p.shape)
-    for axis, (g, e) in enumerate(zip(p.shape, block)):
-        lags = np.fft.fftfreq(g, 1.0 / g).astype(int)
+    autocov = _autocovariance(psd, len(block))
+    # var(mean) = sum over lag l of autocov(l) * prod(b - |l|) / B^2, per axis;
+    # an axis the PSD does not resolve (extent 1) is white: lag 0 alone.
+    weight = np.ones(autocov.shape)
+    for axis, (g, e) in enumerate(zip(autocov.shape, block)):
         w = np.zeros(g)
-        for lag in range(-(e - 1), e):
+        for lag in range(-(e - 1), e) if g > 1 else (0,):
             w[lag % g] += e - abs(lag)
         weight = weight * w.reshape([-1 if i == axis else 1 for i in range(len(block))])
     return float(autocov.flat[0] - np.sum(autocov * weight) / np.prod(block) ** 2)

@@ -217,3 +217,20 @@ def test_large_volumes_are_read_from_evenly_spaced_blocks(monkeypatch):
     assert max(read) <= 12 * 48 * 48
     assert details.correlated == [2]
     assert psd_sigma(estimate_psd(image)) == pytest.approx(0.1, rel=0.05)
+
+
+def test_finest_detail_and_block_variance_of_a_psd_match_simulation():
+    # What a PSD implies for the data, against noise drawn from it, also across
+    # ranks: a 3-D PSD on an image (it read 4x), a 2-D PSD on a volume (its
+    # flat axis was taken as fully correlated rather than white).
+    from korvo.noise import _within_block_variance, haar_detail_std
+    rng = np.random.default_rng(12)
+    for kernel in (KERNELS["[1,2,1] along x"], np.ones((3, 3, 3)) / np.sqrt(27)):
+        psd = psd_from_kernel(kernel, GRID, 0.1)
+        noise = coloured_noise(kernel, (64, 64, 64), 0.1, rng)
+        cells = noise.reshape(8, 8, 8, 8, 8, 8).var(axis=(1, 3, 5)).mean()
+        assert haar_detail_std(psd, 3) == pytest.approx(estimate_sigma(noise), rel=0.03)
+        assert haar_detail_std(psd, 2) == pytest.approx(estimate_sigma(noise[7]), rel=0.03)
+        assert _within_block_variance(psd, (8, 8, 8)) == pytest.approx(cells, rel=0.03)
+    flat = korvo.white_psd(0.1, (16, 16))
+    assert _within_block_variance(flat, (8, 8, 8)) == pytest.approx(0.01 * (1 - 1 / 512))

@@ -256,13 +256,17 @@ def test_noise_level_far_from_the_datas_warns(monkeypatch, capsys, tmp_path):
         warnings.simplefilter("error", korvo.NoiseLevelWarning)
         for sigma in (0.1, 0.05, 0.25):  # within a factor of three: silent
             korvo.korvo(z, sigma)
-        korvo.korvo(z, psd=korvo.white_psd(0.5, (4, 4, 4)))  # spectra and maps are not checked
-        korvo.korvo(z, sigma=np.full(z.shape, 0.5))
+        korvo.korvo(z, psd=korvo.white_psd(0.1, (4, 4, 4)))
+        korvo.korvo(smooth, psd=korvo.psd_from_kernel(np.einsum("i,j,k->ijk", k, k, k),
+                                                      (16, 16, 16), 0.1))
+        korvo.korvo(z, sigma=np.full(z.shape, 0.5))  # maps are not checked
     for data, sigma, text in ((z, 1.0, r"sigma=1 is 9.\d+ times the noise .* beyond"),
                               (z, 0.01, r"sigma=0.01 is 1/10.\d+ of the noise .* most of"),
-                              (smooth, 0.1, "correlated")):
+                              (smooth, 0.1, "correlated"),
+                              # a PSD per element instead of over its shape (E|fftn|^2)
+                              (z, {"psd": np.full((16, 16, 16), 0.01)}, "PSD's convention")):
         with pytest.warns(korvo.NoiseLevelWarning, match=text) as caught:
-            korvo.korvo(data, sigma)
+            korvo.korvo(data, **(sigma if isinstance(sigma, dict) else {"sigma": sigma}))
         assert caught[0].filename == __file__  # points at the caller's line
     rgb = np.stack([z[0], 10 * z[0], z[0]], axis=-1)
     with pytest.warns(korvo.NoiseLevelWarning, match=r"\(channel 1\)"):
