@@ -52,6 +52,8 @@ FACTOR_LIMIT = (" (far beyond any useful value; the library multiplies noise var
 # largest distance of data within the supported dynamic range.
 MAX_MATCH_THRESHOLD = (2 * MAX_DYNAMIC_RANGE) ** 2
 STAGE_KEYS = ("ht", "wiener")
+# Extents, steps and windows reach the library as 32-bit integers.
+MAX_EXTENT = 2 ** 31 - 1
 # PSD adaptation, measured on MRI, CT and microscopy volumes under four noise
 # spectra (bench/coloured_study.py): per stage, the noise variance the
 # thresholds see is multiplied by 1 + ln(c) * slope, c the PSD's concentration.
@@ -94,6 +96,9 @@ def _axis_tuple(name, value, minimum, allow_none=True):
             raise TypeError(f"{name} components must be integers, got {item!r}")
         if item < minimum:
             raise ValueError(f"{name} components must be at least {minimum}, got {tuple(items)}")
+        if item > MAX_EXTENT:
+            raise ValueError(f"{name} components must be at most {MAX_EXTENT} (the library's "
+                             f"integers), got {tuple(items)}")
         out.append(int(item))
     return tuple(out)
 
@@ -178,15 +183,17 @@ class StageProfile(_Validated):
         block), which changes no group.
     max_group_size
         Largest group of blocks, reference included: a power of two, 1 to 64.
+        None: the stage's default (16 hard thresholding, 32 Wiener).
     match_threshold
         Largest accepted distance between a block and the reference, as a mean
         squared difference per voxel in units of the noise variance (the
         expected noise part is removed first when ``match_variance_weight`` is
-        positive). At most 4e30, which accepts every block.
+        positive). At most 4e30, which accepts every block. None: the stage's
+        default (9 hard thresholding, 3 Wiener).
     """
 
     _defaults = dict(block_size=None, step=None, search_window=None,
-                     max_group_size=16, match_threshold=1.0)
+                     max_group_size=None, match_threshold=None)
 
     def _check(self, name, value):
         if name == "block_size":
@@ -198,6 +205,8 @@ class StageProfile(_Validated):
             return _axis_tuple(name, value, 1)
         if name == "search_window":
             return _axis_tuple(name, value, 0)
+        if name in ("max_group_size", "match_threshold") and value is None:
+            return None
         if name == "max_group_size":
             value = _number(name, value, 1, MAX_GROUP, integer=True)
             if value & (value - 1):
@@ -210,12 +219,24 @@ class StageProfile(_Validated):
         return value
 
 
+# Per stage: what a StageProfile left at None stands for.
+STAGE_DEFAULTS = (dict(max_group_size=16, match_threshold=9.0),
+                  dict(max_group_size=32, match_threshold=3.0))
+
+
 def _ht_stage_defaults():
-    return StageProfile(max_group_size=16, match_threshold=9.0)
+    return StageProfile(**STAGE_DEFAULTS[0])
 
 
 def _wiener_stage_defaults():
-    return StageProfile(max_group_size=32, match_threshold=3.0)
+    return StageProfile(**STAGE_DEFAULTS[1])
+
+
+def stage_setting(profile, stage, name):
+    """A stage's ``max_group_size`` or ``match_threshold``: its own, or the
+    stage's default where it is None (a StageProfile() made afresh)."""
+    value = getattr(getattr(profile, STAGE_KEYS[stage]), name)
+    return STAGE_DEFAULTS[stage][name] if value is None else value
 
 
 class KORVOProfile(_Validated):
@@ -449,8 +470,6 @@ def stage_parameters(profile, stage, shape, *, noise_std=1.0, psd_shape=None, bu
     limit). Combinations a stage cannot run raise ValueError."""
     adaptation = adaptation or PSDAdaptation()
     settings = getattr(profile, STAGE_KEYS[stage])
-    # The shared groups are matched with the Wiener stage's threshold.
-    threshold_settings = profile.wiener if matching else settings
     extents = shape_xyz(shape)
     record = _native.default_parameters(stage, extents, noise_std)
     block = settings.block_size or record.block_size
@@ -467,9 +486,9 @@ def stage_parameters(profile, stage, shape, *, noise_std=1.0, psd_shape=None, bu
     # A window wider than the data can serve changes no group, only time and memory.
     record.search_window = settings.search_window or record.search_window
     _native.fit_search_window(record)
-    record.max_group_size = settings.max_group_size
+    record.max_group_size = stage_setting(profile, stage, "max_group_size")
     if adaptation.prewhiten:  # both stages replay the same groups
-        record.max_group_size = max(profile.ht.max_group_size, profile.wiener.max_group_size)
+        record.max_group_size = max(stage_setting(profile, s, "max_group_size") for s in (0, 1))
     record.variance_group_limit = profile.variance_group_limit
     # Squared in single precision, as the library squares its own default.
     threshold = np.float32(profile.hard_threshold)
@@ -480,9 +499,10 @@ def stage_parameters(profile, stage, shape, *, noise_std=1.0, psd_shape=None, bu
     record.match_variance_weight = _single("match_variance_weight", profile.match_variance_weight)
     # Per-voxel mean squared distance in units of the noise variance -> a sum
     # over the block in the stages' units.
+    # The shared groups are matched with the Wiener stage's threshold.
+    distance = stage_setting(profile, 1 if matching else stage, "match_threshold")
     record.match_threshold = _single(f"{STAGE_KEYS[stage]}.match_threshold",
-                                     threshold_settings.match_threshold * math.prod(block)
-                                     * noise_std ** 2)
+                                     distance * math.prod(block) * noise_std ** 2)
     record.sharpen = profile.sharpen
     record.sharpen_variances = profile.sharpen_variances
     record.sharpen_exponent = profile.sharpen_exponent
