@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import contextvars
 import threading
 import warnings
@@ -26,6 +27,22 @@ _MATCH_LABEL = "korvo matching on prewhitened data"
 
 # One native run at a time: the library's thread pool has a single driver.
 _NATIVE_LOCK = threading.Lock()
+_NATIVE_OWNER = [None]  # the thread holding it, which also runs the progress callbacks
+
+
+@contextlib.contextmanager
+def _native_turn():
+    """The native stages to this thread; a call from inside a progress
+    callback (the thread that holds them) would wait for itself forever."""
+    if _NATIVE_OWNER[0] == threading.get_ident():
+        raise RuntimeError("korvo cannot be called from inside a progress callback of another "
+                           "korvo call: the native stages run one call at a time")
+    with _NATIVE_LOCK:
+        _NATIVE_OWNER[0] = threading.get_ident()
+        try:
+            yield
+        finally:
+            _NATIVE_OWNER[0] = None
 # Set while the noise models denoise their stabilised data, whose level they
 # have checked themselves.
 _LEVEL_CHECKED = contextvars.ContextVar("korvo_level_checked", default=False)
@@ -219,7 +236,7 @@ def _denoise(channel, records, run, matches, reporter, normalize, label_suffix="
     if channel.pilot is not None:
         pilot = _to_float32(channel.pilot, channel.offset, channel.scale)
     result = None
-    with _NATIVE_LOCK:
+    with _native_turn():
         if "match" in records and (matches is None or not matches.recorded["ht"]):
             shared = _prewhitened_groups(channel, noisy, records["match"], reporter, label_suffix)
             matches = matches if matches is not None else MatchStorage()

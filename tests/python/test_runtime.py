@@ -34,6 +34,10 @@ def test_progress(volume, fast_profile, monkeypatch, capsys):
     korvo.korvo(volume + 0.01, 0.1, profile=fast_profile, progress=lambda *a: seen.append(a))
     stages = {label for label, _, _ in seen}
     assert stages == {"korvo hard thresholding", "korvo Wiener"}
+    # A call from inside a callback waited for itself forever.
+    with pytest.raises(RuntimeError, match="inside a progress callback"):
+        korvo.korvo(volume, 0.1, profile=fast_profile,
+                    progress=lambda *a: korvo.korvo(volume, 0.1, profile=fast_profile))
     for label in stages:
         final = [a for a in seen if a[0] == label][-1]
         assert final[1] == final[2] > 0
