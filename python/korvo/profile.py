@@ -116,6 +116,8 @@ def _number(name, value, low=None, high=None, low_open=False, integer=False, why
             raise ValueError(f"{name} must be finite, got {value}")
     if low is not None and (value <= low if low_open else value < low):
         raise ValueError(f"{name} must be {'greater than' if low_open else 'at least'} {low}, got {value}")
+    if low_open and not integer and not np.float32(value) > low:  # the library's precision
+        raise ValueError(f"{name} must be greater than {low} in single precision, got {value:g}")
     if high is not None and value > high:
         raise ValueError(f"{name} must be at most {high:g}{why}, got {value:g}")
     return value
