@@ -11,7 +11,7 @@ import numpy as np
 
 from . import _native, chunked
 from .matches import MatchStorage, StageMatches
-from .memory import SPLIT_ADVICE, release_freed, stage_budgets
+from .memory import SPLIT_ADVICE, needs_copy, release_freed, stage_budgets
 from .noise import _slabwise, haar_detail_std, prewhiten
 from .profile import BUILT_IN_BLOCKS, KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
 from .progress import make_reporter
@@ -70,18 +70,13 @@ def _to_float32(a, offset, scale, out=None):
 RAW_REACH = 1e4
 
 
-def _needs_copy(z, normalize):
-    """Whether the stages need a float32 working copy of z."""
-    return normalize or z.dtype != np.float32 or not z.flags.c_contiguous
-
-
 def _budget(profile, z, normalize, held=0):
     """Bytes each stage's native working memory may take in a call on ``z``,
     by record key (None: the profile sets the bands), besides ``held`` bytes
     of the caller's."""
     if profile.split_block_extraction is not None:
         return None
-    return stage_budgets(z.size, _needs_copy(z, normalize), held, profile.memory_limit)
+    return stage_budgets(z.size, needs_copy(z, normalize), held, profile.memory_limit)
 
 
 def _run_stage(stage, noisy, psd, record, pilot, output, storage, reporter, label):
@@ -228,7 +223,7 @@ def _prewhitened_groups(channel, noisy, record, reporter, label_suffix):
 
 def _denoise(channel, records, run, matches, reporter, normalize, label_suffix=""):
     z = channel.z
-    if _needs_copy(z, normalize):
+    if needs_copy(z, normalize):
         noisy = _to_float32(z, channel.offset, channel.scale)
     else:
         noisy = z

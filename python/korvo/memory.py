@@ -51,6 +51,11 @@ def available_memory():
     return min(candidates) if candidates else None
 
 
+def needs_copy(z, normalize):
+    """Whether a call's stages need a float32 working copy of the array z."""
+    return normalize or z.dtype != "float32" or not z.flags.c_contiguous
+
+
 def stage_budgets(voxels, copy, held=0, limit=None):
     """Bytes each stage's native working memory (block collections, weights,
     noise tables) may take in a call on ``voxels`` voxels, by record key:

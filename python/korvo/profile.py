@@ -23,7 +23,7 @@ import re
 import numpy as np
 
 from . import _native
-from .memory import choose_split, stage_budgets
+from .memory import choose_split, needs_copy, stage_budgets
 from .noise import noise_dominated_fraction, psd_concentration, whitening_gain
 from .validation import MAX_DYNAMIC_RANGE
 
@@ -364,7 +364,7 @@ class KORVOProfile(_Validated):
             return None if value is None else _number(name, value, 1)
         return value
 
-    def resolve(self, shape, psd=None, z=None):
+    def resolve(self, shape, psd=None, z=None, *, normalize=True, channels=1):
         """The native records a call on an array of this shape would use.
 
         Returns ``{"ht": record, "wiener": record}``: ``korvo._native.Parameters``
@@ -376,14 +376,19 @@ class KORVOProfile(_Validated):
         adaptation (see ``adapt_to_psd``). When the groups are matched on a
         prewhitened copy, the record of that matching pass is included as
         ``"match"``; whether they are depends on the data: pass ``z`` to
-        decide it (without, flat data are assumed). Settings that cannot work
+        decide it (without, flat data are assumed). ``normalize`` and
+        ``channels`` (the count along ``channel_axis``) as in the call: they
+        change the memory the stages may take, and so the bands and threads
+        (without ``z``, float32 data are assumed). Settings that cannot work
         on this shape raise ValueError.
         """
         shape = tuple(int(n) for n in shape)
         if len(shape) not in (2, 3):
             raise ValueError(f"expected a 2-D or 3-D shape, got {len(shape)} dimensions")
         adaptation = PSDAdaptation.of(self, shape, psd, z)
-        budgets = stage_budgets(math.prod(shape), True, limit=self.memory_limit)
+        copy = normalize if z is None else needs_copy(np.asarray(z), normalize)
+        held = 0 if channels == 1 else 4 * math.prod(shape) * channels  # the channels' result
+        budgets = stage_budgets(math.prod(shape), copy, held, limit=self.memory_limit)
         psd_shape = None if psd is None else np.shape(psd)
         records = {key: stage_parameters(self, stage, shape, psd_shape=psd_shape,
                                          budget=budgets[stage], adaptation=adaptation)

@@ -166,6 +166,23 @@ def test_split_choice_follows_memory():
     assert korvo.available_memory() is None or korvo.available_memory() > 0
 
 
+def test_resolve_shows_what_the_call_runs(monkeypatch):
+    # Without normalisation (no working copy) or with channels (their result
+    # held), the call's bands and threads differed from what resolve() showed.
+    ran, run_stage = [], _native.run_stage
+    monkeypatch.setattr(_native, "run_stage", lambda stage, noisy, psd, record, *rest: (
+        ran.append((record.num_threads, record.split_block_extraction)),
+        run_stage(stage, noisy, psd, record, *rest))[1])
+    z = korvo.phantom((48, 64, 64)) + np.float32(0.1)
+    profile = korvo.KORVOProfile(num_threads=2, memory_limit=5 * 10**6)
+    for data, options, resolved in ((z, {"normalize": False}, {"normalize": False, "z": z}),
+                                    (np.stack([z, z]), {"channel_axis": 0}, {"channels": 2})):
+        ran.clear()
+        korvo.korvo(data, 0.1, profile=profile, stages="ht", **options)
+        record = profile.resolve(z.shape, **resolved)["ht"]
+        assert ran[0] == (record.num_threads, record.split_block_extraction)
+
+
 def test_peak_memory_stays_under_the_target():
     # Measured in a fresh process whose allocator returns every large buffer when
     # it is freed, so that nothing an earlier step freed hides part of the peak.
