@@ -70,13 +70,13 @@ def _to_float32(a, offset, scale, out=None):
 RAW_REACH = 1e4
 
 
-def _budget(profile, z, normalize, held=0):
-    """Bytes each stage's native working memory may take in a call on ``z``,
-    by record key (None: the profile sets the bands), besides ``held`` bytes
-    of the caller's."""
+def _budget(profile, z, normalize, channels=None):
+    """Bytes each stage's native working memory may take in a call on ``z``
+    (one channel of ``channels``, when the call has a channel axis), by
+    record key (None: the profile sets the bands)."""
     if profile.split_block_extraction is not None:
         return None
-    return stage_budgets(z.size, needs_copy(z, normalize), held, profile.memory_limit)
+    return stage_budgets(z.size, needs_copy(z, normalize), channels, profile.memory_limit)
 
 
 def _run_stage(stage, noisy, psd, record, pilot, output, storage, reporter, label):
@@ -413,7 +413,7 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
                 for i in range(split.count)]
     adaptation = PSDAdaptation.of(profile, channels[0].z.shape, psd, channels[0].z)
     budget = _budget(profile, channels[0].z, normalize,
-                     0 if split.axis is None else z.size * 4)  # the channels' result
+                     None if split.axis is None else split.count)
     plans = [channel.records(profile, run, budget, adaptation) for channel in channels]
     if noise_map is None and not _LEVEL_CHECKED.get():
         for i, channel in enumerate(channels):

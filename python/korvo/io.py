@@ -257,18 +257,21 @@ def _check_hdf5_output(path, source, force):
         raise ValueError(f"{file} is a folder")
     if not os.access(file, os.W_OK):
         raise ValueError(f"{file} is not writable")
-    same_file = (source is not None and volume_format(source) == "hdf5"
-                 and os.path.exists(_split_hdf5(source)[0])
-                 and os.path.samefile(_split_hdf5(source)[0], file))
-    if same_file and _split_hdf5(source)[1] == dataset:
+    # The input's dataset when it lies in this file, else None.
+    source_file, source_dataset = (_split_hdf5(source) if source is not None
+                                   and volume_format(source) == "hdf5" else (None, None))
+    if source_file is None or not (os.path.exists(source_file)
+                                   and os.path.samefile(source_file, file)):
+        source_dataset = None
+    if source_dataset == dataset:
         raise ValueError(f"{path} is the input dataset itself; korvo never writes over its input")
     h5py = _require("h5py", "hdf5")
     try:
         with h5py.File(file, "r") as handle:
             exists = dataset in handle
             # Another name (a hard link) for the input dataset is the input too.
-            if exists and same_file and _split_hdf5(source)[1] in handle and \
-                    handle[dataset] == handle[_split_hdf5(source)[1]]:
+            if exists and source_dataset is not None and source_dataset in handle \
+                    and handle[dataset] == handle[source_dataset]:
                 raise ValueError(f"{path} is another name of the input dataset; korvo never "
                                  f"writes over its input")
     except OSError as exc:

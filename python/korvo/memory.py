@@ -56,13 +56,14 @@ def needs_copy(z, normalize):
     return normalize or z.dtype != "float32" or not z.flags.c_contiguous
 
 
-def stage_budgets(voxels, copy, held=0, limit=None):
+def stage_budgets(voxels, copy, channels=None, limit=None):
     """Bytes each stage's native working memory (block collections, weights,
     noise tables) may take in a call on ``voxels`` voxels, by record key:
     ``limit`` bytes for the whole call (None: MEMORY_TARGET times the
     volume's float32 bytes), never more than the machine has free, less what
-    the call holds meanwhile: its working copy of the data (``copy``),
-    ``held`` bytes more, and float32 volumes of its own: the
+    the call holds meanwhile: its working copy of the data (``copy``), the
+    result of all ``channels`` (a count: the call has a channel axis), and
+    float32 volumes of its own: the
     hard-thresholding stage its output (the pilot to be), the Wiener stage
     the pilot and its result, the matching pass on a prewhitened copy
     ("match") that copy and its scratch output."""
@@ -71,6 +72,7 @@ def stage_budgets(voxels, copy, held=0, limit=None):
     free = available_memory()
     if free is not None:
         total = min(total, free)
+    held = 0 if channels is None else volume * channels
     volumes = {0: 1, 1: 2, "match": 2}
     return {key: max(0, total - held - volume * (int(copy) + n)) for key, n in volumes.items()}
 

@@ -89,6 +89,15 @@ def estimate_sigma_map(z, tile=16):
     return out
 
 
+def spread_rows(count, size, limit, unit=1):
+    """(groups, rows): of ``count`` groups of ``unit`` consecutive rows,
+    making ``size`` samples in all, evenly spaced groups holding at most
+    about ``limit`` samples (every group where they all fit), and their rows."""
+    keep = min(count, max(1, limit * count // max(size, 1)))
+    chosen = np.unique(np.linspace(0, count - 1, keep).round().astype(np.intp))
+    return chosen, (unit * chosen[:, None] + np.arange(unit)).ravel()
+
+
 def _slabwise(function, a, *alongside, out=None):
     """``function`` (elementwise, computing in float64) over ``a``, and the
     same slices of the arrays ``alongside``, a few slices at a time along the
@@ -134,12 +143,13 @@ def _haar_detail(z, who, flat=False, means=False, touching=()):
         detail[first:first + per] = haar_level(part, "H" * a.ndim)
         if flat:
             constant[first:first + per] = constant_cells(part, range(a.ndim))
-        grouped = part.reshape(sum(((n // 2, 2) for n in part.shape), ()))
-        within = tuple(range(1, 2 * a.ndim, 2))
-        if means:
-            mean[first:first + per] = grouped.mean(axis=within)
-        if touched is not None:
-            touched[first:first + per] = np.isin(grouped, touching).any(axis=within)
+        if means or touched is not None:
+            grouped = part.reshape(sum(((n // 2, 2) for n in part.shape), ()))
+            within = tuple(range(1, 2 * a.ndim, 2))
+            if means:
+                mean[first:first + per] = grouped.mean(axis=within)
+            if touched is not None:
+                touched[first:first + per] = np.isin(grouped, touching).any(axis=within)
     found = [x for x in (constant, mean, touched) if x is not None]
     return (detail, *found) if found else detail
 

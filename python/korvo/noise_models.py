@@ -33,6 +33,7 @@ import warnings
 import numpy as np
 
 from .noise import _haar_detail, _slabwise, estimate_sigma
+from .validation import NoiseLevelWarning
 
 # Parameters estimated for a call are reported here (INFO); the command line
 # prints them.
@@ -100,9 +101,13 @@ def anscombe(z, gain=1.0, sigma=0.0, offset=0.0):
     Cambridge University Press (1998).
     """
     gain, sigma, offset = _pg_params(gain, sigma, offset)
-    a = _real(z, "anscombe")
-    arg = gain * a + 0.375 * gain * gain + sigma * sigma - gain * offset
-    return 2.0 / gain * np.sqrt(np.maximum(arg, 0.0))
+    return 2.0 / gain * np.sqrt(np.maximum(_anscombe_root(_real(z, "anscombe"), gain, sigma,
+                                                          offset), 0.0))
+
+
+def _anscombe_root(z, gain, sigma, offset):
+    """The argument of the generalized Anscombe transform's square root."""
+    return gain * z + 0.375 * gain * gain + sigma * sigma - gain * offset
 
 
 def inverse_anscombe(d, gain=1.0, sigma=0.0, offset=0.0, clip=False):
@@ -746,12 +751,11 @@ def _check_floor(y, gain, sigma, offset):
     photon model's zero, where the transform maps it all to 0: an offset
     above the dark level (or a gain or sigma far off) would otherwise give a
     flat result without a word."""
-    from .validation import NoiseLevelWarning
-
     share = np.count_nonzero(y == 0) / max(y.size, 1)
     if share > _FLOOR_FRACTION:
+        zero = -_anscombe_root(0.0, gain, sigma, offset) / gain
         warnings.warn(f"{100 * share:.0f} % of the data lie at or below the photon model's zero "
-                      f"(samples <= {offset - 0.375 * gain - sigma * sigma / gain:.4g} with gain "
+                      f"(samples <= {zero:.4g} with gain "
                       f"{gain:.4g}, sigma {sigma:.4g}, offset {offset:.4g}), where every sample "
                       f"stabilises to 0 and the result is flat: check the offset (dark level), "
                       f"or leave the parameters out to estimate them", NoiseLevelWarning,

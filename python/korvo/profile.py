@@ -364,7 +364,7 @@ class KORVOProfile(_Validated):
             return None if value is None else _number(name, value, 1)
         return value
 
-    def resolve(self, shape, psd=None, z=None, *, normalize=True, channels=1):
+    def resolve(self, shape, psd=None, z=None, *, normalize=True, channels=None):
         """The native records a call on an array of this shape would use.
 
         Returns ``{"ht": record, "wiener": record}``: ``korvo._native.Parameters``
@@ -377,7 +377,7 @@ class KORVOProfile(_Validated):
         prewhitened copy, the record of that matching pass is included as
         ``"match"``; whether they are depends on the data: pass ``z`` to
         decide it (without, flat data are assumed). ``normalize`` and
-        ``channels`` (the count along ``channel_axis``) as in the call: they
+        ``channels`` (the count along ``channel_axis``, if any) as in the call: they
         change the memory the stages may take, and so the bands and threads
         (without ``z``, float32 data are assumed). Settings that cannot work
         on this shape raise ValueError.
@@ -387,8 +387,7 @@ class KORVOProfile(_Validated):
             raise ValueError(f"expected a 2-D or 3-D shape, got {len(shape)} dimensions")
         adaptation = PSDAdaptation.of(self, shape, psd, z)
         copy = normalize if z is None else needs_copy(np.asarray(z), normalize)
-        held = 0 if channels == 1 else 4 * math.prod(shape) * channels  # the channels' result
-        budgets = stage_budgets(math.prod(shape), copy, held, limit=self.memory_limit)
+        budgets = stage_budgets(math.prod(shape), copy, channels, limit=self.memory_limit)
         psd_shape = None if psd is None else np.shape(psd)
         records = {key: stage_parameters(self, stage, shape, psd_shape=psd_shape,
                                          budget=budgets[stage], adaptation=adaptation)

@@ -35,7 +35,7 @@ from statistics import NormalDist
 
 import numpy as np
 
-from .noise import MAD_TO_SIGMA, constant_cells, haar_level
+from .noise import MAD_TO_SIGMA, constant_cells, haar_level, spread_rows
 
 __all__ = ["estimate_psd"]
 
@@ -539,10 +539,7 @@ class _Details:
         # slices (rows) across its first axis of more than one sample.
         along = next((a for a, n in enumerate(cells.shape) if n > 1), 0)
         unit = 2 if along in self.axes else 1
-        count = live.shape[along]
-        keep = min(count, max(1, _MAX_DETAIL_SAMPLES * count // max(cells.size, 1)))
-        chosen = np.unique(np.linspace(0, count - 1, keep).round().astype(int))
-        rows = (unit * chosen[:, None] + np.arange(unit)).ravel()
+        chosen, rows = spread_rows(live.shape[along], cells.size, _MAX_DETAIL_SAMPLES, unit)
         sample = np.take(cells, rows, axis=along).astype(np.float64)
         details = [np.abs(haar_level(sample, self._kinds(f, volume.ndim))) for f in self.filters]
         sample_live = np.take(live, chosen, axis=along)

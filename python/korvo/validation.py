@@ -11,7 +11,7 @@ import warnings
 
 import numpy as np
 
-from .noise import estimate_sigma, psd_sigma
+from .noise import estimate_sigma, psd_sigma, spread_rows
 
 __all__ = ["check_data", "check_noise", "check_channels", "check_shared_groups", "check_range",
            "check_noise_level", "ChannelSplit", "NoiseLevelWarning"]
@@ -67,11 +67,8 @@ def check_noise_level(z, level, given, advice, stacklevel=2):
     if a.ndim < 2 or (a.dtype.kind in "biu" and level < 1):
         return 0.0
     pairs = a.shape[0] // 2
-    keep = min(pairs, max(1, LEVEL_SAMPLES * pairs // max(a.size, 1)))
-    if keep < pairs:
-        chosen = np.unique(np.linspace(0, pairs - 1, keep).round().astype(np.intp))
-        a = np.take(a, (2 * chosen[:, None] + np.arange(2)).ravel(), axis=0)
-    seen = estimate_sigma(a)
+    chosen, rows = spread_rows(pairs, a.size, LEVEL_SAMPLES, 2)
+    seen = estimate_sigma(np.take(a, rows, axis=0) if len(chosen) < pairs else a)
     if seen > 0 and not 1 / LEVEL_MISMATCH <= level / seen <= LEVEL_MISMATCH:
         ratio = level / seen
         effect = (f"{ratio:.3g} times" if ratio > 1 else f"1/{1 / ratio:.3g} of") + \
