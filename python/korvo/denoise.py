@@ -11,13 +11,13 @@ import numpy as np
 
 from . import _native, chunked
 from .matches import MatchStorage, StageMatches
-from .memory import SPLIT_ADVICE, needs_copy, release_freed, stage_budgets
-from .noise import _slabwise, haar_detail_std, prewhiten
+from .memory import SPLIT_ADVICE, check_limit, needs_copy, release_freed, stage_budgets
+from .noise import _slabwise, haar_detail_std, prewhiten, psd_sigma
 from .profile import BUILT_IN_BLOCKS, KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
 from .progress import make_reporter
 from .transforms import block_transforms
 from .validation import (check_channels, check_data, check_noise, check_noise_level,
-                         check_range, check_shared_groups)
+                         check_pilot, check_range, check_shared_groups)
 
 __all__ = ["korvo"]
 
@@ -415,9 +415,16 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
     budget = _budget(profile, channels[0].z, normalize,
                      None if split.axis is None else split.count)
     plans = [channel.records(profile, run, budget, adaptation) for channel in channels]
+    if budget is not None:  # the bands are ours to choose, not the profile's
+        check_limit(profile.memory_limit, plans[0], channels[0].z.size,
+                    needs_copy(channels[0].z, normalize),
+                    None if split.axis is None else split.count, _native)
     if noise_map is None and not _LEVEL_CHECKED.get():
         for i, channel in enumerate(channels):
             where = "" if split.axis is None else f" (channel {i})"
+            if channel.pilot is not None:
+                check_pilot(channel.z, channel.pilot, sigmas[i] if psd is None else psd_sigma(psd),
+                            f"The pilot{where}")
             if psd is None:
                 check_noise_level(channel.z, sigmas[i], f"sigma={sigmas[i]:.3g}{where}",
                                   _LEVEL_ADVICE)

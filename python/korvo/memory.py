@@ -8,9 +8,10 @@ import os
 import sys
 import threading
 import time
+import warnings
 
-__all__ = ["available_memory", "choose_split", "measure_peak", "MEMORY_TARGET", "SPLIT_ADVICE",
-           "stage_budgets"]
+__all__ = ["available_memory", "check_limit", "choose_split", "measure_peak", "MEMORY_TARGET",
+           "SPLIT_ADVICE", "stage_budgets"]
 
 SPLIT_ADVICE = ("set profile.split_block_extraction = [False, False, True], or if that still "
                 "fails [False, True, True]")
@@ -56,25 +57,51 @@ def needs_copy(z, normalize):
     return normalize or z.dtype != "float32" or not z.flags.c_contiguous
 
 
+def held_bytes(voxels, copy, channels=None):
+    """Bytes a call holds beside each stage's native working memory, by record
+    key: its working copy of the data (``copy``), the result of all
+    ``channels`` (a count: the call has a channel axis), and float32 volumes
+    of its own: the hard-thresholding stage its output (the pilot to be), the
+    Wiener stage the pilot and its result, the matching pass on a prewhitened
+    copy ("match") that copy and its scratch output."""
+    volume = 4 * voxels
+    held = 0 if channels is None else volume * channels
+    volumes = {0: 1, 1: 2, "match": 2}
+    return {key: held + volume * (int(copy) + n) for key, n in volumes.items()}
+
+
 def stage_budgets(voxels, copy, channels=None, limit=None):
     """Bytes each stage's native working memory (block collections, weights,
     noise tables) may take in a call on ``voxels`` voxels, by record key:
     ``limit`` bytes for the whole call (None: MEMORY_TARGET times the
     volume's float32 bytes), never more than the machine has free, less what
-    the call holds meanwhile: its working copy of the data (``copy``), the
-    result of all ``channels`` (a count: the call has a channel axis), and
-    float32 volumes of its own: the
-    hard-thresholding stage its output (the pilot to be), the Wiener stage
-    the pilot and its result, the matching pass on a prewhitened copy
-    ("match") that copy and its scratch output."""
-    volume = 4 * voxels
-    total = MEMORY_TARGET * volume if limit is None else limit
+    the call holds meanwhile (``held_bytes``)."""
+    total = MEMORY_TARGET * 4 * voxels if limit is None else limit
     free = available_memory()
     if free is not None:
         total = min(total, free)
-    held = 0 if channels is None else volume * channels
-    volumes = {0: 1, 1: 2, "match": 2}
-    return {key: max(0, total - held - volume * (int(copy) + n)) for key, n in volumes.items()}
+    return {key: max(0, total - held) for key, held in held_bytes(voxels, copy, channels).items()}
+
+
+def stage_bytes(record, stage, native):
+    """Native working memory of a stage run by ``record``: its block collections and the rest."""
+    return native.collection_bytes(record, stage) + native.working_bytes(record, stage)
+
+
+def check_limit(limit, records, voxels, copy, channels, native):
+    """Warns (RuntimeWarning) when a ``memory_limit`` the caller set is below the
+    peak the call is estimated to reach even with the bands and threads that
+    need least, as chosen for ``records`` (by key, as ``held_bytes``). The
+    estimate counts whole allocations, so it errs high."""
+    if limit is None:
+        return
+    held = held_bytes(voxels, copy, channels)
+    need = max(held[key] + stage_bytes(record, 1 if key == 1 else 0, native)
+               for key, record in records.items())
+    if need > limit:
+        warnings.warn(f"memory_limit={limit:.4g} bytes is below the least this call is "
+                      f"estimated to take at its peak, about {need:.4g} bytes (with the bands "
+                      f"and threads that need least); it goes on", RuntimeWarning, stacklevel=3)
 
 
 def choose_split(record, stage, budget, native):
@@ -94,7 +121,7 @@ def choose_split(record, stage, budget, native):
 
     def cost(split):
         record.split_block_extraction = split
-        return native.collection_bytes(record, stage) + native.working_bytes(record, stage)
+        return stage_bytes(record, stage, native)
 
     first = min((whole, options[0]), key=cost)
     choice = min(options, key=cost)

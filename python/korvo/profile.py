@@ -296,7 +296,9 @@ class KORVOProfile(_Validated):
         included, which the choice of bands aims at. None (default): six times
         the volume's float32 bytes (``korvo.memory.MEMORY_TARGET``), never more
         than the machine has free. Raise it to trade memory for speed on small
-        volumes (bands along three axes cost up to a third more time).
+        volumes (bands along three axes cost up to a third more time). A limit
+        below what the call needs with the bands and threads that need least
+        warns (RuntimeWarning), and the call goes on.
     """
 
     _defaults = dict(
