@@ -234,7 +234,16 @@ def _cast(result, dtype, scaling=None):
         result = (result - np.float32(scaling[2])) / np.float32(scaling[1])
     if dtype.kind in "iu":
         info = np.iinfo(dtype)
-        return np.clip(np.rint(result), info.min, info.max).astype(dtype)
+        # The range's ends as floats of the result's type: a top that rounds up
+        # (2^31 - 1 in float32 is 2^31) would wrap to the bottom in the cast.
+        float_type = result.dtype.type if result.dtype.kind == "f" else np.float64
+        top = float_type(info.max)
+        if int(top) > info.max:
+            top = np.nextafter(top, float_type(0))
+        rounded = np.rint(result)
+        out = np.clip(rounded, info.min, top).astype(dtype)
+        out[rounded > top] = info.max
+        return out
     return result.astype(dtype)
 
 
@@ -267,6 +276,24 @@ def _reporting(on):
         log.setLevel(level)
 
 
+def _check_companion(path, shape, context, source, source_shape, source_context, what):
+    """A mask or sigma map goes with IN voxel by voxel: it must have IN's shape
+    and, as far as the files tell, lie on IN's grid."""
+    nifti = [c.get("kind") == "nifti" for c in (context, source_context)]
+    read_as = "; NIfTI is read as (k, j, i), other formats as stored" if any(nifti) else ""
+    if shape != source_shape:
+        raise ValueError(f"{path}: the {what} has shape {shape}, {source} {source_shape}; they "
+                         f"must match{read_as}")
+    if all(nifti) and not np.allclose(context["image"].affine, source_context["image"].affine,
+                                      atol=1e-4):
+        raise ValueError(f"{path}: the {what}'s affine differs from {source}'s; voxels are paired "
+                         f"by index, so resample the {what} onto {source}'s grid first")
+    if any(nifti) and not all(nifti) and tuple(shape) == tuple(shape)[::-1]:
+        warnings.warn(f"{path}: the {what} is paired with {source} voxel by voxel; NIfTI is "
+                      f"read as (k, j, i), so a {what} stored in (i, j, k) order would fit "
+                      f"this shape reversed, unnoticed: check its order")
+
+
 def _denoise(args):
     from .io import CHUNKED, check_output, read_volume, stored_scaling, volume_format, write_volume
 
@@ -286,10 +313,9 @@ def _denoise(args):
     for key, path, what in (("mask", args.psd_mask, "mask"),
                             ("sigma_map", args.sigma_map, "sigma map")):
         if path and path != "auto":
-            extra, _ = read_volume(path)
-            if extra.shape != data.shape:
-                raise ValueError(f"{path}: the {what} has shape {extra.shape}, {args.input} "
-                                 f"{data.shape}; they must match")
+            extra, extra_context = read_volume(path)
+            _check_companion(path, extra.shape, extra_context, args.input, data.shape, context,
+                             what)
             companions[key] = np.transpose(extra, order)
     labels = "".join(axes[i] for i in rest)
     if args.dtype == "keep":
@@ -411,10 +437,9 @@ def _chunked_items(args, run, source, context):
     z = da.from_array(source, chunks=tuple(chunks), lock=lock)
     noise_map = None
     if args.sigma_map:  # a file, read chunk by chunk beside IN
-        mapped, _ = open_chunked(args.sigma_map)
-        if mapped.shape != shape:
-            raise ValueError(f"{args.sigma_map}: the sigma map has shape {mapped.shape}, "
-                             f"{args.input} {shape}; they must match")
+        mapped, mapped_context = open_chunked(args.sigma_map)
+        _check_companion(args.sigma_map, mapped.shape, mapped_context, args.input, shape,
+                         context, "sigma map")
         noise_map = da.from_array(mapped, chunks=tuple(chunks), lock=lock)
     run.dtype = source.dtype if args.dtype == "keep" else np.dtype(np.float32)
     run.profile.num_threads = None  # one thread per chunk; --threads chunks at once
@@ -454,7 +479,7 @@ def _chunked_items(args, run, source, context):
 
 
 def _estimate(args):
-    from .io import check_output, read_volume, write_volume
+    from .io import STREAMED, check_output, read_volume, volume_format, write_volume
     from .noise_models import estimate_poisson_gaussian, estimate_rician_sigma
 
     if args.psd and args.noise != "gaussian":
@@ -463,6 +488,8 @@ def _estimate(args):
         raise ValueError("--coils is a parameter of --noise rician")
     psd_file = None if args.psd in (None, "print") else args.psd
     if psd_file:
+        if volume_format(psd_file) not in STREAMED:
+            raise ValueError(f"{psd_file}: --psd FILE writes a .npy, NIfTI or TIFF file")
         check_output(psd_file, source=args.input, force=args.force)
     data, context = read_volume(args.input)
     axes = context["axes"]

@@ -226,15 +226,25 @@ def check_output(path, source=None, force=False):
         raise ValueError(f"{path}: the folder {folder} is not writable")
     if os.path.isdir(file) and kind != "zarr":
         raise ValueError(f"{path} is a folder")
+    if source is not None and volume_format(source) == "hdf5":
+        source = _split_hdf5(source)[0]
+    if source is not None and kind == "zarr" and _nested(source, file):
+        raise ValueError(f"{path} lies inside the input {source}; korvo never writes into its input")
     if not os.path.exists(file):
         return
     if source is not None:
-        if volume_format(source) == "hdf5":
-            source = _split_hdf5(source)[0]
         if os.path.exists(source) and os.path.samefile(source, file):
             raise ValueError(f"{path} is the input file itself; korvo never writes over its input")
+        if _nested(file, source):  # a store replaced with everything in it
+            raise ValueError(f"{path} holds the input {source}; korvo never writes over its input")
     if not force:
         raise ValueError(f"{path} exists; pass --force to replace it")
+
+
+def _nested(outer, inner):
+    """Whether path ``inner`` lies strictly inside folder ``outer`` (links resolved)."""
+    outer, inner = os.path.realpath(outer), os.path.realpath(inner)
+    return inner.startswith(outer.rstrip(os.sep) + os.sep)
 
 
 def _check_folder(path, folder):
@@ -269,6 +279,19 @@ def _check_hdf5_output(path, source, force):
     try:
         with h5py.File(file, "r") as handle:
             exists = dataset in handle
+            # Replacing a group would take every dataset in it, the input's too;
+            # a dataset on the way cannot hold the output.
+            parts = dataset.split("/")
+            for depth in range(1, len(parts) + 1):
+                node = handle.get("/".join(parts[:depth]))
+                if isinstance(node, h5py.Group) and depth == len(parts):
+                    raise ValueError(f"{path} is a group; name a dataset inside it, "
+                                     f"e.g. {path.rstrip('/')}/denoised")
+                if isinstance(node, h5py.Dataset) and depth < len(parts):
+                    raise ValueError(f"{path}: /{'/'.join(parts[:depth])} is a dataset, "
+                                     f"not a group")
+                if node is None:
+                    break
             # Another name (a hard link) for the input dataset is the input too.
             if exists and source_dataset is not None and source_dataset in handle \
                     and handle[dataset] == handle[source_dataset]:
@@ -293,6 +316,9 @@ def write_volume(path, data, context=None, *, shape=None, dtype=None):
     """
     path = os.fspath(path)
     kind = volume_format(path)
+    if kind not in STREAMED:
+        raise ValueError(f"{path}: whole arrays are written as .npy, NIfTI or TIFF; Zarr and "
+                         f"HDF5 outputs go chunk by chunk (ChunkedOutput)")
     if isinstance(data, np.ndarray):
         shape, dtype, data = data.shape, data.dtype, [data]
     shape, dtype = tuple(shape), np.dtype(dtype)
@@ -410,21 +436,33 @@ def _write_nifti(nib, path, data, shape, dtype, context):
     """Header first, then the blocks as they come: the package's axis order is
     NIfTI's reversed, so C-ordered blocks are NIfTI's Fortran-ordered data."""
     source = context.get("image")
-    header = source.header.copy() if source is not None else None
-    affine = source.affine if source is not None else np.eye(4)
-    # A one-voxel image settles the header's affine fields as nibabel writes them.
-    image = nib.Nifti1Image(np.zeros((1,) * len(shape), dtype), affine, header)
-    image.update_header()
-    header = image.header
+    if dtype == np.float16:  # not a NIfTI type; float32 holds every value
+        dtype = np.dtype(np.float32)
+    # NIfTI-1 extents are 16-bit: longer ones, or a NIfTI-2 input, write NIfTI-2.
+    two = max(shape) > 32767 or isinstance(getattr(source, "header", None), nib.Nifti2Header)
+    kind = nib.Nifti2Image if two else nib.Nifti1Image
+    if source is not None and isinstance(source.header, kind.header_class):
+        header = source.header.copy()  # as it was, its transform codes included
+    else:
+        # A one-voxel image settles the header's affine fields as nibabel writes them.
+        image = kind(np.zeros((1,) * len(shape), dtype),
+                     np.eye(4) if source is None else source.affine)
+        image.update_header()
+        header = image.header
+    pixdim = header["pixdim"].copy()
     header.set_data_shape(shape[::-1])
+    # nibabel resets the spacing past the image's rank: an image's slice
+    # thickness is the qform's third scale.
+    header["pixdim"][len(shape) + 1:] = pixdim[len(shape) + 1:]
     header.set_data_dtype(dtype)
     scaling = stored_scaling(context)
     # Integers under the source's scaling are its stored values: the scaling stays.
     same = scaling is not None and scaling[0] == dtype
     header.set_slope_inter(*(scaling[1:] if same else (1.0, 0.0)))
-    # Single-file NIfTI: data after the 348-byte header, the extension flag
-    # and any extensions, on a 16-byte boundary.
-    header.set_data_offset(-(-(352 + header.extensions.get_sizeondisk()) // 16) * 16)
+    # Single-file NIfTI: data after the header, the extension flag and any
+    # extensions, on a 16-byte boundary.
+    header.set_data_offset(-(-(header.single_vox_offset + header.extensions.get_sizeondisk())
+                             // 16) * 16)
     stored = header.get_data_dtype()
     opener = gzip.open if path.lower().endswith(".gz") else open
     with opener(path, "wb") as f:
@@ -541,6 +579,18 @@ def _open_zarr(path):
                    ome_version=ome.get("version") or image.get("version"),
                    axes=_ome_labels(image.get("axes") or "tczyx"[-array.ndim:]))
     return array, context
+
+
+def _holds_references(value):
+    """Whether an HDF5 attribute's value holds object or region references."""
+    h5py = _require("h5py", "hdf5")
+    if isinstance(value, (h5py.Reference, h5py.RegionReference)):
+        return True
+    if isinstance(value, np.ndarray) and value.dtype.kind == "O":
+        return any(_holds_references(item) for item in value.flat)
+    if isinstance(value, np.ndarray) and value.dtype.names:
+        return any(_holds_references(value[name]) for name in value.dtype.names)
+    return False
 
 
 def _zarr_format(node):
@@ -699,9 +749,14 @@ class ChunkedOutput:
             where = dataset
         self.target = self.handle.create_dataset(where, shape=shape, dtype=dtype, chunks=chunks)
         for key, value in context.get("attrs", {}).items():
+            # References (dimension scales) name objects of the input's file that
+            # are not written here: copied, they point at nothing or at scales
+            # that do not list this dataset.
+            if _holds_references(value):
+                continue
             try:
                 self.target.attrs[key] = value
-            except (TypeError, ValueError):  # references to other objects do not travel
+            except (TypeError, ValueError):
                 pass
 
     def commit(self):
