@@ -217,7 +217,7 @@ def test_dtype_keep_rounds_and_clips(tmp_path, monkeypatch):
     np.testing.assert_allclose(result.get_fdata(), ramp * 0.5 + 10.6, atol=0.25)
 
 
-def test_psd_auto_and_mask(tmp_path, capsys):
+def test_estimates_psd_auto_mask_and_the_estimate_command(tmp_path, capsys):
     # Noise correlated along x; the left rows hold noise alone. Each series
     # item gets its own estimate, the one read from the mask exactly so.
     rng = np.random.default_rng(8)
@@ -247,6 +247,26 @@ def test_psd_auto_and_mask(tmp_path, capsys):
     out = tmp_path / "o.npy"
     refused(capsys, [source, out, "--psd-mask", mask_file], "--psd auto")
     refused(capsys, [source, out, "--psd", "auto", "--psd-mask", mask_file], "mask has shape")
+    # An image, and the estimate command's sigma, PSD and photon-count parameters.
+    rng = np.random.default_rng(5)
+    clean = korvo.phantom((40, 40))
+    source, out = tmp_path / "img.npy", tmp_path / "out.npy"
+    image = clean + 0.05 * rng.standard_normal(clean.shape)
+    np.save(source, image)
+    assert denoise(source, out, "--stages", "ht", *FAST) == 0
+    np.testing.assert_allclose(np.load(out), korvo.korvo(image, korvo.estimate_sigma(image),
+                                                         stages="ht", profile=fast()), atol=1e-4)
+    assert cli.main(["estimate", str(source)]) == 0
+    assert float(capsys.readouterr().out) == pytest.approx(0.05, rel=0.3)
+    # The PSD is written for denoise --psd FILE; photon counts give gain, sigma, offset.
+    psd = tmp_path / "psd.npy"
+    assert cli.main(["estimate", str(source), "--psd", str(psd)]) == 0
+    np.testing.assert_array_equal(np.load(psd), korvo.estimate_psd(image))
+    assert capsys.readouterr().out.startswith("std ")
+    clean = korvo.phantom((96, 96))  # 40^2 holds too few cells for a gain within 15 %
+    np.save(source, 2.0 * rng.poisson(50 * clean) + rng.normal(0, 2, clean.shape))
+    assert cli.main(["estimate", str(source), "--noise", "poisson-gaussian"]) == 0
+    assert float(capsys.readouterr().out.split()[1]) == pytest.approx(2.0, rel=0.15)  # gain
 
 
 def test_user_errors_are_one_line(tmp_path, capsys):
@@ -280,26 +300,6 @@ def test_user_errors_are_one_line(tmp_path, capsys):
     # Usage errors are one line too (argparse printed its usage first).
     assert captured.err == "korvo: error: argument --threads: must be 0 (all cores) or more, " \
                            "got -1 (see: korvo denoise --help)\n"
-
-
-def test_2d_image_and_estimate_command(tmp_path, capsys):
-    rng = np.random.default_rng(5)
-    clean = korvo.phantom((40, 40))
-    source, out = tmp_path / "img.npy", tmp_path / "out.npy"
-    np.save(source, clean + 0.05 * rng.standard_normal(clean.shape))
-    assert denoise(source, out, "--stages", "ht", "-q") == 0
-    assert np.load(out).shape == clean.shape
-    assert cli.main(["estimate", str(source)]) == 0
-    assert float(capsys.readouterr().out) == pytest.approx(0.05, rel=0.3)
-    # The PSD is written for denoise --psd FILE; photon counts give gain, sigma, offset.
-    psd = tmp_path / "psd.npy"
-    assert cli.main(["estimate", str(source), "--psd", str(psd)]) == 0
-    np.testing.assert_array_equal(np.load(psd), korvo.estimate_psd(np.load(source)))
-    assert capsys.readouterr().out.startswith("std ")
-    clean = korvo.phantom((96, 96))  # 40^2 holds too few cells for a gain within 15 %
-    np.save(source, 2.0 * rng.poisson(50 * clean) + rng.normal(0, 2, clean.shape))
-    assert cli.main(["estimate", str(source), "--noise", "poisson-gaussian"]) == 0
-    assert float(capsys.readouterr().out.split()[1]) == pytest.approx(2.0, rel=0.15)  # gain
 
 
 @pytest.mark.parametrize("matplotlib", [True, False])

@@ -135,7 +135,20 @@ def test_psd_concentration_prewhitening_and_adaptation(rng):
             korvo.korvo(noisy, psd=psd, profile=SERIAL, matches=matches), first)
 
 
-def test_sigma_map(rng):
+def test_noise_level_estimates_and_sigma_map(volume, image, rng):
+    for sigma in (0.05, 0.2):
+        for clean, rel in ((np.zeros((20, 40, 40)), 0.05), (volume, 0.2), (image, 0.2)):
+            noisy = clean + sigma * rng.standard_normal(clean.shape)
+            assert korvo.estimate_sigma(noisy) == pytest.approx(sigma, rel=rel)
+    with pytest.raises(ValueError):
+        korvo.estimate_sigma(np.zeros(10))
+    # A masked MRI: noise inside, exact zeros over 60 % of the volume. The
+    # zeros gave sigma 0 (and a map of zeros that korvo refuses).
+    masked = np.zeros((20, 40, 40))
+    masked[4:16, 8:32, 8:28] = 1 + 0.1 * rng.standard_normal((12, 24, 20))
+    assert korvo.estimate_sigma(masked) == pytest.approx(0.1, rel=0.1)
+    noise_map = korvo.estimate_sigma_map(masked)
+    assert noise_map.min() > 0.05 and noise_map.max() < 0.15
     # Noise whose level grows fourfold across x: the map beats any one level.
     clean = korvo.phantom((24, 48, 64)).astype(np.float64)
     ramp = np.broadcast_to(np.linspace(0.05, 0.2, 64), clean.shape)
@@ -291,19 +304,3 @@ def test_profile_settings_and_normalize_reach_the_library(volume, noisy_phantom)
     # sigma, silently): the caller is told.
     with pytest.warns(RuntimeWarning, match="normalize=True"):
         korvo.korvo(noisy + np.float32(1e5), 0.1, normalize=False)
-
-
-def test_estimate_sigma(volume, image, rng):
-    for sigma in (0.05, 0.2):
-        for clean, rel in ((np.zeros((20, 40, 40)), 0.05), (volume, 0.2), (image, 0.2)):
-            noisy = clean + sigma * rng.standard_normal(clean.shape)
-            assert korvo.estimate_sigma(noisy) == pytest.approx(sigma, rel=rel)
-    with pytest.raises(ValueError):
-        korvo.estimate_sigma(np.zeros(10))
-    # A masked MRI: noise inside, exact zeros over 60 % of the volume. The
-    # zeros gave sigma 0 (and a map of zeros that korvo refuses).
-    masked = np.zeros((20, 40, 40))
-    masked[4:16, 8:32, 8:28] = 1 + 0.1 * rng.standard_normal((12, 24, 20))
-    assert korvo.estimate_sigma(masked) == pytest.approx(0.1, rel=0.1)
-    noise_map = korvo.estimate_sigma_map(masked)
-    assert noise_map.min() > 0.05 and noise_map.max() < 0.15
