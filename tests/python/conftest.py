@@ -71,7 +71,7 @@ def rng():
     return np.random.default_rng(1234)
 
 
-@pytest.fixture
+@pytest.fixture(scope="session")
 def noisy_phantom(volume):
     """The phantom volume with white noise of std 0.1."""
     return volume + 0.1 * np.random.default_rng(1234).standard_normal(volume.shape)

@@ -21,6 +21,7 @@ CASES = [
     # A per-voxel noise map (broadcast along x): each region divided by its part.
     ((30, 37, 41), (11, 16, 20), "both", dict(sigma=np.linspace(0.05, 0.15, 41)), {}, 0),
     ((30, 37, 41), (26, 5, 41), "ht", dict(sigma=0.1), {}, 0),
+    ((30, 37, 41), (16, 20, 20), "wiener", dict(sigma=0.1), {}, 0),  # a pilot chunked otherwise
     ((30, 37, 41), (13, 37, 4), "both", dict(psd=PSD), dict(adapt_to_psd=False), 0),
     # The whole array decides, from its chunks' flat-block counts, that textured
     # data skip the prewhitened matching: only the thresholds adapt, exactly.
@@ -40,20 +41,12 @@ def test_chunks_give_the_in_memory_estimate(shape, chunks, stages, noise, settin
     profile = fast(W3 if len(shape) == 3 else W2, **settings)
     margin, _ = korvo.chunked.chunk_margin(shape, profile, stages)
     assert max(margin) < max(shape)  # no chunk reads the whole array
-    whole = korvo.korvo(z, profile=profile, stages=stages, **noise)
-    lazy = korvo.korvo(da.from_array(z, chunks=chunks), profile=profile, stages=stages, **noise)
+    pilot = korvo.korvo(z, profile=profile, stages="ht", **noise) if stages == "wiener" else None
+    whole = korvo.korvo(z, profile=profile, stages=stages, pilot=pilot, **noise)
+    lazy = korvo.korvo(da.from_array(z, chunks=chunks), profile=profile, stages=stages, **noise,
+                       pilot=None if pilot is None else da.from_array(pilot, chunks=(30, 10, 41)))
     assert isinstance(lazy, da.Array) and lazy.dtype == np.float32
     assert lazy.chunks == da.from_array(z, chunks=chunks).chunks
-    assert np.abs(lazy.compute() - whole).max() <= 1e-5 * np.ptp(z)
-
-
-def test_wiener_stage_with_a_dask_pilot():
-    z = noisy_pair((30, 37, 41), seed=1)[1]
-    profile = fast(W3)
-    pilot = korvo.korvo(z, 0.1, profile=profile, stages="ht")
-    whole = korvo.korvo(z, 0.1, profile=profile, stages="wiener", pilot=pilot)
-    lazy = korvo.korvo(da.from_array(z, chunks=(16, 20, 20)), 0.1, profile=profile,
-                       stages="wiener", pilot=da.from_array(pilot, chunks=(30, 10, 41)))
     assert np.abs(lazy.compute() - whole).max() <= 1e-5 * np.ptp(z)
 
 
@@ -81,19 +74,6 @@ def test_noise_models_chunk_by_chunk(model, params):
         assert difference.max() <= 1e-5 * np.ptp(z)
 
 
-def test_nothing_is_computed_until_asked():
-    calls = []
-
-    def block(b):
-        calls.append(b.shape)
-        return b
-
-    z = da.from_array(noisy_pair((24, 20, 20))[1], chunks=12).map_blocks(
-        block, meta=np.empty((0, 0, 0), np.float32))
-    lazy = korvo.korvo(z, 0.1, profile=fast(W3))
-    assert calls == [] and lazy.chunks == z.chunks
-
-
 @pytest.mark.parametrize("shape, options, message", [
     ((20, 20, 20), dict(channel_axis=0), "one by one"),
     ((2, 20, 20, 20), dict(channel_axis=0), "one by one"),  # was: "must be 2-D or 3-D"
@@ -107,7 +87,17 @@ def test_options_a_chunked_run_cannot_honour(shape, options, message):
         korvo.korvo(da.zeros(shape, chunks=10), **{"sigma": 0.1, **options})
 
 
-def test_worker_errors_reach_the_caller():
+def test_nothing_is_computed_until_asked_and_worker_errors_reach_the_caller():
+    calls = []
+
+    def block(b):
+        calls.append(b.shape)
+        return b
+
+    z = da.from_array(noisy_pair((24, 20, 20))[1], chunks=12).map_blocks(
+        block, meta=np.empty((0, 0, 0), np.float32))
+    lazy = korvo.korvo(z, 0.1, profile=fast(W3))
+    assert calls == [] and lazy.chunks == z.chunks
     z = noisy_pair((20, 40, 40))[1]
     z[15, 35, 35] = np.nan
     lazy = korvo.korvo(da.from_array(z, chunks=10), 0.1, profile=fast(W3), stages="ht")

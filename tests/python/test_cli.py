@@ -22,22 +22,46 @@ def noisy_volume():
     return noisy_pair((12, 24, 28), seed=3)
 
 
-def test_npy_round_trip_sigma_psd_and_estimate(tmp_path, noisy_volume):
-    clean, noisy = noisy_volume
-    source, psd_file = tmp_path / "in.npy", tmp_path / "psd.npy"
-    np.save(source, noisy)
-    np.save(psd_file, korvo.white_psd(0.1, (8, 8, 8)))
-    outputs = {}
-    for name, extra in (("sigma", ["--sigma", "0.1"]), ("psd", ["--psd", str(psd_file)]),
-                        ("estimated", [])):
-        out = tmp_path / f"out-{name}.npy"
-        assert denoise(source, out, *extra, *FAST) == 0
-        outputs[name] = np.load(out)
-        assert outputs[name].shape == noisy.shape and outputs[name].dtype == np.float32
-        assert psnr(outputs[name], clean) > psnr(noisy, clean) + 4
-    np.testing.assert_allclose(outputs["psd"], outputs["sigma"], atol=2e-4)
-    np.testing.assert_allclose(outputs["sigma"], korvo.korvo(noisy, sigma=0.1, profile=fast()),
-                               atol=1e-4)
+def test_noise_options_give_the_call_they_stand_for(tmp_path, capsys):
+    tifffile = pytest.importorskip("tifffile")
+    rng = np.random.default_rng(4)
+    clean = korvo.phantom((12, 24, 28))
+    level = np.broadcast_to(np.linspace(0.05, 0.2, 28), clean.shape).astype(np.float32)
+    noisy = (clean + level * rng.standard_normal(clean.shape)).astype(np.float32)
+    counts = (2 * rng.poisson(20 * clean) + 100).astype(np.uint16)
+    white = korvo.white_psd(0.1, (8, 8, 8))
+    for name, data in (("in", noisy), ("counts", counts), ("map", level), ("psd", white)):
+        np.save(tmp_path / f"{name}.npy", data)
+    # Channels (TIFF C) filtered with the groups of the first one, or of their mean.
+    tifffile.imwrite(tmp_path / "stack.tif", np.stack([noisy, 0.5 * noisy]),
+                     metadata={"axes": "CZYX"})
+    photons = dict(noise="poisson-gaussian", gain=2.0, offset=100.0)
+    for source, options, call in [
+            ("in.npy", ["--sigma", "0.1"], dict(sigma=0.1)),
+            ("in.npy", ["--psd", tmp_path / "psd.npy"], dict(psd=white)),
+            ("in.npy", [], dict(sigma=korvo.estimate_sigma(noisy))),
+            ("in.npy", ["--sigma-map", tmp_path / "map.npy"], dict(sigma=level)),
+            ("in.npy", ["--sigma-map", "auto"], dict(sigma=korvo.estimate_sigma_map(noisy))),
+            ("counts.npy", ["--noise", "poisson-gaussian", "--gain", "2", "--offset", "100"],
+             photons),
+            *[("stack.tif", ["--sigma", "0.1", "--shared-groups", option],
+               dict(sigma=0.1, channel_axis=0, shared_groups=shared))
+              for option, shared in (("first", 0), ("mean", "mean"), ("1", 1))]]:
+        read = np.load if source.endswith(".npy") else tifffile.imread
+        out = tmp_path / ("out" + source[source.index("."):])
+        assert denoise(tmp_path / source, out, "-f", *options, *FAST) == 0, options
+        result, data = read(out), read(tmp_path / source)
+        assert result.shape == data.shape and result.dtype == np.float32
+        np.testing.assert_allclose(result, korvo.korvo(data, **call, profile=fast()), atol=1e-4)
+    # Parameters the model estimates are printed (they went unreported), except with -q.
+    source, out = tmp_path / "counts.npy", tmp_path / "out.npy"
+    capsys.readouterr()
+    for quiet in (False, True):
+        quietness = FAST[:-1] + ["-q"] * quiet  # FAST ends with -q
+        assert denoise(source, out, "-f", "--noise", "poisson-gaussian", *quietness) == 0
+        assert ("estimated photon noise: gain" in capsys.readouterr().err) != quiet
+    refused(capsys, [source, out, "-f", "--noise", "rician", "--psd", "auto"], "--noise rician")
+    refused(capsys, [tmp_path / "stack.tif", out, "-f", "--shared-groups", "x"], "--shared-groups")
 
 
 def _per_channel(data, axes):
@@ -122,11 +146,7 @@ def test_output_is_checked_first_and_written_whole(tmp_path, noisy_volume, monke
     os.symlink(tmp_path / "missing" / "o.npy", tmp_path / "dangling.npy")
     existing = tmp_path / "old.npy"
     np.save(existing, np.zeros(3))
-
-    def never(*args, **kwargs):
-        raise AssertionError("denoised although the output is refused")
-
-    monkeypatch.setattr(cli, "korvo", never)
+    monkeypatch.setattr(cli, "korvo", lambda *a, **k: pytest.fail("denoised, though refused"))
     for output, extra, words in [("o.png", [], ".npy"), ("missing/o.npy", [], "does not exist"),
                                  ("dangling.npy", [], "missing does not exist"),
                                  ("in.npy/o.npy", [], "in.npy is a file, not a folder"),
@@ -136,7 +156,6 @@ def test_output_is_checked_first_and_written_whole(tmp_path, noisy_volume, monke
                                  ("sub/../in.npy", ["--force"], "input file itself")]:
         refused(capsys, [source, tmp_path / output, "--sigma", "1"] + extra, words)
     np.testing.assert_array_equal(np.load(source), noisy)
-
     before = _names(tmp_path)
     for error, code in ((KeyboardInterrupt(), 130), (OSError(28, "No space left on device"), 2)):
         def failing(*args, **kwargs):
@@ -149,6 +168,17 @@ def test_output_is_checked_first_and_written_whole(tmp_path, noisy_volume, monke
     assert denoise(source, existing, "--sigma", "1", "-f", "-q") == 0
     np.testing.assert_array_equal(np.load(existing), noisy + 1)
     assert _names(tmp_path) == before
+    # Written through a memory map, a full disk ended the process (SIGBUS) and
+    # left the hidden temporary behind; the space is now reserved first.
+    def full(fd, offset, length):
+        raise OSError(errno.ENOSPC, os.strerror(errno.ENOSPC))
+    capsys.readouterr()
+    with monkeypatch.context() as patch:
+        for extra in ([], ["--chunks", "8"]) if hasattr(os, "posix_fallocate") else ():
+            patch.setattr(os, "posix_fallocate", full)
+            refused(capsys, [source, tmp_path / "o.npy", "--sigma", "1"] + extra,
+                    "o.npy: cannot reserve")
+            assert _names(tmp_path) == before
     os.symlink(existing, tmp_path / "pointer.npy")  # written through, the link kept
     for extra in ([], ["--chunks", "8"]):
         np.save(existing, np.zeros(3))
@@ -159,12 +189,8 @@ def test_output_is_checked_first_and_written_whole(tmp_path, noisy_volume, monke
 
 def test_dtype_keep_rounds_and_clips(tmp_path, monkeypatch):
     calls = []
-
-    def shifted(z, **kwargs):
-        calls.append(kwargs)
-        return np.asarray(z, np.float32) + np.float32(0.6)
-
-    monkeypatch.setattr(cli, "korvo", shifted)
+    monkeypatch.setattr(cli, "korvo", lambda z, **kwargs: calls.append(kwargs) or
+                        np.asarray(z, np.float32) + np.float32(0.6))
     ramp = np.arange(8 * 8 * 8).reshape(8, 8, 8) % 256
     for dtype, option, expected in (
             (np.uint8, "keep", np.clip(np.rint(ramp + 0.6), 0, 255).astype(np.uint8)),
@@ -178,7 +204,6 @@ def test_dtype_keep_rounds_and_clips(tmp_path, monkeypatch):
         assert result.dtype == expected.dtype
         np.testing.assert_array_equal(result, expected)
     assert all(c["profile"].num_threads is None for c in calls)  # 0: every core
-
     # A scaled NIfTI keeps its stored integers, slope and intercept.
     nib = pytest.importorskip("nibabel")
     scaled = nib.Nifti1Image(ramp.astype(np.int16), np.eye(4))
@@ -192,7 +217,7 @@ def test_dtype_keep_rounds_and_clips(tmp_path, monkeypatch):
     np.testing.assert_allclose(result.get_fdata(), ramp * 0.5 + 10.6, atol=0.25)
 
 
-def test_psd_auto_and_mask(tmp_path, capsys):
+def test_estimates_psd_auto_mask_and_the_estimate_command(tmp_path, capsys):
     # Noise correlated along x; the left rows hold noise alone. Each series
     # item gets its own estimate, the one read from the mask exactly so.
     rng = np.random.default_rng(8)
@@ -222,47 +247,26 @@ def test_psd_auto_and_mask(tmp_path, capsys):
     out = tmp_path / "o.npy"
     refused(capsys, [source, out, "--psd-mask", mask_file], "--psd auto")
     refused(capsys, [source, out, "--psd", "auto", "--psd-mask", mask_file], "mask has shape")
-
-
-def test_sigma_map_and_shared_groups(tmp_path, capsys):
-    rng = np.random.default_rng(4)
-    clean = korvo.phantom((12, 24, 28))
-    level = np.broadcast_to(np.linspace(0.05, 0.2, 28), clean.shape)
-    noisy = (clean + level * rng.standard_normal(clean.shape)).astype(np.float32)
-    source, map_file, out = tmp_path / "in.npy", tmp_path / "map.npy", tmp_path / "out.npy"
-    np.save(source, noisy)
-    np.save(map_file, level.astype(np.float32))
-    for option, noise_map in ((str(map_file), level.astype(np.float32)),
-                              ("auto", korvo.estimate_sigma_map(noisy))):
-        assert denoise(source, out, "-f", "--sigma-map", option, *FAST) == 0
-        np.testing.assert_allclose(np.load(out), korvo.korvo(noisy, sigma=noise_map,
-                                                             profile=fast()), atol=1e-4)
-    # Channels (TIFF C) filtered with the groups of the first one, or of their mean.
-    tifffile = pytest.importorskip("tifffile")
-    stack = np.stack([noisy, 0.5 * noisy]).astype(np.float32)
-    source, out = tmp_path / "in.tif", tmp_path / "out.tif"
-    tifffile.imwrite(source, stack, metadata={"axes": "CZYX"})
-    for option, shared in (("first", 0), ("mean", "mean"), ("1", 1)):
-        assert denoise(source, out, "-f", "--sigma", "0.1", "--shared-groups", option, *FAST) == 0
-        expected = korvo.korvo(stack, 0.1, channel_axis=0, shared_groups=shared, profile=fast())
-        np.testing.assert_allclose(tifffile.imread(out), expected, atol=1e-4)
-    capsys.readouterr()
-    refused(capsys, [source, out, "-f", "--shared-groups", "x"], "--shared-groups")
-    # Photon counts: the noise model and its parameters reach korvo.
-    counts = (2 * rng.poisson(20 * clean) + 100).astype(np.uint16)
-    source, out = tmp_path / "counts.npy", tmp_path / "counts_out.npy"
-    np.save(source, counts)
-    assert denoise(source, out, "--noise", "poisson-gaussian", "--gain", "2", "--offset", "100",
-                   *FAST) == 0
-    np.testing.assert_allclose(np.load(out), korvo.korvo(counts, noise="poisson-gaussian", gain=2.0,
-                                                         offset=100.0, profile=fast()), atol=1e-4)
-    # Parameters the model estimates are printed (they went unreported), except with -q.
-    capsys.readouterr()
-    for quiet in (False, True):
-        loud = FAST[:-1]  # without its -q
-        assert denoise(source, out, "-f", "--noise", "poisson-gaussian", *loud, *["-q"] * quiet) == 0
-        assert ("estimated photon noise: gain" in capsys.readouterr().err) != quiet
-    refused(capsys, [source, out, "-f", "--noise", "rician", "--psd", "auto"], "--noise rician")
+    # An image, and the estimate command's sigma, PSD and photon-count parameters.
+    rng = np.random.default_rng(5)
+    clean = korvo.phantom((40, 40))
+    source, out = tmp_path / "img.npy", tmp_path / "out.npy"
+    image = clean + 0.05 * rng.standard_normal(clean.shape)
+    np.save(source, image)
+    assert denoise(source, out, "--stages", "ht", *FAST) == 0
+    np.testing.assert_allclose(np.load(out), korvo.korvo(image, korvo.estimate_sigma(image),
+                                                         stages="ht", profile=fast()), atol=1e-4)
+    assert cli.main(["estimate", str(source)]) == 0
+    assert float(capsys.readouterr().out) == pytest.approx(0.05, rel=0.3)
+    # The PSD is written for denoise --psd FILE; photon counts give gain, sigma, offset.
+    psd = tmp_path / "psd.npy"
+    assert cli.main(["estimate", str(source), "--psd", str(psd)]) == 0
+    np.testing.assert_array_equal(np.load(psd), korvo.estimate_psd(image))
+    assert capsys.readouterr().out.startswith("std ")
+    clean = korvo.phantom((96, 96))  # 40^2 holds too few cells for a gain within 15 %
+    np.save(source, 2.0 * rng.poisson(50 * clean) + rng.normal(0, 2, clean.shape))
+    assert cli.main(["estimate", str(source), "--noise", "poisson-gaussian"]) == 0
+    assert float(capsys.readouterr().out.split()[1]) == pytest.approx(2.0, rel=0.15)  # gain
 
 
 def test_user_errors_are_one_line(tmp_path, capsys):
@@ -298,26 +302,6 @@ def test_user_errors_are_one_line(tmp_path, capsys):
                            "got -1 (see: korvo denoise --help)\n"
 
 
-def test_2d_image_and_estimate_command(tmp_path, capsys):
-    rng = np.random.default_rng(5)
-    clean = korvo.phantom((40, 40))
-    source, out = tmp_path / "img.npy", tmp_path / "out.npy"
-    np.save(source, clean + 0.05 * rng.standard_normal(clean.shape))
-    assert denoise(source, out, "--stages", "ht", "-q") == 0
-    assert np.load(out).shape == clean.shape
-    assert cli.main(["estimate", str(source)]) == 0
-    assert float(capsys.readouterr().out) == pytest.approx(0.05, rel=0.3)
-    # The PSD is written for denoise --psd FILE; photon counts give gain, sigma, offset.
-    psd = tmp_path / "psd.npy"
-    assert cli.main(["estimate", str(source), "--psd", str(psd)]) == 0
-    np.testing.assert_array_equal(np.load(psd), korvo.estimate_psd(np.load(source)))
-    assert capsys.readouterr().out.startswith("std ")
-    clean = korvo.phantom((96, 96))  # 40^2 holds too few cells for a gain within 15 %
-    np.save(source, 2.0 * rng.poisson(50 * clean) + rng.normal(0, 2, clean.shape))
-    assert cli.main(["estimate", str(source), "--noise", "poisson-gaussian"]) == 0
-    assert float(capsys.readouterr().out.split()[1]) == pytest.approx(2.0, rel=0.15)  # gain
-
-
 @pytest.mark.parametrize("matplotlib", [True, False])
 def test_demo_prints_psnr_and_writes_png(tmp_path, monkeypatch, capsys, matplotlib):
     if not matplotlib:
@@ -341,8 +325,8 @@ def test_demo_prints_psnr_and_writes_png(tmp_path, monkeypatch, capsys, matplotl
 
 
 @pytest.mark.skipif(not hasattr(signal, "SIGINT") or sys.platform == "win32", reason="POSIX")
-@pytest.mark.parametrize("sig, code", [("SIGINT", 130), ("SIGTERM", 143)])  # Ctrl-C; timeout, schedulers
-def test_ctrl_c_ends_the_command(tmp_path, sig, code):
+@pytest.mark.parametrize("sig, code", [("SIGINT", 130), ("SIGTERM", 143)])
+def test_ctrl_c_and_sigterm_end_the_command(tmp_path, sig, code):  # SIGTERM: timeout, schedulers
     source, out = tmp_path / "in.npy", tmp_path / "out.npy"
     np.save(source, korvo.phantom((64, 128, 128)))
     # Default SIGINT in the child even when the suite runs as a background job
@@ -352,11 +336,7 @@ def test_ctrl_c_ends_the_command(tmp_path, sig, code):
                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
     # Wait until the run has begun, so the signal lands mid-run rather than at start-up.
-    started = time.monotonic()
-    while time.monotonic() - started < 120:
-        line = process.stderr.readline()
-        if line.startswith("denoising") or not line:
-            break
+    next(line for line in process.stderr if line.startswith("denoising"))
     time.sleep(1.0)
     process.send_signal(getattr(signal, sig))
     if sig == "SIGTERM":  # timeout(1) sends two; the second broke into the cleanup
@@ -372,17 +352,3 @@ def test_ctrl_c_ends_the_command(tmp_path, sig, code):
 def test_console_script_is_installed():
     run = subprocess.run(["korvo", "--help"], capture_output=True, text=True)
     assert run.returncode == 0 and "denoise" in run.stdout
-
-
-@pytest.mark.skipif(not hasattr(os, "posix_fallocate"), reason="no space reservation here")
-def test_full_disk_leaves_nothing(tmp_path, monkeypatch, capsys):
-    # Written through a memory map, a full disk ended the process (SIGBUS) and
-    # left the hidden temporary behind; the space is now reserved first.
-    def full(fd, offset, length):
-        raise OSError(errno.ENOSPC, os.strerror(errno.ENOSPC))
-    np.save(tmp_path / "in.npy", np.zeros((8, 16, 16), np.float32))
-    monkeypatch.setattr(os, "posix_fallocate", full)
-    for extra in ([], ["--chunks", "8"]):
-        refused(capsys, [tmp_path / "in.npy", tmp_path / "o.npy", "--sigma", "1"] + extra,
-                "o.npy: cannot reserve")
-        assert os.listdir(tmp_path) == ["in.npy"]

@@ -11,23 +11,21 @@ from conftest import fast, psnr
 SERIAL = korvo.KORVOProfile(num_threads=1)  # several threads vary the last bits
 
 
-def test_any_real_dtype_and_layout(volume, noisy_phantom):
+def test_dtype_layout_units_flat_psd_and_constant_map_change_nothing(volume, image,
+                                                                     noisy_phantom, rng):
     noisy = noisy_phantom
-    reference = korvo.korvo(noisy.astype(np.float32), 0.1, profile=SERIAL)
+    by_sigma = korvo.korvo(noisy, 0.1, profile=SERIAL)
+    single = korvo.korvo(noisy.astype(np.float32), 0.1, profile=SERIAL)
     # float64, a non-contiguous view and integers all reach the same float32 data
-    np.testing.assert_allclose(korvo.korvo(noisy, 0.1, profile=SERIAL), reference, atol=1e-4)
-    transposed = np.ascontiguousarray(noisy.astype(np.float32).transpose(2, 1, 0)).transpose(2, 1, 0)
-    assert not transposed.flags.c_contiguous
-    np.testing.assert_allclose(korvo.korvo(transposed, 0.1, profile=SERIAL), reference, atol=1e-4)
+    np.testing.assert_allclose(by_sigma, single, atol=1e-4)
+    view = np.ascontiguousarray(noisy.astype(np.float32).transpose(2, 1, 0)).transpose(2, 1, 0)
+    assert not view.flags.c_contiguous
+    np.testing.assert_allclose(korvo.korvo(view, 0.1, profile=SERIAL), single, atol=1e-4)
     counts = np.round(noisy * 1000).astype(np.int16)
     out = korvo.korvo(counts, np.float64(100.0))
-    assert out.dtype == np.float32
-    assert psnr(out / 1000, volume) > psnr(counts / 1000, volume) + 6
-
-
-def test_unit_invariance(noisy_phantom):
-    noisy = noisy_phantom
-    base = korvo.korvo(noisy, 0.1, profile=SERIAL).astype(np.float64)
+    assert out.dtype == np.float32 and psnr(out / 1000, volume) > psnr(counts / 1000, volume) + 6
+    # a z + b with a sigma (or a^2 psd) gives a result + b
+    base = by_sigma.astype(np.float64)
     for a, b in ((3.0, 7.0), (0.01, -2.5), (250.0, 1000.0)):
         scaled = korvo.korvo(a * noisy + b, a * 0.1, profile=SERIAL).astype(np.float64)
         np.testing.assert_allclose(scaled, a * base + b, rtol=0, atol=1e-5 * (a + abs(b)))
@@ -35,17 +33,18 @@ def test_unit_invariance(noisy_phantom):
     base = korvo.korvo(noisy, psd=psd, profile=SERIAL).astype(np.float64)
     scaled = korvo.korvo(4.0 * noisy - 3.0, psd=16.0 * psd, profile=SERIAL).astype(np.float64)
     np.testing.assert_allclose(scaled, 4.0 * base - 3.0, atol=1e-4)
-
-
-def test_sigma_equals_flat_psd_of_any_shape(noisy_phantom, image, rng):
+    # A flat PSD of any shape is sigma; so is a constant map, whole or broadcast.
     noisy_image = image + 0.1 * rng.standard_normal(image.shape)
-    for noisy, shapes in ((noisy_phantom, ((16, 16, 16), (5, 7, 3), (32, 32), (1, 1, 1))),
-                          (noisy_image, ((24, 24),))):
-        by_sigma = korvo.korvo(noisy, 0.1, profile=SERIAL)
+    for z, shapes, expected in (
+            (noisy, ((16, 16, 16), (5, 7, 3), (32, 32), (1, 1, 1)), by_sigma),
+            (noisy_image, ((24, 24),), korvo.korvo(noisy_image, 0.1, profile=SERIAL))):
         for shape in shapes:
             psd = np.full(shape, 0.01 * np.prod(shape))
-            np.testing.assert_allclose(korvo.korvo(noisy, psd=psd, profile=SERIAL), by_sigma,
+            np.testing.assert_allclose(korvo.korvo(z, psd=psd, profile=SERIAL), expected,
                                        atol=2e-4)
+    for noise_map in (np.full(volume.shape, 0.1), np.full((1, 1, volume.shape[2]), 0.1)):
+        np.testing.assert_allclose(korvo.korvo(noisy, sigma=noise_map, profile=SERIAL), by_sigma,
+                                   atol=1e-5)
 
 
 SMOOTH = np.ones((3, 3, 3)) / np.sqrt(27.0)  # strongly correlated: c = 27 * sum(r^2) / 27
@@ -69,10 +68,11 @@ def test_coloured_noise_psd_beats_white_assumption_and_adaptation_beats_both(rng
     assert adapted > max(white, plain) + 0.5, scores
 
 
-def test_psd_concentration_and_prewhitening(rng):
+def test_psd_concentration_prewhitening_and_adaptation(rng):
     from korvo.noise import prewhiten, psd_concentration
     # c is the sum of the squared normalised autocorrelation: 1 + 2 (4/6)^2 + 2 (1/6)^2.
-    assert psd_concentration(korvo.psd_from_kernel(X121, (16, 16, 16))) == pytest.approx(1 + 34 / 36)
+    c = psd_concentration(korvo.psd_from_kernel(X121, (16, 16, 16)))
+    assert c == pytest.approx(1 + 34 / 36)
     assert psd_concentration(korvo.white_psd(1.0, (8, 8, 8))) == 1.0
     shape = (40, 36, 50)
     for kernel, psd in ((X121, korvo.psd_from_kernel(X121, (16, 16, 16), 0.2)),
@@ -91,11 +91,8 @@ def test_psd_concentration_and_prewhitening(rng):
     white, std = prewhiten(korvo.coloured_noise(stripes, (48, 48, 48), 0.2, rng),
                            korvo.psd_from_kernel(stripes, (16, 16, 16), 0.2))
     assert np.isfinite(std) and np.isfinite(white).all()
-
-
-def test_psd_adaptation_in_the_records():
-    shape = (32, 40, 48)
-    profile = korvo.KORVOProfile()
+    # A flat PSD changes nothing; a coloured one scales the thresholds by its concentration.
+    shape, profile = (32, 40, 48), korvo.KORVOProfile()
     plain = profile.resolve(shape)
     flat = profile.resolve(shape, psd=korvo.white_psd(0.3, (16, 16, 16)))
     assert set(flat) == {"ht", "wiener"}
@@ -103,7 +100,7 @@ def test_psd_adaptation_in_the_records():
         flat[key].psd_size = plain[key].psd_size
         assert repr(flat[key]) == repr(plain[key])
     psd = korvo.psd_from_kernel(SMOOTH, (16, 16, 16))
-    c = korvo.noise.psd_concentration(psd)
+    c = psd_concentration(psd)
     adapted = profile.resolve(shape, psd=psd)
     assert adapted["ht"].threshold_factor == pytest.approx(2.7 ** 2 * (1 + np.log(c) / 8), rel=1e-6)
     assert adapted["wiener"].wiener_factor == pytest.approx(0.75 * (1 + np.log(c) / 2), rel=1e-6)
@@ -126,26 +123,32 @@ def test_psd_adaptation_in_the_records():
     profile.adapt_to_psd = True
     profile.ht.step = 2  # stages that cannot share groups only scale their thresholds
     assert set(profile.resolve(shape, psd=psd)) == {"ht", "wiener"}
-
-
-def test_prewhitened_groups_are_shared_and_replayed(rng):
+    # Mostly flat data: both stages replay the one set of prewhitened groups.
     volume = np.zeros((16, 32, 32))
-    volume[4:12, 8:24, 8:24] = 1.0  # mostly flat: groups are matched on the prewhitened copy
+    volume[4:12, 8:24, 8:24] = 1.0
     noisy = volume + korvo.coloured_noise(SMOOTH, volume.shape, 0.1, rng)
-    psd = korvo.psd_from_kernel(SMOOTH, (16, 16, 16), 0.1)
-    store = korvo.MatchStorage()
+    psd, store = korvo.psd_from_kernel(SMOOTH, (16, 16, 16), 0.1), korvo.MatchStorage()
     first = korvo.korvo(noisy, psd=psd, profile=SERIAL, matches=store)
     assert store.ht is store.wiener and store.ht.filled
-    np.testing.assert_array_equal(korvo.korvo(noisy, psd=psd, profile=SERIAL, matches=store), first)
-    np.testing.assert_array_equal(korvo.korvo(noisy, psd=psd, profile=SERIAL), first)
+    for matches in (store, None):
+        np.testing.assert_array_equal(
+            korvo.korvo(noisy, psd=psd, profile=SERIAL, matches=matches), first)
 
 
-def test_sigma_map(volume, noisy_phantom, rng):
-    # A constant map is the scalar path; a broadcastable one is expanded.
-    scalar = korvo.korvo(noisy_phantom, sigma=0.1, profile=SERIAL)
-    for noise_map in (np.full(volume.shape, 0.1), np.full((1, 1, volume.shape[2]), 0.1)):
-        np.testing.assert_allclose(korvo.korvo(noisy_phantom, sigma=noise_map, profile=SERIAL),
-                                   scalar, atol=1e-5)
+def test_noise_level_estimates_and_sigma_map(volume, image, rng):
+    for sigma in (0.05, 0.2):
+        for clean, rel in ((np.zeros((20, 40, 40)), 0.05), (volume, 0.2), (image, 0.2)):
+            noisy = clean + sigma * rng.standard_normal(clean.shape)
+            assert korvo.estimate_sigma(noisy) == pytest.approx(sigma, rel=rel)
+    with pytest.raises(ValueError):
+        korvo.estimate_sigma(np.zeros(10))
+    # A masked MRI: noise inside, exact zeros over 60 % of the volume. The
+    # zeros gave sigma 0 (and a map of zeros that korvo refuses).
+    masked = np.zeros((20, 40, 40))
+    masked[4:16, 8:32, 8:28] = 1 + 0.1 * rng.standard_normal((12, 24, 20))
+    assert korvo.estimate_sigma(masked) == pytest.approx(0.1, rel=0.1)
+    noise_map = korvo.estimate_sigma_map(masked)
+    assert noise_map.min() > 0.05 and noise_map.max() < 0.15
     # Noise whose level grows fourfold across x: the map beats any one level.
     clean = korvo.phantom((24, 48, 64)).astype(np.float64)
     ramp = np.broadcast_to(np.linspace(0.05, 0.2, 64), clean.shape)
@@ -196,19 +199,18 @@ def test_match_reuse_across_channels(volume, rng):
     before = store.wiener.counts.copy(), store.wiener.positions.copy()
     # Replaying channel 0's groups on channel 0 reproduces the recording run,
     # also with room for larger groups than were recorded.
-    np.testing.assert_array_equal(korvo.korvo(channels[0], sigma, profile=SERIAL, matches=store),
-                                  first)
     roomy = SERIAL.copy()
     roomy.ht.max_group_size = roomy.wiener.max_group_size = 64
-    np.testing.assert_array_equal(korvo.korvo(channels[0], sigma, profile=roomy, matches=store),
-                                  first)
+    for profile in (SERIAL, roomy):
+        np.testing.assert_array_equal(
+            korvo.korvo(channels[0], sigma, profile=profile, matches=store), first)
     # On channel 1 the groups are those of channel 0, not channel 1's own.
     replayed = korvo.korvo(channels[1], sigma, profile=SERIAL, matches=store)
     own = korvo.korvo(channels[1], sigma, profile=SERIAL)
     assert np.abs(replayed - own).max() > 1e-3
     assert psnr(replayed, 0.5 * volume[:, ::-1]) > psnr(channels[1], 0.5 * volume[:, ::-1]) + 5
-    np.testing.assert_array_equal(store.wiener.counts, before[0])  # replay leaves them be
-    np.testing.assert_array_equal(store.wiener.positions, before[1])
+    for kept, was in zip((store.wiener.counts, store.wiener.positions), before):
+        np.testing.assert_array_equal(kept, was)  # replay leaves them be
     # Replay needs the same geometry, and room for the largest stored group.
     other_step, small_groups = korvo.KORVOProfile(), korvo.KORVOProfile()
     other_step.ht.step = 2
@@ -222,17 +224,14 @@ def test_match_reuse_across_channels(volume, rng):
     assert store.recorded == {"ht": False, "wiener": False}
 
 
-def test_channel_axis_denoises_each_channel(image, rng):
-    rgb = np.stack([image, image[::-1], image.T], axis=-1)
-    noisy = rgb + 0.1 * rng.standard_normal(rgb.shape)
-    sigmas = [0.1, 0.1, 0.12]
+def test_channels_alone_and_with_shared_groups(volume, image, rng):
+    rgb = np.stack([image, image[::-1], image.T], axis=-1)  # each channel as its own call
+    noisy, sigmas = rgb + 0.1 * rng.standard_normal(rgb.shape), [0.1, 0.1, 0.12]
     out = korvo.korvo(noisy, sigmas, channel_axis=-1, profile=SERIAL)
     assert out.shape == rgb.shape and out.dtype == np.float32
-    for c in range(3):
-        np.testing.assert_array_equal(out[..., c], korvo.korvo(noisy[..., c], sigmas[c], profile=SERIAL))
-
-
-def test_shared_groups(volume, rng):
+    for c, sigma in enumerate(sigmas):
+        np.testing.assert_array_equal(out[..., c],
+                                      korvo.korvo(noisy[..., c], sigma, profile=SERIAL))
     # A clean channel and a noisy one (channels first): every channel is filtered
     # with the groups of the named channel, or of the channels' mean. False with
     # a storage: the first channel's groups serve the others, as separate calls.
@@ -258,7 +257,7 @@ def test_shared_groups(volume, rng):
         korvo.korvo(volume, 0.1, shared_groups=True)
 
 
-def test_threads_and_band_splitting_agree(noisy_phantom):
+def test_threads_band_splitting_and_search_window_change_nothing(noisy_phantom, rng):
     results = [korvo.korvo(noisy_phantom, 0.1, profile=fast(num_threads=threads,
                                                             split_block_extraction=split))
                for threads, split in ((1, (False, False, False)), (2, (False, False, False)),
@@ -274,22 +273,29 @@ def test_threads_and_band_splitting_agree(noisy_phantom):
         for stages in ("ht", "both"):
             np.testing.assert_array_equal(korvo.korvo(noisy_phantom, 0.1, profile=p, stages=stages),
                                           korvo.korvo(noisy_phantom, 0.1, profile=p, stages=stages))
-
-
-def test_search_window_beyond_the_data_changes_nothing(rng):
-    clean = korvo.phantom((16, 16, 16))
-    noisy = clean + 0.1 * rng.standard_normal(clean.shape)
+    # A search window beyond the data is the whole data (12 = extent - block).
+    noisy = korvo.phantom((16, 16, 16)) + 0.1 * rng.standard_normal((16, 16, 16))
     results = []
-    for window in (12, 30, 1000):  # 12 = extent - block: every position already
+    for window in (12, 30, 1000):
         p = fast(window)
-        assert p.resolve(clean.shape)["ht"].search_window == (12, 12, 12)
+        assert p.resolve(noisy.shape)["ht"].search_window == (12, 12, 12)
         results.append(korvo.korvo(noisy, 0.1, profile=p))
     for other in results[1:]:
         np.testing.assert_array_equal(other, results[0])
 
 
-def test_without_normalisation(volume, noisy_phantom):
-    noisy = noisy_phantom.astype(np.float32)
+def test_profile_settings_and_normalize_reach_the_library(volume, noisy_phantom):
+    noisy = noisy_phantom
+    base = korvo.korvo(noisy, 0.1, stages="ht")
+    p = korvo.KORVOProfile(hard_threshold=0.0)  # nothing is thresholded: output ~ input
+    assert np.abs(korvo.korvo(noisy, 0.1, profile=p, stages="ht") - noisy).max() < 1e-3
+    p = korvo.KORVOProfile(sharpen=True, sharpen_exponent=0.7, sharpen_exponent_flat=0.7)
+    assert np.abs(korvo.korvo(noisy, 0.1, profile=p, stages="ht") - base).max() > 1e-3
+    p = korvo.KORVOProfile()
+    p.ht.block_size = (8, 8, 1)
+    assert p.resolve(volume.shape)["ht"].step == (3, 3, 1)
+    assert psnr(korvo.korvo(noisy, 0.1, profile=p, stages="ht"), volume) > psnr(noisy, volume) + 4
+    noisy = noisy.astype(np.float32)
     with warnings.catch_warnings():
         warnings.simplefilter("error")  # no rounding warning for data near zero
         raw = korvo.korvo(noisy, 0.1, normalize=False)
@@ -298,33 +304,3 @@ def test_without_normalisation(volume, noisy_phantom):
     # sigma, silently): the caller is told.
     with pytest.warns(RuntimeWarning, match="normalize=True"):
         korvo.korvo(noisy + np.float32(1e5), 0.1, normalize=False)
-
-
-def test_profile_settings_reach_the_library(volume, noisy_phantom):
-    noisy = noisy_phantom
-    base = korvo.korvo(noisy, 0.1, stages="ht")
-    p = korvo.KORVOProfile(hard_threshold=0.0)  # nothing is thresholded: output ~ input
-    kept = korvo.korvo(noisy, 0.1, profile=p, stages="ht")
-    assert np.abs(kept - noisy).max() < 1e-3
-    p = korvo.KORVOProfile(sharpen=True, sharpen_exponent=0.7, sharpen_exponent_flat=0.7)
-    assert np.abs(korvo.korvo(noisy, 0.1, profile=p, stages="ht") - base).max() > 1e-3
-    p = korvo.KORVOProfile()
-    p.ht.block_size = (8, 8, 1)
-    assert p.resolve(volume.shape)["ht"].step == (3, 3, 1)
-    assert psnr(korvo.korvo(noisy, 0.1, profile=p, stages="ht"), volume) > psnr(noisy, volume) + 4
-
-
-def test_estimate_sigma(volume, image, rng):
-    for sigma in (0.05, 0.2):
-        for clean, rel in ((np.zeros((20, 40, 40)), 0.05), (volume, 0.2), (image, 0.2)):
-            noisy = clean + sigma * rng.standard_normal(clean.shape)
-            assert korvo.estimate_sigma(noisy) == pytest.approx(sigma, rel=rel)
-    with pytest.raises(ValueError):
-        korvo.estimate_sigma(np.zeros(10))
-    # A masked MRI: noise inside, exact zeros over 60 % of the volume. The
-    # zeros gave sigma 0 (and a map of zeros that korvo refuses).
-    masked = np.zeros((20, 40, 40))
-    masked[4:16, 8:32, 8:28] = 1 + 0.1 * rng.standard_normal((12, 24, 20))
-    assert korvo.estimate_sigma(masked) == pytest.approx(0.1, rel=0.1)
-    noise_map = korvo.estimate_sigma_map(masked)
-    assert noise_map.min() > 0.05 and noise_map.max() < 0.15

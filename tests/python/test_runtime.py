@@ -5,7 +5,6 @@ import os
 import signal
 import sys
 import threading
-import time
 from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
@@ -18,7 +17,7 @@ from korvo.profile import stage_parameters
 from conftest import run_script
 
 
-def test_concurrent_calls_from_threads(volume, fast_profile):
+def test_concurrent_calls_and_progress(volume, fast_profile, monkeypatch, capsys):
     rng = np.random.default_rng(7)
     inputs = [volume + 0.1 * rng.standard_normal(volume.shape) for _ in range(4)]
     expected = [korvo.korvo(z, 0.1, profile=fast_profile) for z in inputs]
@@ -27,20 +26,17 @@ def test_concurrent_calls_from_threads(volume, fast_profile):
                                 range(8)))
     for i, result in enumerate(results):
         np.testing.assert_allclose(result, expected[i % 4], atol=1e-4)
-
-
-def test_progress(volume, fast_profile, monkeypatch, capsys):
     seen = []
     korvo.korvo(volume + 0.01, 0.1, profile=fast_profile, progress=lambda *a: seen.append(a))
     stages = {label for label, _, _ in seen}
     assert stages == {"korvo hard thresholding", "korvo Wiener"}
+    for label in stages:
+        final = [a for a in seen if a[0] == label][-1]
+        assert final[1] == final[2] > 0
     # A call from inside a callback waited for itself forever.
     with pytest.raises(RuntimeError, match="inside a progress callback"):
         korvo.korvo(volume, 0.1, profile=fast_profile,
                     progress=lambda *a: korvo.korvo(volume, 0.1, profile=fast_profile))
-    for label in stages:
-        final = [a for a in seen if a[0] == label][-1]
-        assert final[1] == final[2] > 0
     # Without tqdm, progress=True prints a plain line.
     monkeypatch.setitem(sys.modules, "tqdm", None)
     monkeypatch.setitem(sys.modules, "tqdm.auto", None)
@@ -63,28 +59,16 @@ def test_ctrl_c_stops_a_run_mid_stage(fast_profile, request):
         if done >= 1 and not any(d for _, d, _ in seen[:-1]):
             threading.Thread(target=_thread.interrupt_main).start()
 
-    started = time.monotonic()
     with pytest.raises(KeyboardInterrupt):
         korvo.korvo(big, 0.1, profile=profile, progress=interrupt_once_running)
-    assert time.monotonic() - started < 60  # a hang guard, not a speed test
     # Stopped inside the first stage, long before its last slice.
     assert {label for label, _, _ in seen} == {"korvo hard thresholding"}
     assert seen[-1][1] < seen[-1][2] / 2
     # The library is usable again afterwards.
-    small = korvo.phantom((8, 16, 16))
-    assert np.isfinite(korvo.korvo(small, 0.1, profile=fast_profile)).all()
+    assert np.isfinite(korvo.korvo(korvo.phantom((8, 16, 16)), 0.1, profile=fast_profile)).all()
 
 
-def test_native_failures_become_python_errors(volume, monkeypatch):
-    status = _native.StageStatus
-    for outcome, text in ((status.OUT_OF_MEMORY, r"split_block_extraction = \[False, False, True\]"),
-                          (status.THREAD_START_FAILED, "could not start .* num_threads")):
-        monkeypatch.setattr(_native, "run_stage", lambda *args: (outcome, 0))
-        with pytest.raises(MemoryError, match=text):
-            korvo.korvo(volume, 0.1)
-
-
-def test_more_threads_than_cores_warns():
+def test_native_failures_and_too_many_threads_are_told(volume, monkeypatch):
     z = korvo.phantom((8, 16, 16))
     cores = korvo.profile._cpu_count()
     many = korvo.KORVOProfile(num_threads=cores + 1)
@@ -93,6 +77,12 @@ def test_more_threads_than_cores_warns():
     with pytest.warns(RuntimeWarning) as caught:  # once, though the model calls korvo again
         korvo.korvo(np.abs(z) + 0.1, 0.05, noise="rician", profile=many)
     assert sum("cores" in str(w.message) for w in caught) == 1
+    status, bands = _native.StageStatus, r"split_block_extraction = \[False, False, True\]"
+    for outcome, text in ((status.OUT_OF_MEMORY, bands),
+                          (status.THREAD_START_FAILED, "could not start .* num_threads")):
+        monkeypatch.setattr(_native, "run_stage", lambda *args: (outcome, 0))
+        with pytest.raises(MemoryError, match=text):
+            korvo.korvo(volume, 0.1)
 
 
 @pytest.mark.skipif(not sys.platform.startswith("linux"), reason="address-space limit")
@@ -135,7 +125,7 @@ def test_allocation_failures_in_a_limited_process():
     assert "Failed to allocate block memory" in run.stderr
 
 
-def test_split_choice_follows_memory():
+def test_split_choice_follows_memory_and_the_call_runs_what_resolve_shows(monkeypatch):
     def record(shape, stage):
         return stage_parameters(korvo.KORVOProfile(num_threads=2), stage, shape)
 
@@ -164,9 +154,6 @@ def test_split_choice_follows_memory():
     plane = record((4000, 4000), 0)
     assert choose_split(plane, 0, 2**20, _native) in ((False, True, False), (True, True, False))
     assert korvo.available_memory() is None or korvo.available_memory() > 0
-
-
-def test_resolve_shows_what_the_call_runs(monkeypatch):
     # Without normalisation (no working copy) or with channels (their result
     # held), the call's bands and threads differed from what resolve() showed.
     ran, run_stage = [], _native.run_stage

@@ -11,6 +11,7 @@ from korvo import _native
 from korvo.profile import stage_parameters
 from korvo.transforms import block_transforms
 
+
 def _noisy(shape):
     """The phantom in the stages' units: noise of std 1."""
     rng = np.random.default_rng(5)
@@ -53,30 +54,22 @@ def test_builtin_tables_through_caller_path(shape, stages):
         pilot = builtin
 
 
-def test_transform_shapes_are_checked():
-    shape = (8, 8, 8)
-    noisy = _noisy(shape)
-    record = _record(0, shape)
+def test_caller_transforms_are_checked_and_run_large_blocks():
     good = block_transforms((4, 4, 4))
-    bad = {
-        "wrong size": dict(forward=(good.forward[0], np.eye(3, dtype=np.float32), good.forward[2])),
-        "two axes": dict(inverse=good.inverse[:2]),
-        "float64": dict(forward=(good.forward[0].astype(np.float64),) + good.forward[1:]),
-        "not contiguous": dict(inverse=(np.asfortranarray(good.forward[0]),) + good.inverse[1:]),
-        "vector": dict(forward=(good.forward[0].ravel(),) + good.forward[1:]),
-        "window": dict(window=good.window[:3]),
-    }
-    for label, change in bad.items():
-        transforms = type(good)(**{**good.__dict__, **change})
+    # a wrong size, two axes, float64, a non-contiguous matrix, a vector, a short window
+    for change in (dict(forward=(good.forward[0], np.eye(3, dtype=np.float32), good.forward[2])),
+                   dict(inverse=good.inverse[:2]),
+                   dict(forward=(good.forward[0].astype(np.float64),) + good.forward[1:]),
+                   dict(inverse=(np.asfortranarray(good.forward[0]),) + good.inverse[1:]),
+                   dict(forward=(good.forward[0].ravel(),) + good.forward[1:]),
+                   dict(window=good.window[:3])):
         with pytest.raises(ValueError):
-            _stage(0, noisy, record, transforms=transforms)
+            _stage(0, _noisy((8, 8, 8)), _record(0, (8, 8, 8)),
+                   transforms=type(good)(**{**good.__dict__, **change}))
     # A block size without a built-in set needs caller transforms.
     with pytest.raises(ValueError, match="No transform"):
-        _stage(0, noisy, _record(0, shape, (8, 8, 8), (6, 6, 6)))
-
-
-def test_large_blocks_denoise():
-    # Smooth data: larger blocks gather more of the signal into few coefficients.
+        _stage(0, _noisy((8, 8, 8)), _record(0, (8, 8, 8), (8, 8, 8), (6, 6, 6)))
+    # Smooth data with unit noise: larger blocks gather more of the signal into few coefficients.
     shape = (16, 24, 24)
     z, y, x = np.mgrid[:16, :24, :24] / 24.0
     clean = 5 * np.sin(2 * np.pi * x) * np.cos(2 * np.pi * y) + 3 * z
@@ -85,16 +78,10 @@ def test_large_blocks_denoise():
     transforms = block_transforms(block)
     pilot = _stage(0, noisy, _record(0, shape, block, step), transforms=transforms)
     final = _stage(1, noisy, _record(1, shape, block, step), pilot, transforms)
-
-    def mse(a):
-        return np.mean((a.astype(np.float64) - clean) ** 2)
-
-    # Unit noise variance in.
-    assert mse(noisy) > 0.9
-    assert mse(final) < mse(pilot) < 0.1
+    mse = lambda a: np.mean((a.astype(np.float64) - clean) ** 2)  # noqa: E731
+    assert mse(noisy) > 0.9 and mse(final) < mse(pilot) < 0.1
     # The same through the profile: korvo passes the transforms, the step follows the block.
     profile = korvo.KORVOProfile(num_threads=1)
     profile.ht.block_size = profile.wiener.block_size = (8, 8, 4)
     assert profile.resolve(shape)["ht"].step == (4, 4, 3)
-    out = korvo.korvo(noisy, sigma=1.0, profile=profile)
-    assert mse(out) < 0.1
+    assert mse(korvo.korvo(noisy, sigma=1.0, profile=profile)) < 0.1
