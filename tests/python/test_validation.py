@@ -286,3 +286,21 @@ def test_noise_level_far_from_the_datas_warns(monkeypatch, capsys, tmp_path):
                          "--sigma", "1"]) == 0
     err = capsys.readouterr().err.strip()
     assert err.startswith("korvo: warning: sigma=1 is") and "\n" not in err
+
+
+def test_pilot_and_memory_limit_mismatches_warn(monkeypatch):
+    # A pilot in other units, or the noisy data as the pilot, gave a wrong
+    # Wiener result; a memory_limit no band choice meets was passed in silence.
+    clean = korvo.phantom((40, 48, 48))
+    z = clean + np.random.default_rng(5).normal(0, 0.1, clean.shape).astype(np.float32)
+    monkeypatch.setattr(_native, "run_stage", lambda *a: (_native.StageStatus.COMPLETED, 0))
+    with warnings.catch_warnings():
+        warnings.simplefilter("error")
+        korvo.korvo(z, 0.1, stages="wiener", pilot=clean)
+        korvo.korvo(z, psd=korvo.white_psd(0.1, (8, 8, 8)), stages="wiener", pilot=clean)
+        korvo.korvo(z, 0.1, profile=korvo.KORVOProfile(memory_limit=10**8))
+    for pilot, words in ((255 * clean, "differs from z by"), (z, "still holds the noise")):
+        with pytest.warns(korvo.NoiseLevelWarning, match=words):
+            korvo.korvo(z, 0.1, stages="wiener", pilot=pilot)
+    with pytest.warns(RuntimeWarning, match=r"memory_limit=1e\+06 bytes is below"):
+        korvo.korvo(z, 0.1, profile=korvo.KORVOProfile(memory_limit=10**6))
