@@ -125,6 +125,7 @@ def test_allocation_failures_in_a_limited_process():
     assert "Failed to allocate block memory" in run.stderr
 
 
+@pytest.mark.filterwarnings("ignore:memory_limit=")  # tight on purpose: bands and threads vary
 def test_split_choice_follows_memory_and_the_call_runs_what_resolve_shows(monkeypatch):
     def record(shape, stage):
         return stage_parameters(korvo.KORVOProfile(num_threads=2), stage, shape)
