@@ -295,7 +295,8 @@ def _check_companion(path, shape, context, source, source_shape, source_context,
 
 
 def _denoise(args):
-    from .io import CHUNKED, check_output, read_volume, stored_scaling, volume_format, write_volume
+    from .io import (CHUNKED, check_output, check_samples, read_volume, stored_scaling,
+                     volume_format, write_volume)
 
     check_output(args.output, source=args.input, force=args.force)
     run = _Run(args, args.input)
@@ -304,6 +305,7 @@ def _denoise(args):
         return _denoise_chunked(args, run)
     started = time.monotonic()
     data, context = read_volume(args.input)
+    check_samples(args.input, data)
     axes = context["axes"]
     series, rest = _layout(axes, data.shape, args.input)
     order = series + rest
@@ -479,7 +481,7 @@ def _chunked_items(args, run, source, context):
 
 
 def _estimate(args):
-    from .io import STREAMED, check_output, read_volume, volume_format, write_volume
+    from .io import STREAMED, check_output, check_samples, read_volume, volume_format, write_volume
     from .noise_models import estimate_poisson_gaussian, estimate_rician_sigma
 
     if args.psd and args.noise != "gaussian":
@@ -492,6 +494,7 @@ def _estimate(args):
             raise ValueError(f"{psd_file}: --psd FILE writes a .npy, NIfTI or TIFF file")
         check_output(psd_file, source=args.input, force=args.force)
     data, context = read_volume(args.input)
+    check_samples(args.input, data)
     axes = context["axes"]
     series, rest = _layout(axes, data.shape, args.input)
     data_t = np.transpose(data, series + rest)

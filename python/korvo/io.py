@@ -35,8 +35,8 @@ import xml.etree.ElementTree as ElementTree
 
 import numpy as np
 
-__all__ = ["read_volume", "write_volume", "volume_format", "check_output", "FORMATS",
-           "STREAMED", "CHUNKED", "open_chunked", "ChunkedOutput"]
+__all__ = ["read_volume", "write_volume", "volume_format", "check_output", "check_samples",
+           "FORMATS", "STREAMED", "CHUNKED", "open_chunked", "ChunkedOutput"]
 
 FORMATS = {".npy": "npy", ".nii": "nifti", ".nii.gz": "nifti", ".tif": "tiff", ".tiff": "tiff",
            ".zarr": "zarr", ".h5": "hdf5", ".hdf5": "hdf5"}
@@ -229,7 +229,8 @@ def check_output(path, source=None, force=False):
     if source is not None and volume_format(source) == "hdf5":
         source = _split_hdf5(source)[0]
     if source is not None and kind == "zarr" and _nested(source, file):
-        raise ValueError(f"{path} lies inside the input {source}; korvo never writes into its input")
+        raise ValueError(f"{path} lies inside the input {source}; korvo never writes into "
+                         f"its input")
     if not os.path.exists(file):
         return
     if source is not None:
@@ -613,6 +614,21 @@ def _open_hdf5(path, writable):
     return node, {"kind": "hdf5", "attrs": dict(node.attrs)}
 
 
+def check_samples(path, array, finite=True):
+    """Refuse a file's samples korvo cannot denoise: not real numbers, or (with
+    ``finite``, reading the array a slab at a time) NaN or infinite ones."""
+    if array.dtype.kind not in "biuf":
+        raise ValueError(f"{path}: samples of type {array.dtype} are not supported")
+    if not finite or array.dtype.kind != "f" or array.ndim == 0:
+        return
+    step = max(1, (1 << 22) // max(1, math.prod(array.shape[1:])))
+    for first in range(0, array.shape[0], step):
+        bad = np.argwhere(~np.isfinite(array[first:first + step]))
+        if len(bad):
+            at = tuple(int(i) for i in bad[0] + np.eye(array.ndim, dtype=int)[0] * first)
+            raise ValueError(f"{path} holds NaN or infinite samples (the first at {at})")
+
+
 def open_chunked(path, *, writable=False):
     """-> (array-like, context): a Zarr array or OME-Zarr level 0, an HDF5
     dataset, or a memory-mapped .npy, none of them read yet. ``writable``
@@ -625,8 +641,7 @@ def open_chunked(path, *, writable=False):
         array, context = _open_hdf5(path, writable)
     else:
         array, context = read_volume(path)
-    if array.dtype.kind not in "biuf":
-        raise ValueError(f"{path}: samples of type {array.dtype} are not supported")
+    check_samples(path, array, finite=False)
     context.setdefault("axes", _label(_UNKNOWN[0] * (array.ndim - 2) + "YX"))
     if len(context["axes"]) != array.ndim:
         raise ValueError(f"{path}: axis labels {context['axes']!r} do not fit shape {array.shape}")

@@ -276,7 +276,8 @@ def test_user_errors_are_one_line(tmp_path, capsys):
     np.save(flat, np.ones((8, 16, 16)))
     out = tmp_path / "o.npy"
     for arguments, words in [
-            ([source, out, "--sigma", "1"], "NaN"),
+            ([source, out, "--sigma", "1"], "in.npy holds NaN or infinite samples (the first at"),
+            ([source, out], "in.npy holds NaN"),  # the estimator's name was all it said
             ([flat, out, "--set", "wiener.ht.max_group_size=4"], "wiener.ht.max_group_size"),
             ([flat, out, "--set", "ht=4"], "ht.step"),
             ([flat, out, "--set", "bogus=1"], "bogus"),
