@@ -82,6 +82,13 @@ inline bool sameBits(const std::vector<float>& a, const std::vector<float>& b) {
     return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
 }
 
+// The hard-thresholding stage through its exported entry point, with a white PSD of one sample.
+inline std::vector<float> entryPointHT(const std::vector<float>& noisy, Parameters p, float psd) {
+    std::vector<float> out(noisy.size(), 0.0f);
+    korvoInterfaceHT(noisy.data(), &psd, &p, nullptr, out.data(), nullptr);
+    return out;
+}
+
 struct StageResults {
     std::vector<float> basic, final;
 };

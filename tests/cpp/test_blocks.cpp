@@ -207,68 +207,7 @@ void checkMatches(const BlockCollection<T>& coll, const V3& volume, const float*
     for (int k = 1; k < count; ++k) EXPECT_EQ(out[k].position, plain[k - 1]) << "rank " << k << " as the queue has it";
 }
 
-// A row of single-voxel blocks: the distance of x from the reference r is (v[x] - v[r])^2.
-struct Row {
-    BlockCollection<float> coll;
-    V3 volume;
-    std::vector<BlockDistance<float>> out;
-    explicit Row(const std::vector<float>& v) : volume{int(v.size()), 1, 1} {
-        fillCollection(coll, volume, 1, [&](long i) { return v[i]; });
-    }
-    int match(int ref, int w, int maxGroupSize, int minReduceCount, float threshold, std::vector<float> corr = {}) {
-        corr.resize(2 * w + 1, 0.0f);
-        V3 lo{}, hi{};
-        setSearchWindow({ref, 0, 0}, {w, 0, 0}, {1, 1, 1}, volume, lo, hi);
-        out.assign(maxGroupSize, BlockDistance<float>{});
-        int count = 0;
-        getBlockMatches<float>(coll, corr.data(), {ref, 0, 0}, {1, 1, 1}, {w, 0, 0}, lo, hi, maxGroupSize,
-                               minReduceCount, threshold, out.data(), count);
-        return count;
-    }
-};
 }  // namespace
-
-TEST(BlockCollection, ExtractInitialHoldsTransformedBand) {
-    struct Case { V3 size, block, window, pos, start, range; };  // start and range worked out by hand
-    const Case cases[] = {
-        // Low border: the band reaches further up; z exactly one block deep.
-        {{20, 9, 4}, {3, 2, 4}, {2, 1, 3}, {10, 0, 0}, {7, 0, 0}, {7, 5, 1}},
-        {{12, 10, 7}, {2, 2, 2}, {1, 2, 1}, {10, 8, 5}, {8, 5, 3}, {3, 4, 3}},  // upper border
-        {{6, 5, 4}, {4, 4, 4}, {5, 5, 5}, {1, 1, 0}, {0, 0, 0}, {3, 2, 1}},     // whole volume
-        {{4, 3, 2}, {4, 3, 2}, {2, 2, 2}, {0, 0, 0}, {0, 0, 0}, {1, 1, 1}},     // one block
-    };
-    unsigned seed = 1;
-    for (const Case& c : cases)
-        for (int threads : {1, 3, 8}) {  // uneven and empty chunks
-            Rig s(c.size, c.block, seed += 4);
-            ThreadPool::THREAD_POOL.launchPool(threads);
-            ASSERT_TRUE(s.extract(s.coll, s.image, c.pos, true, c.window));
-            ThreadPool::THREAD_POOL.clearPool();
-            EXPECT_TRUE(s.coll.getHasData());
-            EXPECT_EQ(s.coll.bufferStart(), c.start);
-            EXPECT_EQ(s.coll.bufferRange(), c.range);
-            EXPECT_EQ(s.coll.blockCount(), c.range.volume());
-            expectBand(s, "extract");
-        }
-}
-
-TEST(BlockCollection, RecognisedKindsInsideLoopJobThenGeneralSlide) {
-    const V3 size{19, 17, 1}, block{8, 8, 1}, window{2, 2, 0};
-    Rig s(size, block, 11);
-    s.t[0] = s.t[1] = dctMatrix(8);
-    ASSERT_NE(s.coll.allocate(size, block, window), nullptr);
-    bool ok = false;
-    ThreadPool::THREAD_POOL.launchPool(2);
-    const Kinds dct{TransformsMetas::Dct8, TransformsMetas::Dct8, TransformsMetas::Arbitrary};
-    ThreadPool::THREAD_POOL.newLoopJob([&](int index) {  // nested: runs sequentially on one thread
-        if (index == 1) ok = s.extract(s.coll, s.image, {5, 4, 0}, false, window, dct);
-    });
-    ThreadPool::THREAD_POOL.clearPool();
-    ASSERT_TRUE(ok);
-    expectBand(s, "fast path");
-    s.slide({1, 0, 0});
-    expectBand(s, "general product");
-}
 
 TEST(BlockCollection, AllocationFailureAndMissingBuffer) {
     Rig s({8, 8, 8}, {2, 2, 2}, 3);
@@ -338,41 +277,64 @@ TEST(BlockCollection, SlidesKeepEveryCoveredBlockCurrent) {
     walkVolume<HardThresholding>({30, 8, 1}, {4, 4, 1}, {4, 3, 0}, {3, 3, 1}, 24, false);
 }
 
-// Blocks loaded together share their x and y passes; the stored bits must not change. Extraction
-// runs on two threads; slides go on along each axis past the upper border (fewer blocks, then none).
-TEST(BlockCollection, LoadsEqualBlockByBlockTransformsBitForBit) {
+// Extraction on 1, 3 or 8 threads (uneven and empty chunks), or nested in a loop job (run in
+// order) as a stage's worker runs it, holds the band worked out by hand; blocks loaded together
+// share their x and y passes, yet each holds the bits of its own transform. From the largest
+// band's buffer, slides go on along each axis past the upper border (fewer blocks, then none).
+TEST(BlockCollection, ExtractionAndSlidesEqualBlockByBlockTransformsBitForBit) {
     const Kinds butterflies{TransformsMetas::Dct8, TransformsMetas::Bior8, TransformsMetas::Arbitrary};
-    struct Case { V3 size, block, window, pos; Kinds kinds; };
+    struct Case { V3 size, block, window, pos, start, range; Kinds kinds = kArbitrary; };
     const Case cases[] = {
-        {{12, 12, 26}, {4, 4, 4}, {2, 2, 9}, {4, 3, 10}, kArbitrary},  // more than one tile along z
-        {{17, 16, 16}, {8, 8, 8}, {2, 2, 2}, {3, 3, 2}, kArbitrary},
-        {{13, 14, 12}, {3, 5, 2}, {2, 2, 2}, {3, 4, 3}, kArbitrary},
-        {{24, 22, 1}, {4, 4, 1}, {3, 3, 0}, {5, 6, 0}, kArbitrary},     // a single plane has no z pass
-        {{24, 22, 1}, {8, 8, 1}, {3, 3, 0}, {5, 6, 0}, butterflies},    // block by block
+        // Low border: the band reaches further up; z exactly one block deep.
+        {{20, 9, 4}, {3, 2, 4}, {2, 1, 3}, {10, 0, 0}, {7, 0, 0}, {7, 5, 1}},
+        {{12, 10, 7}, {2, 2, 2}, {1, 2, 1}, {10, 8, 5}, {8, 5, 3}, {3, 4, 3}},     // upper border
+        {{6, 5, 4}, {4, 4, 4}, {5, 5, 5}, {1, 1, 0}, {0, 0, 0}, {3, 2, 1}},        // whole volume
+        {{4, 3, 2}, {4, 3, 2}, {2, 2, 2}, {0, 0, 0}, {0, 0, 0}, {1, 1, 1}},        // one block
+        {{12, 12, 26}, {4, 4, 4}, {2, 2, 9}, {4, 3, 10}, {1, 0, 0}, {7, 7, 21}},  // tiles along z
+        {{17, 16, 16}, {8, 8, 8}, {2, 2, 2}, {3, 3, 2}, {0, 0, 0}, {7, 7, 7}},
+        {{13, 14, 12}, {3, 5, 2}, {2, 2, 2}, {3, 4, 3}, {0, 1, 0}, {7, 7, 7}},
+        {{24, 22, 1}, {4, 4, 1}, {3, 3, 0}, {5, 6, 0}, {1, 2, 0}, {9, 9, 1}},  // a plane: no z pass
+        {{24, 22, 1}, {8, 8, 1}, {3, 3, 0}, {5, 6, 0}, {1, 2, 0}, {9, 9, 1}, butterflies},
     };
-    ThreadPool::THREAD_POOL.launchPool(2);
     for (bool baseline : {false, true}) {
         korvo_detail::forceBaselineKernels(baseline);
-        for (const Case& c : cases) {
-            Rig s(c.size, c.block, 40);
-            ASSERT_NE(s.coll.allocate(c.size, c.block, c.window), nullptr);
-            const std::string name = cat(korvo_detail::activeKernelName(), " block ", c.block);
-            for (const V3& step : {V3{3, 0, 0}, V3{0, 3, 0}, V3{0, 0, 2}}) {
-                if (step.z != 0 && c.size.z == 1) continue;
-                ASSERT_TRUE(s.extract(s.coll, s.image, c.pos, false, c.window, c.kinds));
+        for (const Case& c : cases)
+            for (int threads : {1, 3, 8, 0}) {  // 0: nested, on two threads
+                const std::string name =
+                    cat(korvo_detail::activeKernelName(), " block ", c.block, " threads ", threads);
+                Rig s(c.size, c.block, 40 + unsigned(threads));
+                const bool slides = threads == 3;
+                if (slides) ASSERT_NE(s.coll.allocate(c.size, c.block, c.window), nullptr);
+                bool ok = false;
+                ThreadPool::THREAD_POOL.launchPool(threads ? threads : 2);
+                if (threads) ok = s.extract(s.coll, s.image, c.pos, !slides, c.window, c.kinds);
+                else ThreadPool::THREAD_POOL.newLoopJob([&](int i) {
+                        if (i == 1) ok = s.extract(s.coll, s.image, c.pos, true, c.window, c.kinds);
+                    });
+                ASSERT_TRUE(ok && s.coll.getHasData()) << name;
+                EXPECT_EQ(s.coll.bufferStart(), c.start) << name;
+                EXPECT_EQ(s.coll.bufferRange(), c.range) << name;
+                if (!slides) EXPECT_EQ(s.coll.blockCount(), c.range.volume()) << name;
                 expectBand(s, name + " extracted", &c.kinds);
-                if (c.kinds.x == butterflies.x) break;
-                for (bool atBorder = false; !atBorder;) {  // the slide from the border loads nothing
+                const auto atBorder = [&](const V3& step) {  // the band holds the last position
                     const V3 end = s.coll.bufferStart() + s.coll.bufferRange(), last = c.size - c.block;
-                    atBorder = (step.x && end.x > last.x) || (step.y && end.y > last.y) || (step.z && end.z > last.z);
-                    s.slide(step);
-                    expectBand(s, cat(name, " slid to ", s.coll.bufferStart()), &kArbitrary);
+                    return (step.x && end.x > last.x) || (step.y && end.y > last.y) ||
+                           (step.z && end.z > last.z);
+                };
+                for (const V3& step : {V3{3, 0, 0}, V3{0, 3, 0}, V3{0, 0, 2}}) {
+                    if (!slides || c.kinds.x == butterflies.x) break;
+                    ASSERT_TRUE(s.extract(s.coll, s.image, c.pos, false, c.window, c.kinds));
+                    // Up to the slide from the border, which loads nothing (none from there).
+                    for (bool done = atBorder(step); !done;) {
+                        done = atBorder(step);
+                        s.slide(step);
+                        expectBand(s, cat(name, " slid to ", s.coll.bufferStart()), &kArbitrary);
+                    }
                 }
+                ThreadPool::THREAD_POOL.clearPool();
             }
-        }
     }
     korvo_detail::forceBaselineKernels(false);
-    ThreadPool::THREAD_POOL.clearPool();
 }
 
 TEST(BlockCollectionDeathTest, AssertionsGuardTheBand) {
@@ -387,13 +349,6 @@ TEST(BlockCollectionDeathTest, AssertionsGuardTheBand) {
     EXPECT_DEATH(s.moveHT({2, 0, 0}, {2, 0, 0}, {5, 5, 5}, &empty), "collHTWie->getHasData\\(\\)");
     s.moveHT({2, 0, 0}, {2, 0, 0}, {5, 5, 5}, &s.coll);
     EXPECT_EQ(s.coll.bufferStart(), (V3{3, 3, 3}));
-}
-
-TEST(BlockMatching, SetSearchWindowClamps) {
-    V3 lo{}, hi{};
-    setSearchWindow({1, 7, 3}, {2, 2, 4}, {2, 2, 2}, {10, 10, 6}, lo, hi);
-    EXPECT_EQ(lo, (V3{0, 5, 0}));
-    EXPECT_EQ(hi, (V3{3, 8, 4}));
 }
 
 TEST(BlockMatching, MatchesBruteForce) {
@@ -435,42 +390,59 @@ TEST(BlockMatching, MatchesBruteForce) {
             checkMatches(coll, volume, corr.data(), {3, 2, 0}, block, w, maxGroupSize, minReduceCount, 2.5f, true);
 }
 
-TEST(BlockMatching, GroupSizeRules) {
-    Row row({0, 1, 2, 3, 4, 5, 6});
-    // Six candidates within the threshold: the worst three go, leaving a group of four.
-    EXPECT_EQ(row.match(0, 6, 8, 1, kInf), 4);
-    EXPECT_EQ(row.out[3].position.x, 3);
-    EXPECT_EQ(row.out[3].distance, 9.0f);
-    EXPECT_EQ(row.match(0, 6, 8, 0, kInf), 7);  // no reduction
-    for (int k = 1; k < 7; ++k) EXPECT_EQ(row.out[k].position.x, k);
-    EXPECT_EQ(row.match(0, 6, 8, 7, 0.5f), 7);  // at most minReduceCount blocks: left alone
-    EXPECT_EQ(row.match(0, 6, 8, 3, 0.5f), 3);  // reduction stops at minReduceCount blocks
-    EXPECT_EQ(row.match(0, 6, 8, 1, 0.5f), 1);  // all above the threshold
-    EXPECT_EQ(row.match(3, 6, 1, 1, kInf), 1);  // maxGroupSize 1
-    EXPECT_EQ(row.match(3, 0, 8, 1, kInf), 1);  // window of the reference alone
-    EXPECT_TRUE(row.out[0].position == (V3{3, 0, 0}) && row.out[0].block == row.coll.getBlock({3, 0, 0}));
-    // Kept: 2 and 4 (distance 1; 4 displaces 0), then 1 (5 loses its tie); corner at 1.
-    EXPECT_EQ(row.match(3, 3, 4, 1, kInf), 4);
-    EXPECT_EQ(row.out[0].relativePosition, (V3{2, 0, 0}));
-    EXPECT_EQ(row.out[3].position.x, 1);
-    // A large correction makes the far candidate the closest, with a negative distance.
-    std::vector<float> corr(13, 0.0f);
-    corr[12] = 100.0f;  // displacement +6
-    EXPECT_EQ(row.match(0, 6, 2, 1, kInf, corr), 2);
-    EXPECT_EQ(row.out[1].position.x, 6);
-    EXPECT_EQ(row.out[1].distance, 36.0f - 100.0f);
-}
-
-TEST(BlockMatching, TiesAndNotANumber) {
+// Group sizes, reduction, the threshold, ties and NaN on a row of single-voxel blocks, where the
+// distance of x from the reference r is (v[x] - v[r])^2 less the correction at x - r.
+TEST(BlockMatching, WindowGroupSizeRulesTiesAndNotANumber) {
+    V3 lo{}, hi{};
+    setSearchWindow({1, 7, 3}, {2, 2, 4}, {2, 2, 2}, {10, 10, 6}, lo, hi);  // clamped
+    EXPECT_TRUE(lo == (V3{0, 5, 0}) && hi == (V3{3, 8, 4})) << lo << " " << hi;
     const float nan = std::numeric_limits<float>::quiet_NaN();
-    Row ties({0, 1, 2, 2, 2});  // 2, 3 and 4 tie for the last place: the earliest visit stays
-    EXPECT_EQ(ties.match(0, 4, 3, 0, kInf), 3);
-    EXPECT_TRUE(ties.out[1].position.x == 1 && ties.out[2].position.x == 2);
-    Row late({0, 1, 2, nan, 3});  // a NaN met by a full queue never enters it
-    EXPECT_EQ(late.match(0, 4, 3, 0, kInf), 3);
-    EXPECT_EQ(late.out[2].position.x, 2);
-    Row early({0, nan, 5, 6});  // a NaN in the queue blocks later ones and is always reduced away
-    EXPECT_EQ(early.match(0, 3, 2, 1, kInf), 1);
-    EXPECT_EQ(early.match(0, 3, 2, 0, kInf), 2);
-    EXPECT_TRUE(std::isnan(early.out[1].distance));
+    const std::vector<float> row{0, 1, 2, 3, 4, 5, 6};
+    struct Case {  // kept: the matches after the reference, in order; a correction at +w
+        std::vector<float> v;
+        int ref, w, n, minReduce;
+        float threshold;
+        std::vector<int> kept;
+        float correction = 0.0f;
+    };
+    const Case cases[] = {
+        {row, 0, 6, 8, 1, kInf, {1, 2, 3}},           // six within the threshold: the worst 3 go
+        {row, 0, 6, 8, 0, kInf, {1, 2, 3, 4, 5, 6}},  // no reduction
+        {row, 0, 6, 8, 7, 0.5f, {1, 2, 3, 4, 5, 6}},  // at most minReduceCount blocks: left alone
+        {row, 0, 6, 8, 3, 0.5f, {1, 2}},              // reduction stops at minReduceCount blocks
+        {row, 0, 6, 8, 1, 0.5f, {}},                  // all above the threshold
+        {row, 3, 6, 1, 1, kInf, {}},                  // maxGroupSize 1
+        {row, 3, 0, 8, 1, kInf, {}},                  // a window of the reference alone
+        {row, 3, 3, 4, 1, kInf, {4, 2, 1}},  // 4 displaces 0 (distance 1), 5 loses its tie with 1
+        {row, 0, 6, 2, 1, kInf, {6}, 100.0f},  // the far candidate the closest, below zero
+        {{0, 1, 2, 2, 2}, 0, 4, 3, 0, kInf, {1, 2}},    // tied for the last place: the first stays
+        {{0, 1, 2, nan, 3}, 0, 4, 3, 0, kInf, {1, 2}},  // a NaN met by a full queue never enters it
+        {{0, nan, 5, 6}, 0, 3, 2, 1, kInf, {}},  // a NaN in the queue blocks later ones ...
+        {{0, nan, 5, 6}, 0, 3, 2, 0, kInf, {1}},  // ... and is always reduced away
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << "case " << &c - cases);
+        BlockCollection<float> coll;
+        const V3 volume{int(c.v.size()), 1, 1}, ref{c.ref, 0, 0}, w{c.w, 0, 0}, block{1, 1, 1};
+        fillCollection(coll, volume, 1, [&](long i) { return c.v[size_t(i)]; });
+        std::vector<float> corr(size_t(2 * c.w + 1), 0.0f);
+        corr.back() = c.correction;
+        setSearchWindow(ref, w, block, volume, lo, hi);
+        std::vector<BlockDistance<float>> out(size_t(c.n));
+        int count = 0;
+        getBlockMatches<float>(coll, corr.data(), ref, block, w, lo, hi, c.n, c.minReduce,
+                               c.threshold, out.data(), count);
+        ASSERT_EQ(count, int(c.kept.size()) + 1);
+        EXPECT_TRUE(out[0].block == coll.getBlock(ref) && out[0].distance == 0.0f);
+        int corner = c.ref;
+        for (int x : c.kept) corner = std::min(corner, x);
+        for (size_t k = 0; k <= c.kept.size(); ++k) {
+            const int x = k == 0 ? c.ref : c.kept[k - 1];
+            EXPECT_EQ(out[k].position, (V3{x, 0, 0})) << "rank " << k;
+            EXPECT_EQ(out[k].relativePosition, (V3{x - corner, 0, 0})) << "rank " << k;
+            const float d = term(c.v[x], c.v[c.ref]) - corr[size_t(x - c.ref + c.w)];
+            const float got = out[k].distance;
+            if (k > 0) EXPECT_TRUE(got == d || (std::isnan(got) && std::isnan(d))) << "rank " << k;
+        }
+    }
 }

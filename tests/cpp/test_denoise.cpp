@@ -17,13 +17,7 @@ Parameters baseParameters(const V3& imageSize, const V3& blockSize) {
     return p;
 }
 
-// Each stage through its entry point, with a white PSD of one sample.
-std::vector<float> hardThresholding(const std::vector<float>& noisy, Parameters p, float psd,
-                                    BlockMatchStorage* storage = nullptr) {
-    std::vector<float> out(noisy.size(), 0.0f);
-    korvoInterfaceHT(noisy.data(), &psd, &p, nullptr, out.data(), storage);
-    return out;
-}
+// The Wiener stage through its entry point on a given pilot, with a white PSD of one sample.
 std::vector<float> wienerWithPilot(const std::vector<float>& noisy, Parameters p, float psd,
                                    const std::vector<float>& pilot) {
     std::vector<float> out(noisy.size(), 0.0f);
@@ -36,24 +30,28 @@ double maxAbsDifference(const std::vector<float>& a, const std::vector<float>& b
     for (size_t i = 0; i < a.size(); ++i) m = std::max(m, std::fabs(double(a[i]) - b[i]));
     return m;
 }
-
-// Rows enough for every reference position at step 2, and a few more.
-long rowsAtStepTwo(const V3& size) { return long(size.x / 2 + 2) * (size.y / 2 + 2) * (size.z / 2 + 2); }
 }  // namespace
 
-TEST(Denoise, WhiteNoiseVolumeAndPlaneGainClearly) {
+// The Wiener stage matches on its pilot as it is: with a clean pilot and a threshold tight enough
+// that a noise correction of the distances would change the groups, the weight changes nothing.
+TEST(Denoise, WhiteNoiseGainsAndTheWienerStageIgnoresTheCorrection) {
     const float sigma = 0.1f;
     const struct { V3 size, block; double gain; } cases[] = {{{32, 32, 24}, {4, 4, 4}, 8.0}, {{96, 80, 1}, {8, 8, 1}, 9.0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.block.z == 1 ? "plane" : "volume");
         const auto [clean, noisy] = whiteNoiseScene(c.size.x, c.size.y, c.size.z, sigma, std::uint32_t(c.size.z));
-        const Parameters p = baseParameters(c.size, c.block);
+        Parameters p = baseParameters(c.size, c.block);
         const StageResults r = bothStages(noisy, {sigma * sigma}, p);
         const double before = psnr(noisy, clean);
         EXPECT_GT(psnr(r.basic, clean), before + c.gain);
         EXPECT_GT(psnr(r.final, clean), before + c.gain);
         // With the clean volume as pilot the Wiener gain is near ideal.
         EXPECT_GT(psnr(wienerWithPilot(noisy, p, sigma * sigma, clean), clean), psnr(r.basic, clean) + 2.0);
+        p.matchThreshold = 0.05f;
+        p.matchVarianceWeight = 1.0f;
+        const std::vector<float> weighted = wienerWithPilot(noisy, p, sigma * sigma, clean);
+        p.matchVarianceWeight = 0.0f;
+        EXPECT_TRUE(sameBits(weighted, wienerWithPilot(noisy, p, sigma * sigma, clean)));
     }
 }
 
@@ -74,87 +72,48 @@ TEST(Denoise, ColouredNoiseDescribedByItsPsdBeatsWhiteAssumption) {
     EXPECT_GT(psnr(coloured.final, clean), psnr(noisy, clean) + 5.0);
 }
 
-TEST(Denoise, ReplayedMatchesReproduceTheRecordingRun) {
-    const V3 size{24, 20, 16};
-    const std::vector<float> noisy = whiteNoiseScene(size.x, size.y, size.z, 0.1f, 4).noisy;
-    Parameters p = baseParameters(size, {4, 4, 4});
-    p.numThreads = 1;
-    MatchStorage table(rowsAtStepTwo(size), p.maxGroupSize);
-    const std::vector<float> recorded = hardThresholding(noisy, p, 0.01f, &table.record);
-    EXPECT_GT(table.record.rows, 0);
-    table.record.filled = 1;
-    EXPECT_EQ(hardThresholding(noisy, p, 0.01f, &table.record), recorded);
-}
-
-TEST(Denoise, WienerStageMatchesWithoutNoiseCorrection) {
-    // The pilot carries no noise to correct for: the weight must not change the result.
-    const V3 size{20, 20, 12};
-    const auto [clean, noisy] = whiteNoiseScene(size.x, size.y, size.z, 0.1f, 6);
-    Parameters p = baseParameters(size, {4, 4, 4});
-    p.numThreads = 1;
-    p.matchThreshold = 0.05f;  // tight enough that a correction would change the groups
-    p.matchVarianceWeight = 1.0f;
-    const std::vector<float> a = wienerWithPilot(noisy, p, 0.1f * 0.1f, clean);
-    p.matchVarianceWeight = 0.0f;
-    EXPECT_EQ(maxAbsDifference(a, wienerWithPilot(noisy, p, 0.1f * 0.1f, clean)), 0.0);
-}
-
-TEST(Denoise, SplitBandsAndThreadCountsAgree) {
-    const V3 size{28, 26, 22};
-    const auto [clean, noisy] = whiteNoiseScene(size.x, size.y, size.z, 0.1f, 5);
-    Parameters p = baseParameters(size, {4, 4, 4});
-    // A step of 3 against a window of 4 is where sliding alone would lose the window's edge.
-    p.searchWindow = {4, 4, 4};
-    p.step = {3, 3, 3};
-    const std::vector<float> psd{0.01f};
-    const StageResults whole = bothStages(noisy, psd, p);
-    ASSERT_GT(psnr(whole.final, clean), psnr(noisy, clean) + 5.0);
-    Parameters split = p;  // bands split along z, then also y, then also x
-    for (int axis : {2, 1, 0}) {
-        split.splitBlockExtraction[axis] = true;
-        EXPECT_LT(maxAbsDifference(bothStages(noisy, psd, split).final, whole.final), 1e-5) << axis;
-    }
-    p.numThreads = 1;
-    EXPECT_LT(maxAbsDifference(bothStages(noisy, psd, p).final, whole.final), 1e-5);
-}
-
-// The last worker has fewer slices and, once done, matches rows of the one
-// before it ahead of it. With a match storage it does not; both must give the same bits.
-TEST(Denoise, MatchesFoundAheadByTheIdleWorkerChangeNothing) {
-    const V3 size{26, 24, 30};  // slices 8 and 6
-    const std::vector<float> noisy = whiteNoiseScene(size.x, size.y, size.z, 0.1f, 6).noisy, psd{0.01f};
-    Parameters p = baseParameters(size, {4, 4, 4});
-    // Whole bands, z bands, and bands on every axis (where the helper slides
-    // only the collection it matches on).
-    for (const int split : {0, 1, 3}) {
-        for (int axis = 0; axis < 3; ++axis) p.splitBlockExtraction[axis] = axis >= 3 - split;
-        MatchStorage table(rowsAtStepTwo(size), p.maxGroupSize);
-        const StageResults alone = bothStages(noisy, psd, p, &table.record);
-        for (int run = 0; run < 3; ++run) {
-            const StageResults helped = bothStages(noisy, psd, p);
-            EXPECT_EQ(helped.basic, alone.basic) << split;
-            EXPECT_EQ(helped.final, alone.final) << split;
-        }
-    }
-}
-
-// The order of the additions into the accumulators must not depend on thread
-// timing: repeated runs with the same thread count agree bit for bit.
-TEST(Denoise, RepeatedRunsWithTheSameThreadCountAgreeBitForBit) {
-    const struct { V3 size, block; int splitAxis; } cases[] = {  // splitAxis -1: whole bands
-        {{26, 24, 30}, {4, 4, 4}, -1}, {{26, 24, 30}, {4, 4, 4}, 2}, {{60, 90, 1}, {8, 8, 1}, -1}, {{60, 90, 1}, {8, 8, 1}, 1}};
+// One input and record give one result. For a thread count, bit for bit: repeated runs (the
+// order of the additions into the accumulators must not depend on thread timing), runs with a
+// match storage (where the last worker, with fewer slices, does not match rows of the one before
+// it ahead of it once done) and runs on the baseline kernels. Across thread counts and bands
+// split along z, y and z, or every axis (where that helper slides only the collection it matches
+// on), to float rounding: a step of 3 against a window of 4 is where sliding alone would lose
+// the window's edge.
+TEST(Denoise, RunsAgreeAcrossStoragesKernelSetsThreadsAndBands) {
+    const struct { V3 size, block; int splitAxes; bool coloured; } cases[] = {  // axes as bits
+        {{26, 24, 30}, {4, 4, 4}, 0, false},  // slices of 8 and 6 on two threads
+        {{26, 24, 30}, {4, 4, 4}, 4, false}, {{26, 24, 30}, {4, 4, 4}, 6, false},
+        {{26, 24, 30}, {4, 4, 4}, 7, false}, {{26, 24, 30}, {4, 4, 4}, 0, true},
+        {{60, 90, 1}, {8, 8, 1}, 0, true},   {{60, 90, 1}, {8, 8, 1}, 2, true}};
+    std::vector<float> whole;  // whole bands on two threads: the first of each scene's cases
     for (const auto& c : cases) {
-        const std::vector<float> noisy = whiteNoiseScene(c.size.x, c.size.y, c.size.z, 0.1f, 9).noisy;
+        std::vector<float> psd{0.01f};
+        const std::vector<float> clean = korvo_phantom::volume(c.size.x, c.size.y, c.size.z);
+        const std::vector<float> noisy = korvo_phantom::addNoise(
+            clean, c.coloured ? korvo_phantom::colouredNoise(c.size.x, c.size.y, c.size.z, 0.1f, 5,
+                                                             psd)
+                              : korvo_phantom::whiteNoise(size_t(c.size.volume()), 0.1f, 9));
         Parameters p = baseParameters(c.size, c.block);
-        if (c.splitAxis >= 0) p.splitBlockExtraction[c.splitAxis] = true;
-        for (int threads : {2, 3, 7}) {
-            SCOPED_TRACE(testing::Message() << "size " << c.size << ", split " << c.splitAxis << ", threads " << threads);
+        if (c.block.z > 1) p.searchWindow = {4, 4, 4}, p.step = {3, 3, 3};
+        if (c.coloured) p.psdSize = c.size, p.matchVarianceWeight = 1.0f;
+        for (int axis = 0; axis < 3; ++axis)
+            p.splitBlockExtraction[axis] = (c.splitAxes >> axis) & 1;
+        for (int threads : {2, 1, 3, 7}) {
+            SCOPED_TRACE(cat(c.size, c.coloured ? " coloured" : " white", ", split ", c.splitAxes,
+                             ", threads ", threads));
             p.numThreads = threads;
-            const StageResults first = bothStages(noisy, {0.01f}, p);
-            for (int run = 0; run < 2; ++run) {
-                const StageResults again = bothStages(noisy, {0.01f}, p);
-                ASSERT_TRUE(sameBits(first.basic, again.basic) && sameBits(first.final, again.final)) << run;
+            MatchStorage table(korvoMatchStorageRows(&p), p.maxGroupSize);
+            const StageResults alone = bothStages(noisy, psd, p, &table.record);
+            const StageResults again = bothStages(noisy, psd, p);
+            const StageResults base = onBaselineKernels([&] { return bothStages(noisy, psd, p); });
+            for (const StageResults* r : {&again, &base})
+                ASSERT_TRUE(sameBits(r->basic, alone.basic) && sameBits(r->final, alone.final))
+                    << (r == &base ? "baseline kernels" : "no storage");
+            if (c.splitAxes == 0 && threads == 2) {
+                whole = alone.final;
+                ASSERT_GT(psnr(whole, clean), psnr(noisy, clean) + 5.0);
             }
+            EXPECT_LT(maxAbsDifference(alone.final, whole), 1e-5);
         }
     }
 }
@@ -164,7 +123,7 @@ TEST(Denoise, PlaneWithStepLargerThanImageVisitsBothEnds) {
     Parameters p = baseParameters(size, {8, 8, 1});
     p.step = {20, 20, 1};
     // Every voxel covered (no 0/0) and a constant image stays constant.
-    for (float v : hardThresholding(std::vector<float>(size_t(size.volume()), 0.25f), p, 1e-4f))
+    for (float v : entryPointHT(std::vector<float>(size_t(size.volume()), 0.25f), p, 1e-4f))
         EXPECT_NEAR(v, 0.25f, 1e-5f);
 }
 
@@ -182,7 +141,7 @@ TEST(Denoise, EntryPointsNormaliseAxisArraysAndRejectMissingTransforms) {
     EXPECT_EQ(p.axisArrays.z, two);
 
     try {
-        hardThresholding(noisy, baseParameters(size, {8, 8, 2}), 1e-4f);
+        entryPointHT(noisy, baseParameters(size, {8, 8, 2}), 1e-4f);
         FAIL() << "expected MissingTransformException";
     } catch (const MissingTransformException& e) {
         EXPECT_STREQ(e.what(), "No transform was passed, and no internal transform could be found to replace it!");

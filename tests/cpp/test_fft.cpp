@@ -1,11 +1,7 @@
 // Fixed-length FFT kernels against a plain O(n^2) DFT in double precision.
-#include <gtest/gtest.h>
-
-#include <cmath>
 #include <exception>
-#include <random>
-#include <vector>
 
+#include "helpers.h"
 #include "noise/fft.h"
 
 namespace {
@@ -29,9 +25,9 @@ Signal referenceDft(const Signal& x, bool realOnly) {
 }
 
 Signal randomInput(int n, std::mt19937& rng) {
-    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
+    const std::vector<float> v = randomValues(2 * size_t(n), rng);
     Signal x(static_cast<size_t>(n));
-    for (Complex& c : x) c = Complex{u(rng), u(rng)};
+    for (size_t k = 0; k < x.size(); ++k) x[k] = Complex{v[2 * k], v[2 * k + 1]};
     return x;
 }
 
@@ -61,16 +57,41 @@ void expectClose(const Signal& got, const Signal& want, double scale) {
 const int LENGTHS[] = {4, 8, 16, 32, 64};
 }  // namespace
 
-TEST(Fft, MatchesDirectDftOnRandomInput) {
+// Random input, an impulse and a constant (whose sums of equal powers of two are exact).
+TEST(Fft, MatchesDirectDftAndRealInputRules) {
     std::mt19937 rng(1234);
-    for (int n : LENGTHS)
+    for (int n : LENGTHS) {
+        SCOPED_TRACE(n);
         for (int trial = 0; trial < 20; ++trial) {
-            SCOPED_TRACE(n);
             const Signal x = randomInput(n, rng);
             expectClose(run(fftComplex, x), referenceDft(x, false), 2.0 * n);
             // The real-input kernels read only real parts; 64 is the complex transform.
             expectClose(run(fftReal, x), referenceDft(x, n != 64), 2.0 * n);
         }
+        for (Fft fft : {fftReal, fftComplex}) {
+            Signal impulse(size_t(n), Complex{0.0f, 0.0f}), want(size_t(n), Complex{0.0f, 0.0f});
+            impulse[0].real = 1.0f;
+            expectSame(run(fft, impulse), Signal(size_t(n), Complex{1.0f, 0.0f}));
+            want[0].real = 2.5f * float(n);
+            const Signal out = run(fft, Signal(size_t(n), Complex{2.5f, 0.0f}));
+            EXPECT_TRUE(out[0].real == want[0].real && out[0].imag == 0.0f);
+            expectClose(out, want, 2.5 * n);
+        }
+        if (n == 64) continue;
+        // Below 64 a real input's spectrum is Hermitian with exactly real ends, and the input's
+        // imaginary parts make no difference ...
+        Signal x = randomInput(n, rng);
+        const Signal out = run(fftReal, x);
+        EXPECT_TRUE(out[0].imag == 0.0f && out[size_t(n / 2)].imag == 0.0f);
+        for (int k = 1; k < n; ++k)
+            EXPECT_TRUE(out[k].real == out[n - k].real && out[k].imag == -out[n - k].imag) << k;
+        for (Complex& c : x) c.imag = 0.0f;
+        expectSame(run(fftReal, x), out);
+    }
+    // ... but length 64 is the complex transform and reads them.
+    Signal impulse(64, Complex{0.0f, 0.0f});
+    impulse[0].imag = 1.0f;
+    EXPECT_EQ(run(fftReal, impulse)[5].imag, 1.0f);
     // The 64-point kernel called directly gives the dispatch's bits.
     const Signal x = randomInput(64, rng);
     std::vector<creal32_T> in(64), out(64);
@@ -79,38 +100,6 @@ TEST(Fft, MatchesDirectDftOnRandomInput) {
     Signal direct(64);
     for (size_t k = 0; k < 64; ++k) direct[k] = Complex{out[k].re, out[k].im};
     expectSame(direct, run(fftComplex, x));
-}
-
-TEST(Fft, RealInputGivesHermitianSpectrumWithExactlyRealEnds) {
-    std::mt19937 rng(99);
-    for (int n : {4, 8, 16, 32}) {
-        Signal x = randomInput(n, rng);
-        const Signal out = run(fftReal, x);
-        EXPECT_EQ(out[0].imag, 0.0f);
-        EXPECT_EQ(out[size_t(n / 2)].imag, 0.0f);
-        for (int k = 1; k < n; ++k)
-            EXPECT_TRUE(out[k].real == out[n - k].real && out[k].imag == -out[n - k].imag) << n << " " << k;
-        // Imaginary parts of the input make no difference below 64 ...
-        for (Complex& c : x) c.imag = 0.0f;
-        expectSame(run(fftReal, x), out);
-    }
-    // ... but length 64 is the complex transform and reads them.
-    Signal x(64, Complex{0.0f, 0.0f});
-    x[0].imag = 1.0f;
-    EXPECT_EQ(run(fftReal, x)[5].imag, 1.0f);
-}
-
-TEST(Fft, ImpulseAndConstant) {
-    for (int n : LENGTHS)
-        for (Fft fft : {fftReal, fftComplex}) {
-            Signal impulse(size_t(n), Complex{0.0f, 0.0f}), want(size_t(n), Complex{0.0f, 0.0f});
-            impulse[0].real = 1.0f;
-            expectSame(run(fft, impulse), Signal(size_t(n), Complex{1.0f, 0.0f}));
-            want[0].real = 2.5f * float(n);
-            const Signal out = run(fft, Signal(size_t(n), Complex{2.5f, 0.0f}));
-            EXPECT_TRUE(out[0].real == want[0].real && out[0].imag == 0.0f);  // sums of equal powers of two are exact
-            expectClose(out, want, 2.5 * n);
-        }
 }
 
 TEST(Fft, UnsupportedLengthsThrowWithoutWriting) {

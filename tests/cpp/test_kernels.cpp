@@ -1,13 +1,13 @@
 // The kernel sets compiled for different instruction sets give the same bits, and
 // forcing the baseline set works. (Each kernel's test against a plain reference
-// runs once more on the baseline set: see CMakeLists.txt.)
+// runs once more on the baseline set: see CMakeLists.txt; the stages' results on
+// both sets are compared in test_denoise.cpp.)
 #include <cfloat>
 #include <cstdint>
 #include <functional>
 #include <optional>
 
 #include "helpers.h"
-#include "support.h"
 
 // The automatic choice, when it is not the baseline set.
 static bool fasterSetChosen() { return std::string(korvo_detail::activeKernelName()) != "baseline"; }
@@ -21,32 +21,6 @@ TEST(Kernels, ForcingTheBaselineSet) {
     EXPECT_STREQ(korvo_detail::activeKernelName(), "baseline");
     korvo_detail::forceBaselineKernels(false);
     EXPECT_EQ(korvo_detail::activeKernelName(), chosen);
-}
-
-// Both stages, white and coloured noise, volume and image. On one thread: with more,
-// the order in which workers add into shared voxels varies from run to run.
-TEST(Kernels, StagesGiveTheSameBitsOnEverySet) {
-    if (!fasterSetChosen()) GTEST_SKIP() << "only the baseline kernels run here";
-    struct Case { Vec3<int> size; bool coloured; };
-    const Case cases[] = {{{28, 24, 20}, false}, {{28, 24, 20}, true}, {{64, 56, 1}, false}, {{64, 56, 1}, true}};
-    for (const Case& c : cases) {
-        const float sigma = 0.1f;
-        std::vector<float> psd{sigma * sigma};
-        const std::vector<float> noise = c.coloured
-                                             ? korvo_phantom::colouredNoise(c.size.x, c.size.y, c.size.z, sigma, 5, psd)
-                                             : korvo_phantom::whiteNoise(size_t(c.size.volume()), sigma, 5);
-        const std::vector<float> noisy =
-            korvo_phantom::addNoise(korvo_phantom::volume(c.size.x, c.size.y, c.size.z), noise);
-        Parameters p = korvo_phantom::exampleParameters(c.size);
-        p.numThreads = 1;
-        if (c.coloured) p.psdSize = c.size, p.matchVarianceWeight = 1.0f;
-        const std::string what = cat(c.size, c.coloured ? " coloured" : " white");
-        const StageResults fast = bothStages(noisy, psd, p);
-        const StageResults base = onBaselineKernels([&] { return bothStages(noisy, psd, p); });
-        EXPECT_TRUE(sameBits(fast.basic, base.basic)) << what;
-        EXPECT_TRUE(sameBits(fast.final, base.final)) << what;
-        EXPECT_FALSE(sameBits(fast.final, noisy)) << what;  // the stages did run
-    }
 }
 
 namespace {

@@ -295,15 +295,21 @@ TEST(Psd, K3fT3MatchesDirectComputationAndFoldsAlongX) {
         for (size_t i = 0; i < plane * size_t(nx); ++i)
             ASSERT_EQ(folded.p[i], factors[nx == 7][i / plane] * full.p[i]) << "fx " << i / plane;
     }
+    // The normaliser is a 32-bit product. 32^3: N^2 = 2^30 is exact; the PSD resized from one
+    // sample is N, so K3fT3 = 2^-15. 64 x 64 x 16: N^2 = 2^32 wraps to 0: all infinite or NaN.
+    const float one[1] = {1.0f};
+    for (const V3& grid : {V3{32, 32, 32}, V3{64, 64, 16}}) {
+        Owned k3;
+        computeK3fT3<float>(one, {1, 1, 1}, grid, grid, {1, 1, 1}, {one, one, one}, k3.p);
+        ASSERT_NE(k3.p, nullptr);
+        for (size_t i = 0; i < volume(grid); ++i) {
+            if (grid.z == 32) ASSERT_EQ(k3.p[i], std::ldexp(1.0f, -15)) << i;
+            else ASSERT_FALSE(std::isfinite(k3.p[i])) << i;
+        }
+    }
 }
 
-TEST(Psd, LocalVariances) {
-    // White unit PSD, nothing folded: each orthonormal basis function has energy 1, so
-    // every local variance is sum_f |F|^2 / N^2 = 1 / N.
-    const Matrix d = dctMatrix(4), t[3] = {d, d, d};
-    Model model(std::vector<float>(64, 1.0f), {4, 4, 4}, {4, 4, 4}, t, false, 2);
-    for (int e = 0; e < 64; ++e) EXPECT_NEAR(model.localVariance.p[e], 1.0f / 64, 1e-6f) << e;
-
+TEST(Psd, LocalVariancesAreSums) {
     std::vector<float> k3(5 * 3);
     for (size_t i = 0; i < k3.size(); ++i) k3[i] = float(i) * 0.25f;
     for (const V3& size : {V3{5, 1, 1}, V3{0, 4, 4}, V3{4, 0, 4}, V3{4, 4, 0}}) {  // sums, or zeros when empty
@@ -318,22 +324,7 @@ TEST(Psd, LocalVariances) {
     }
 }
 
-TEST(Psd, NormaliserIsA32BitProduct) {
-    const float one[1] = {1.0f};
-    // 32^3: N^2 = 2^30 is exact; the PSD resized from one sample is N, so K3fT3 = 2^-15.
-    // 64 x 64 x 16: N^2 = 2^32 wraps to 0 and every entry is infinite or NaN.
-    for (const V3& grid : {V3{32, 32, 32}, V3{64, 64, 16}}) {
-        Owned k3;
-        computeK3fT3<float>(one, {1, 1, 1}, grid, grid, {1, 1, 1}, {one, one, one}, k3.p);
-        ASSERT_NE(k3.p, nullptr);
-        for (size_t i = 0; i < volume(grid); ++i) {
-            if (grid.z == 32) ASSERT_EQ(k3.p[i], std::ldexp(1.0f, -15)) << i;
-            else ASSERT_FALSE(std::isfinite(k3.p[i])) << i;
-        }
-    }
-}
-
-TEST(Variances, SingleBlockZeroLimitAndPeriodicWrap) {
+TEST(Variances, SingleBlockZeroLimitPeriodicWrapAndScratchBound) {
     const Matrix d = dctMatrix(4), t[3] = {d, d, d}, haar = haarMatrix(4), half{0.5f};
     std::vector<float> psd(512);
     for (size_t i = 0; i < psd.size(); ++i) psd[i] = 1.0f + 0.5f * float(i % 7);
@@ -355,6 +346,10 @@ TEST(Variances, SingleBlockZeroLimitAndPeriodicWrap) {
     calculateVariances<float>(1, model.block, model.grid, model.kept, 1, half.data(), model.k3.p, nullptr, cube,
                               records.data(), model.tmp);
     EXPECT_EQ(records[0].relativePosition, (V3{1, 1, 0}));
+    // A group larger than the scratch was made for aborts.
+    Model small(psd, {8, 8, 8}, {4, 4, 4}, t, false, 2);
+    EXPECT_DEATH(small.variances(spots, haar, 4), "coord\\.x < size\\.x && coord\\.y < size\\.y && "
+                                                  "coord\\.z < size\\.z && coord\\.w < size\\.w");
 }
 
 // The covariance table against the spectrum route: the same variances to float
@@ -366,7 +361,8 @@ TEST(Variances, CovarianceTableMatchesSpectrumRoute) {
     const Case cases[] = {{{16, 16, 16}, {4, 4, 4}, true, true}, {{8, 8, 8}, {4, 4, 4}, true, false},
                           {{8, 4, 16}, {3, 2, 4}, false, true}, {{16, 16, 1}, {8, 8, 1}, true, true},
                           {{4, 8, 8}, {2, 2, 2}, true, true},   {{8, 8, 8}, {8, 8, 8}, false, true},
-                          {{32, 32, 1}, {5, 3, 1}, true, true}};
+                          {{32, 32, 1}, {5, 3, 1}, true, true},
+                          {{4, 4, 4}, {4, 4, 4}, false, false}};
     std::mt19937 rng(11);
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << "grid " << c.grid << " block " << c.block);
@@ -375,6 +371,10 @@ TEST(Variances, CovarianceTableMatchesSpectrumRoute) {
             c.coloured ? randomValues(volume(c.grid), rng, 0.02f, 5.0f) : std::vector<float>(volume(c.grid), 1.0f);
         Model model(psd, c.grid, c.block, t, c.useRealFft, 64);
         const size_t bcount = volume(c.block);
+        // White unit PSD: each orthonormal basis function has energy 1, so every local variance
+        // is sum_f |F|^2 / N^2 = 1 / N, also from a folded half spectrum.
+        for (size_t e = 0; e < bcount && !c.coloured; ++e)
+            EXPECT_NEAR(model.localVariance.p[e], 1.0 / double(volume(c.grid)), 1e-6 / 64) << e;
         for (int n : {1, 2, 4, 8, 16, 32, 64}) {
             std::vector<V3> spots(size_t(n), V3{});
             for (V3& p : spots) {  // up to twice the grid: the call wraps them
@@ -403,13 +403,6 @@ TEST(Variances, CovarianceTableMatchesSpectrumRoute) {
     }
 }
 
-TEST(VariancesDeathTest, GroupLargerThanTheScratchAborts) {
-    const Matrix d = dctMatrix(4), t[3] = {d, d, d};
-    Model model(std::vector<float>(512, 1.0f), {8, 8, 8}, {4, 4, 4}, t, false, 2);
-    EXPECT_DEATH(model.variances({{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {3, 0, 0}}, haarMatrix(4), 4),
-                 "coord\\.x < size\\.x && coord\\.y < size\\.y && coord\\.z < size\\.z && coord\\.w < size\\.w");
-}
-
 TEST(VariancesSimulation, VolumeWhiteAndColouredNoise) {
     const Matrix d = dctMatrix(4);
     Scenario s{{8, 8, 8}, {4, 4, 4}, {d, d, d}, {{{0, 0, 0}, 1.0}},
@@ -418,10 +411,7 @@ TEST(VariancesSimulation, VolumeWhiteAndColouredNoise) {
                 {{6, 1, 3}, {10, 1, 3}, {6, 9, 3}, {6, 1, 4}, {0, 0, 0}, {1, 1, 1}, {4, 4, 4}, {3, 7, 5}},
                 {{4, 3, 2}}},
                {2, 1, 1}, {5, 3, 3}, 8000};
-    {
-        SCOPED_TRACE("white");
-        checkAgainstSimulation(s);
-    }
+    checkAgainstSimulation(s);
     // Anisotropic and asymmetric, so a swapped axis or a mirrored frequency shows.
     s.taps = {{{0, 0, 0}, 1.0}, {{1, 0, 0}, 0.6}, {{-1, 0, 0}, 0.3}, {{0, 1, 0}, -0.5},
               {{0, 0, 1}, 0.4},  {{1, 1, 0}, 0.25}, {{0, 2, 1}, 0.2}};

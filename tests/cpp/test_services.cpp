@@ -8,6 +8,8 @@
 #include "support.h"
 
 namespace {
+constexpr auto kCompleted = korvo_detail::StageStatus::Completed;
+
 std::string refusal(const Parameters& p, int stage = 0) {
     char message[256];
     std::memset(message, 'x', sizeof message);
@@ -109,9 +111,35 @@ TEST(CheckParameters, RefusesWhatTheStageCannotServe) {
     EXPECT_EQ(refusal(p), "");
 }
 
-// Random small records: whatever the check accepts must run both stages, record
-// and replay, without stopping on an assertion.
-TEST(CheckParameters, EveryAcceptedRecordRuns) {
+// Whatever the check accepts must run both stages, record and replay without stopping on an
+// assertion, and its match storage's rows cover every row the stage writes, tightly. Random
+// small records, then larger ones, some with per-axis offsets.
+TEST(CheckParameters, EveryAcceptedRecordRunsAndFillsItsStorageRows) {
+    const auto check = [](const Parameters& p, unsigned seed) {
+        const Vec3<int> size = p.imageSize;
+        const auto scene = korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, seed);
+        const long rows = korvoMatchStorageRows(&p);
+        ASSERT_GT(rows, 0);
+        MatchStorage storage(rows, p.maxGroupSize);
+        std::vector<float> basic, replayed;
+        ASSERT_EQ(runHT(scene.noisy, p, basic, &storage.record), kCompleted);
+        EXPECT_TRUE(storage.guardsIntact(rows));
+        // Tight: the last row is written (or reported).
+        EXPECT_LE(storage.record.rows, rows);
+        EXPECT_TRUE(storage.counts[size_t(rows - 1)] != -7 || storage.record.rows == rows);
+        char text[256] = "";
+        EXPECT_EQ(korvoCheckMatchStorage(&p, &storage.record, text, sizeof text), 0) << text;
+        storage.record.filled = 1;
+        ASSERT_EQ(runHT(scene.noisy, p, replayed, &storage.record), kCompleted);
+        EXPECT_EQ(basic, replayed);
+        std::vector<float> final(basic.size(), 0.0f);
+        const float psd = 0.01f;
+        Parameters second = p;
+        EXPECT_EQ(korvo_detail::runStageWie(scene.noisy.data(), &psd, &second, nullptr,
+                                            basic.data(), final.data(), nullptr),
+                  kCompleted);
+        for (float v : final) ASSERT_TRUE(std::isfinite(v));
+    };
 #if defined(__SANITIZE_THREAD__)
     const int records = 8;  // the thread sanitizer runs the stages ten times slower
 #else
@@ -141,65 +169,21 @@ TEST(CheckParameters, EveryAcceptedRecordRuns) {
         if (korvoCheckParameters(&p, 0, nullptr, 0) != 0) continue;
         ++accepted;
         SCOPED_TRACE(testing::Message() << "trial " << trial);
-        const auto scene = korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, static_cast<unsigned>(trial));
-        MatchStorage storage(korvoMatchStorageRows(&p), p.maxGroupSize);
-        std::vector<float> basic, replayed;
-        ASSERT_EQ(runHT(scene.noisy, p, basic, &storage.record), korvo_detail::StageStatus::Completed);
-        EXPECT_TRUE(storage.guardsIntact(korvoMatchStorageRows(&p)));
-        char message[256] = "";
-        EXPECT_EQ(korvoCheckMatchStorage(&p, &storage.record, message, sizeof message), 0) << message;
-        storage.record.filled = 1;
-        ASSERT_EQ(runHT(scene.noisy, p, replayed, &storage.record), korvo_detail::StageStatus::Completed);
-        EXPECT_EQ(basic, replayed);
-        std::vector<float> final(basic.size(), 0.0f);
-        const float psd = 0.01f;
-        Parameters second = p;
-        EXPECT_EQ(korvo_detail::runStageWie(scene.noisy.data(), &psd, &second, nullptr, basic.data(),
-                                            final.data(), nullptr),
-                  korvo_detail::StageStatus::Completed);
-        for (float v : final) ASSERT_TRUE(std::isfinite(v));
+        check(p, static_cast<unsigned>(trial));
     }
     EXPECT_EQ(accepted, records);
-}
-
-// The distance-correction table is built from pairs of blocks, also when a
-// stage's groups hold one block (its working memory once had room for one).
-TEST(CheckParameters, GroupsOfOneBlockRunWithNoiseCorrection) {
-    const Vec3<int> size{14, 12, 10};
-    Parameters p = defaults(size);
-    p.maxGroupSize = 1;
-    ASSERT_EQ(refusal(p), "");
-    std::vector<float> out;
-    ASSERT_EQ(runHT(korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, 3).noisy, p, out),
-              korvo_detail::StageStatus::Completed);
-    for (float v : out) ASSERT_TRUE(std::isfinite(v));
-}
-
-TEST(MatchStorageRows, CoverEveryRowTheStageWrites) {
     const float shift[2] = {3.0f, 3.0f};  // brings grid points beyond the last position back
-    const struct {
-        Vec3<int> size, step;
-        bool offsets;
-    } cases[] = {{{23, 19, 13}, {3, 3, 3}, false}, {{20, 17, 1}, {3, 2, 1}, false},
-                 {{21, 18, 14}, {2, 3, 4}, true}, {{17, 22, 1}, {4, 5, 1}, true}};
+    const struct { Vec3<int> size, step; bool offsets; } cases[] = {
+        {{23, 19, 13}, {3, 3, 3}, false}, {{20, 17, 1}, {3, 2, 1}, false},
+        {{21, 18, 14}, {2, 3, 4}, true}, {{17, 22, 1}, {4, 5, 1}, true}};
     for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.size << " step " << c.step);
         Parameters p = defaults(c.size);
         p.step = c.step;
         p.numThreads = 2;
-        if (c.offsets) {
-            p.axisArrayLength = {0, 2, 2};
-            p.axisArrays = {nullptr, shift, shift};
-        }
-        const long rows = korvoMatchStorageRows(&p);
-        ASSERT_GT(rows, 0);
-        MatchStorage storage(rows, p.maxGroupSize);
-        std::vector<float> out;
-        ASSERT_EQ(runHT(korvo_phantom::volume(c.size.x, c.size.y, c.size.z), p, out, &storage.record),
-                  korvo_detail::StageStatus::Completed);
-        EXPECT_TRUE(storage.guardsIntact(rows));
-        EXPECT_LE(storage.record.rows, rows);
-        // Tight: the last row is written (or reported).
-        EXPECT_TRUE(storage.counts[static_cast<size_t>(rows - 1)] != -7 || storage.record.rows == rows);
+        if (c.offsets) p.axisArrayLength = {0, 2, 2}, p.axisArrays = {nullptr, shift, shift};
+        ASSERT_EQ(refusal(p), "");
+        check(p, 1);
     }
 }
 
@@ -212,7 +196,7 @@ TEST(CheckMatchStorage, RefusesStoragesTheReplayCannotRead) {
     MatchStorage recorded(rows, p.maxGroupSize);
     std::vector<float> out;
     ASSERT_EQ(runHT(korvo_phantom::whiteNoiseScene(size.x, size.y, size.z, 0.1f, 1).noisy, p, out, &recorded.record),
-              korvo_detail::StageStatus::Completed);
+              kCompleted);
     recorded.record.filled = 1;
     EXPECT_EQ(korvoCheckMatchStorage(&p, &recorded.record, nullptr, 0), 0);
     // A larger group limit replays the recorded sizes; the row stride stays.
@@ -275,24 +259,16 @@ protected:
 TEST_F(StageStatus, ThreadStartFailureLeavesThePoolReusable) {
     p.numThreads = 4;
     std::vector<float> reference, failed, again;
-    ASSERT_EQ(runHT(scene.noisy, p, reference), korvo_detail::StageStatus::Completed);
-    for (int worker : {1, 3}) {
+    ASSERT_EQ(runHT(scene.noisy, p, reference), kCompleted);
+    for (int worker : {1, 3, 2}) {  // the last through the exported entry point, which returns
         korvo_detail::failThreadStartAt(worker);
         testing::internal::CaptureStderr();
-        EXPECT_EQ(runHT(scene.noisy, p, failed), korvo_detail::StageStatus::ThreadStartFailed);
+        if (worker == 2) entryPointHT(scene.noisy, p, 0.01f);
+        else EXPECT_EQ(runHT(scene.noisy, p, failed), korvo_detail::StageStatus::ThreadStartFailed);
         EXPECT_NE(testing::internal::GetCapturedStderr().find("Could not start 4 threads"), std::string::npos);
-        ASSERT_EQ(runHT(scene.noisy, p, again), korvo_detail::StageStatus::Completed);
+        ASSERT_EQ(runHT(scene.noisy, p, again), kCompleted);
         EXPECT_EQ(again, reference);
     }
-    // The exported entry point reports on stderr and returns.
-    korvo_detail::failThreadStartAt(2);
-    Parameters q = p;
-    std::vector<float> out(scene.noisy.size(), 0.0f);
-    const float psd = 0.01f;
-    testing::internal::CaptureStderr();
-    korvoInterfaceHT(scene.noisy.data(), &psd, &q, nullptr, out.data(), nullptr);
-    testing::internal::GetCapturedStderr();
-    EXPECT_EQ(runHT(scene.noisy, p, again), korvo_detail::StageStatus::Completed);
 }
 
 TEST_F(StageStatus, CancelAndMemoryFailuresAreToldApart) {
@@ -311,10 +287,18 @@ TEST_F(StageStatus, CancelAndMemoryFailuresAreToldApart) {
     EXPECT_EQ(runHT(tiny, huge, out), korvo_detail::StageStatus::OutOfMemory);
     testing::internal::GetCapturedStderr();
     // The exported entry point reports on stderr and returns, its output untouched.
-    const float psd = 0.01f;
     testing::internal::CaptureStderr();
-    korvoInterfaceHT(tiny.data(), &psd, &huge, nullptr, out.data(), nullptr);
+    EXPECT_EQ(entryPointHT(tiny, huge, 0.01f), tiny);
     const std::string err = testing::internal::GetCapturedStderr();
     EXPECT_NE(err.find("Failed to allocate"), std::string::npos) << err;
-    EXPECT_EQ(out, tiny);
+}
+
+// The distance-correction table is built from pairs of blocks, also when a
+// stage's groups hold one block (its working memory once had room for one).
+TEST_F(StageStatus, GroupsOfOneBlockRunWithNoiseCorrection) {
+    p.maxGroupSize = 1;
+    ASSERT_TRUE(refusal(p).empty() && p.matchVarianceWeight > 0.0f);
+    std::vector<float> out;
+    ASSERT_EQ(runHT(scene.noisy, p, out), kCompleted);
+    for (float v : out) ASSERT_TRUE(std::isfinite(v));
 }
