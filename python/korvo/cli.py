@@ -132,6 +132,22 @@ class _Run:
             from .io import read_volume
             self.psd, _ = read_volume(args.psd)
 
+    def keep(self, dtype, context, output):
+        """--dtype keep: IN's stored type, ``dtype`` as read. A scaled NIfTI's
+        stored integers keep its slope and intercept in a NIfTI output; in other
+        formats, which cannot hold them, they would read as other values, so
+        the result stays float32. A scaled float NIfTI keeps its float type."""
+        from .io import stored_scaling, volume_format
+
+        scaling = stored_scaling(context)
+        image = context.get("image") if context.get("kind") == "nifti" else None
+        if scaling is not None and volume_format(output) != "nifti":
+            self.dtype = np.dtype(np.float32)
+        elif scaling is not None:
+            self.dtype, self.scaling = scaling[0], scaling
+        else:
+            self.dtype = np.dtype(image.get_data_dtype()) if image is not None else dtype
+
     def say(self, text):
         if not self.args.quiet:
             print(text, file=sys.stderr, flush=True)
@@ -295,8 +311,8 @@ def _check_companion(path, shape, context, source, source_shape, source_context,
 
 
 def _denoise(args):
-    from .io import (CHUNKED, check_output, check_samples, read_volume, stored_scaling,
-                     volume_format, write_volume)
+    from .io import (CHUNKED, check_output, check_samples, read_volume, volume_format,
+                     write_volume)
 
     check_output(args.output, source=args.input, force=args.force)
     run = _Run(args, args.input)
@@ -321,8 +337,7 @@ def _denoise(args):
             companions[key] = np.transpose(extra, order)
     labels = "".join(axes[i] for i in rest)
     if args.dtype == "keep":
-        run.scaling = stored_scaling(context)
-        run.dtype = data.dtype if run.scaling is None else run.scaling[0]
+        run.keep(data.dtype, context, args.output)
     count = int(np.prod(data_t.shape[:len(series)]))
     run.say(f"{args.input}: {_describe(axes, data.shape)}"
             + (f"; {_count(count, 'item')} along {''.join(axes[i] for i in series)}"
@@ -443,7 +458,8 @@ def _chunked_items(args, run, source, context):
         _check_companion(args.sigma_map, mapped.shape, mapped_context, args.input, shape,
                          context, "sigma map")
         noise_map = da.from_array(mapped, chunks=tuple(chunks), lock=lock)
-    run.dtype = source.dtype if args.dtype == "keep" else np.dtype(np.float32)
+    if args.dtype == "keep":
+        run.keep(source.dtype, context, args.output)
     run.profile.num_threads = None  # one thread per chunk; --threads chunks at once
     count = int(np.prod([shape[i] for i in loop]))
     grid = int(np.prod([-(-shape[i] // s) for i, s in zip(spatial, sizes)]))

@@ -190,7 +190,7 @@ def test_output_is_checked_first_and_written_whole(tmp_path, noisy_volume, monke
 def test_dtype_keep_rounds_and_clips(tmp_path, monkeypatch):
     calls = []
     monkeypatch.setattr(cli, "korvo", lambda z, **kwargs: calls.append(kwargs) or
-                        np.asarray(z, np.float32) + np.float32(0.6))
+                        z.astype(np.float32) + np.float32(0.6))  # dask arrays too
     ramp = np.arange(8 * 8 * 8).reshape(8, 8, 8) % 256
     for dtype, option, expected in (
             (np.uint8, "keep", np.clip(np.rint(ramp + 0.6), 0, 255).astype(np.uint8)),
@@ -215,6 +215,13 @@ def test_dtype_keep_rounds_and_clips(tmp_path, monkeypatch):
     assert result.get_data_dtype() == np.int16
     assert (result.dataobj.slope, result.dataobj.inter) == (0.5, 10.0)
     np.testing.assert_allclose(result.get_fdata(), ramp * 0.5 + 10.6, atol=0.25)
+    # Elsewhere the stored integers, without their scaling, read as other values.
+    for extra in ([], ["--chunks", "8"]):
+        assert denoise(tmp_path / "in.nii", tmp_path / "out.npy", "--sigma", "1", "--dtype",
+                       "keep", "-q", "-f", *extra) == 0
+        result = np.load(tmp_path / "out.npy")
+        assert result.dtype == np.float32
+        np.testing.assert_allclose(result, (ramp * 0.5 + 10.6).T, atol=1e-4)  # (k, j, i)
 
 
 def test_estimates_psd_auto_mask_and_the_estimate_command(tmp_path, capsys):
