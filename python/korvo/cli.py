@@ -115,7 +115,7 @@ class _Run:
         self.profile = _apply_settings(KORVOProfile(), args.set or [])
         if args.threads is not None:
             self.profile.num_threads = args.threads or None  # 0: every core
-        self.psd = None
+        self.psd, self.alpha = None, ()
         self.auto = args.psd == "auto"
         self.shared = _shared_groups(args.shared_groups)
         if args.noise != "gaussian" and (args.psd or args.sigma_map):
@@ -180,8 +180,10 @@ class _Run:
             return {"sigma": maps[0] if channel is None else np.stack(maps, axis=channel)}
         sigmas = [float(estimate_sigma(part)) for part in _channels(block, channel)]
         if min(sigmas) <= 0:
-            raise ValueError(f"{self.name}{where}: the noise sigma was estimated as 0 (the data "
-                             f"look noise-free or constant); pass --sigma to denoise anyway")
+            which = "" if channel is None else f" of channel {sigmas.index(min(sigmas))}"
+            raise ValueError(f"{self.name}{where}: the noise sigma{which} was estimated as 0 "
+                             f"(the data look noise-free or constant); pass --sigma to denoise "
+                             f"anyway")
         self.say(f"estimated noise sigma{where}: {', '.join(f'{s:.6g}' for s in sigmas)}")
         return {"sigma": sigmas[0] if channel is None else sigmas}
 
@@ -203,7 +205,20 @@ class _Run:
                      shared_groups=self.shared, stages=self.args.stages, progress=not self.args.quiet)
 
     def denoise(self, block, labels, where, mask=None, sigma_map=None):
-        """Denoise one item (2 or 3 space axes, maybe a channel axis)."""
+        """Denoise one item (2 or 3 space axes, maybe a channel axis); an alpha
+        channel (TIFF samples S) is written back as read."""
+        samples = labels.find("S")
+        if not self.alpha or samples < 0:
+            return self._denoise(block, labels, where, mask, sigma_map)
+        colours = [i for i in range(block.shape[samples]) if i not in self.alpha]
+        out = np.array(block, self.dtype)
+        part = [None if a is None else np.take(a, colours, axis=samples)
+                for a in (block, mask, sigma_map)]
+        out[(slice(None),) * samples + (colours,)] = self._denoise(part[0], labels, where,
+                                                                   *part[1:])
+        return out
+
+    def _denoise(self, block, labels, where, mask, sigma_map):
         flat = labels.find("Z") if "Z" in labels and block.shape[labels.find("Z")] == 1 else -1
         if flat >= 0:  # a single slice is an image
             block, labels = np.take(block, 0, axis=flat), labels.replace("Z", "")
@@ -311,8 +326,8 @@ def _check_companion(path, shape, context, source, source_shape, source_context,
 
 
 def _denoise(args):
-    from .io import (CHUNKED, check_output, check_samples, read_volume, volume_format,
-                     write_volume)
+    from .io import (CHUNKED, check_axes, check_output, check_samples, read_volume,
+                     volume_format, write_volume)
 
     check_output(args.output, source=args.input, force=args.force)
     run = _Run(args, args.input)
@@ -338,6 +353,8 @@ def _denoise(args):
     labels = "".join(axes[i] for i in rest)
     if args.dtype == "keep":
         run.keep(data.dtype, context, args.output)
+    check_axes(args.output, axes, data.shape, run.dtype, context)
+    run.alpha = context.get("alpha", ())
     count = int(np.prod(data_t.shape[:len(series)]))
     run.say(f"{args.input}: {_describe(axes, data.shape)}"
             + (f"; {_count(count, 'item')} along {''.join(axes[i] for i in series)}"
@@ -434,7 +451,7 @@ def _chunked_items(args, run, source, context):
     from dask.utils import SerializableLock
 
     from .chunked import central_block
-    from .io import ChunkedOutput, open_chunked, volume_format
+    from .io import ChunkedOutput, check_axes, open_chunked, volume_format
 
     axes, shape = context["axes"], source.shape
     _layout(axes, shape, args.input)  # refuses what holds no image or volume
@@ -460,6 +477,8 @@ def _chunked_items(args, run, source, context):
         noise_map = da.from_array(mapped, chunks=tuple(chunks), lock=lock)
     if args.dtype == "keep":
         run.keep(source.dtype, context, args.output)
+    check_axes(args.output, axes, shape, run.dtype, context)
+    alpha = context.get("alpha", ())
     run.profile.num_threads = None  # one thread per chunk; --threads chunks at once
     count = int(np.prod([shape[i] for i in loop]))
     grid = int(np.prod([-(-shape[i] // s) for i, s in zip(spatial, sizes)]))
@@ -475,15 +494,18 @@ def _chunked_items(args, run, source, context):
             where = f" [{', '.join(f'{axes[a]} {i}' for a, i in at.items())}] " \
                     f"({number}/{count})" if count > 1 else ""
             noise = None if run.auto else run.given(None if noise_map is None else noise_map[key])
-            if noise is None:  # estimated here, on the central block
-                block = central_block(item, sizes)
-                sample = f"{where} (central {'x'.join(map(str, block.shape))} block)"
-                noise = ({"psd": run.estimated_psds(block, None, None, sample)[0]} if run.auto
-                         else run.noise(block, None, sample))
-            run.say(f"denoising {args.input}{where}")
-            y = korvo(item, **noise, profile=run.profile, stages=args.stages)
-            if run.dtype != y.dtype:
-                y = y.map_blocks(_cast, run.dtype, dtype=run.dtype)
+            if any(axes[a] == "S" and i in alpha for a, i in at.items()):
+                y = item.astype(run.dtype)  # an alpha channel: written back as read
+            else:
+                if noise is None:  # estimated here, on the central block
+                    block = central_block(item, sizes)
+                    sample = f"{where} (central {'x'.join(map(str, block.shape))} block)"
+                    noise = ({"psd": run.estimated_psds(block, None, None, sample)[0]}
+                             if run.auto else run.noise(block, None, sample))
+                run.say(f"denoising {args.input}{where}")
+                y = korvo(item, **noise, profile=run.profile, stages=args.stages)
+                if run.dtype != y.dtype:
+                    y = y.map_blocks(_cast, run.dtype, dtype=run.dtype)
             y = y[tuple(None if i in at else slice(None) for i in range(len(shape)))]
             region = tuple(slice(at[i], at[i] + 1) if i in at else slice(None)
                            for i in range(len(shape)))
@@ -671,10 +693,11 @@ def _parser():
                     "arrays: the last two axes are an image, a third from the end z, a fourth "
                     "a series (NIfTI: the time axis). OUT is written only when complete, never "
                     "over IN; TIFF calibration (resolution, ImageJ spacing and unit, OME pixel "
-                    "sizes) and axis labels and the NIfTI header are kept. Zarr stores (OME-Zarr: "
-                    "level 0, its axes and scale kept) and HDF5 datasets (file.h5:/path, "
-                    "attributes kept) are read and written chunk by chunk, as are .npy files "
-                    "with --chunks.")
+                    "sizes) and axis labels and the NIfTI header are kept; an OUT format that "
+                    "cannot hold IN's axes (channels in NIfTI, say) is refused. Zarr stores "
+                    "(OME-Zarr: level 0, its axes and scale kept) and HDF5 datasets "
+                    "(file.h5:/path, attributes kept) are read and written chunk by chunk, as "
+                    "are .npy files with --chunks.")
     d.add_argument("input", metavar="IN")
     d.add_argument("output", metavar="OUT")
     noise = d.add_mutually_exclusive_group()

@@ -9,8 +9,10 @@ the profile's z. Writing undoes the transposition and keeps the header.
 
 Every array comes with axis labels, one letter per axis: X, Y, Z (space),
 C or S (channels; S is the samples of an RGB pixel), T and any other letter
-(a series, denoised item by item). TIFF files give their own labels; where a
-file has none, unlabelled axes read as Z, then T, counted from the right.
+(a series, denoised item by item). TIFF files give their own labels, Zarr
+format 3 arrays theirs by dimension names; where a file has none, unlabelled
+axes read as Z, then T, counted from the right. An output format must hold the
+labels in their meaning (:func:`check_axes`).
 
 Writes go to a temporary file beside the output, renamed over it only once
 complete: a failure or an interrupt never leaves a half-written file behind.
@@ -31,6 +33,7 @@ import re
 import shutil
 import tempfile
 import threading
+import warnings
 import xml.etree.ElementTree as ElementTree
 
 import numpy as np
@@ -97,6 +100,10 @@ def _require(module, extra):
                           f"(pip install 'korvo[{extra}]')") from None
 
 
+class _Refused(ValueError):
+    """A file read but refused: its message stands as it is."""
+
+
 def _label(axes):
     """Give unlabelled axes names: the rightmost becomes Z (if there is none), the rest T."""
     out = list(axes)
@@ -138,7 +145,7 @@ def read_volume(path):
             data, context = _read_tiff(tifffile, path)
     except EOFError:
         raise ValueError(f"{path}: the file is empty or cut short") from None
-    except (ImportError, MemoryError):
+    except (ImportError, MemoryError, _Refused):
         raise
     except Exception as exc:  # every reader has its own error types
         raise ValueError(f"{path}: cannot be read as {kind}: {exc}") from None
@@ -151,10 +158,16 @@ def read_volume(path):
 def _read_tiff(tifffile, path):
     with tifffile.TiffFile(path) as tif:
         series = tif.series[0]
+        context = {"kind": "tiff", "axes": _label(series.axes)}
+        context.update(_tiff_colour(tifffile, path, series.keyframe))
+        if len(tif.series) > 1:  # a refusal would block files whose others are thumbnails
+            what = "OME images" if tif.is_ome else "image series"
+            warnings.warn(f"{path} holds {len(tif.series)} {what}; only the first "
+                          f"({context['axes']} {'x'.join(map(str, series.shape))}) is read, "
+                          f"the others are left out", stacklevel=3)
         data = _tiff_memmap(tifffile, path, series)
         if data is None:
             data = series.asarray()
-        context = {"kind": "tiff", "axes": _label(series.axes)}
         page = series.pages[0] if series.pages else tif.pages[0]
         tags = page.tags
         if "XResolution" in tags and "YResolution" in tags:
@@ -168,6 +181,30 @@ def _read_tiff(tifffile, path):
             meta = tif.imagej_metadata or {}
             context["imagej"] = {k: meta[k] for k in _IMAGEJ_KEYS if k in meta}
     return data, context
+
+
+def _tiff_colour(tifffile, path, page):
+    """What the writer needs to display the samples as the input does; refuses
+    samples that are no intensities (colour indices) or colours it cannot write."""
+    kind = tifffile.PHOTOMETRIC
+    photometric = page.photometric
+    if photometric == kind.PALETTE:
+        raise _Refused(f"{path} is a palette (indexed colour) TIFF: its values are colour "
+                       f"indices, not intensities; convert it to greyscale or RGB first")
+    decoded = photometric == kind.YCBCR and page.compression == tifffile.COMPRESSION.JPEG
+    if photometric not in (kind.MINISBLACK, kind.MINISWHITE, kind.RGB) and not decoded:
+        raise _Refused(f"{path}: TIFF samples of photometric interpretation "
+                       f"{kind(photometric).name} are not supported (greyscale or RGB only)")
+    context = {}
+    if photometric == kind.MINISWHITE:  # 0 is white: the output must say so too
+        context["photometric"] = "miniswhite"
+    extra = tuple(int(e) for e in page.extrasamples)
+    if extra:
+        colours = 1 if photometric in (kind.MINISBLACK, kind.MINISWHITE) else 3
+        context["extrasamples"] = extra
+        # Opacity is no intensity: written back as read (1, 2: associated, unassociated).
+        context["alpha"] = tuple(colours + i for i, e in enumerate(extra) if e in (1, 2))
+    return context
 
 
 def _tiff_memmap(tifffile, path, series):
@@ -324,6 +361,8 @@ def write_volume(path, data, context=None, *, shape=None, dtype=None):
         shape, dtype, data = data.shape, data.dtype, [data]
     shape, dtype = tuple(shape), np.dtype(dtype)
     context = dict(context or {})
+    if context.get("axes"):
+        check_axes(path, context["axes"], shape, dtype, context, warn=False)
     if context.get("kind") != kind:  # another format's metadata means nothing here
         context = {"axes": context.get("axes")}
     if kind == "nifti":
@@ -480,12 +519,17 @@ def _write_tiff(tifffile, path, data, shape, dtype, context):
         options["resolution"] = context["resolution"]
         if "resolutionunit" in context:
             options["resolutionunit"] = context["resolutionunit"]
+    samples, page = 1, shape[-2:]
     if axes.endswith("S"):
-        options["photometric"] = "rgb" if shape[-1] in (3, 4) else "minisblack"
-        page = shape[-3:]
-    else:
-        options["photometric"] = "minisblack"
-        page = shape[-2:]
+        samples, page = shape[-1], shape[-3:]
+    elif axes.endswith("SYX"):  # colour planes one after the other
+        samples, page = shape[-3], shape[-3:]
+        options["planarconfig"] = "separate"
+    extra, colours = context.get("extrasamples", ()), samples
+    if extra and samples - len(extra) in (1, 3):  # the input's extra samples (alpha) stay so
+        options["extrasamples"], colours = extra, samples - len(extra)
+    options["photometric"] = ("rgb" if colours in (3, 4) else
+                              context.get("photometric", "minisblack"))
     flavour = {"ome": False, "imagej": False}
     if "ome" in context or context.get("name", "").lower().endswith((".ome.tif", ".ome.tiff")):
         flavour["ome"] = True
@@ -506,6 +550,169 @@ def _write_tiff(tifffile, path, data, shape, dtype, context):
 
 def _big(shape, dtype):
     return math.prod(shape) * np.dtype(dtype).itemsize > 2 ** 31
+
+
+# ----------------------------------------------------------------------------
+# What an output format can hold
+
+# OME-Zarr axis types by label; any other letter is a custom axis (a series).
+_OME_KINDS = {"T": "time", "C": "channel", "S": "channel", "Z": "space", "Y": "space",
+              "X": "space"}
+# Units as OME-Zarr names them, from the spellings TIFF and NIfTI headers use.
+_UNITS = {"um": "micrometer", "µm": "micrometer", "\u03bcm": "micrometer",
+          "\\u00b5m": "micrometer", "micron": "micrometer", "microns": "micrometer",
+          "micrometer": "micrometer", "nm": "nanometer", "nanometer": "nanometer",
+          "mm": "millimeter", "millimeter": "millimeter", "cm": "centimeter",
+          "centimeter": "centimeter", "m": "meter", "meter": "meter", "å": "angstrom",
+          "angstrom": "angstrom", "s": "second", "sec": "second", "second": "second",
+          "ms": "millisecond", "msec": "millisecond", "millisecond": "millisecond",
+          "µs": "microsecond", "usec": "microsecond", "microsecond": "microsecond",
+          "min": "minute", "minute": "minute", "h": "hour", "hour": "hour"}
+
+
+def _ome_zarr_order(axes):
+    """The order an OME-Zarr image stores labelled axes in (time, then a channel or
+    other axis, then space), as indices of ``axes``; None where it cannot hold them."""
+    kinds = [_OME_KINDS.get(a) for a in axes]
+    time = [i for i, k in enumerate(kinds) if k == "time"]
+    other = [i for i, k in enumerate(kinds) if k in ("channel", None)]
+    space = [i for i, k in enumerate(kinds) if k == "space"]
+    if len(set(axes)) != len(axes) or len(time) > 1 or len(other) > 1 \
+            or not 2 <= len(space) <= 3:
+        return None
+    return time + other + space
+
+
+def _nifti_problem(axes):
+    """Why NIfTI cannot hold these axes in their meaning (its first three are
+    space, the fourth time, the rest other series), or None."""
+    if "C" in axes or "S" in axes:
+        return f"has no channel axis: those of {axes} would land on space or time axes"
+    space = "".join(a for a in axes if a in "ZYX")
+    if not axes.endswith(space) or (space == "YX" and len(axes) > 2) or len(axes) > 7:
+        return f"would put a series axis of {axes} on a space axis"
+    return None
+
+
+def _tiff_flavour(path, context):
+    """"ome", "imagej" or "" as :func:`_write_tiff` chooses for this context."""
+    if "ome" in context or path.lower().endswith((".ome.tif", ".ome.tiff")):
+        return "ome"
+    return "imagej" if "imagej" in context else ""
+
+
+def check_axes(path, axes, shape, dtype, context=None, *, warn=True):
+    """Refuse, before any work, an output whose format cannot hold the input's
+    axes in their meaning or its sample type; ``warn`` of the input's metadata
+    it drops (pixel spacing, an inverted grey scale). ``context``: the input's."""
+    path, context = os.fspath(path), dict(context or {})
+    kind, shape, dtype = volume_format(path), tuple(shape), np.dtype(dtype)
+    axes = axes or _label(_UNKNOWN[0] * (len(shape) - 2) + "YX")
+    same = context.get("kind") == kind
+    ome_zarr = kind == "zarr" and path.lower().rstrip("/").endswith(".ome.zarr") \
+        and not (same and "ome" in context)
+    if kind == "nifti" and _nifti_problem(axes):
+        raise ValueError(f"{path}: NIfTI {_nifti_problem(axes)}; write a .tif or .ome.zarr, "
+                         f"which keep the axes")
+    if ome_zarr and _ome_zarr_order(axes) is None:
+        raise ValueError(f"{path}: an OME-Zarr image holds 2 or 3 space axes, at most one time "
+                         f"and one channel or other axis, and axes {axes} are not that; write a "
+                         f"plain .zarr or a .tif, which keep any axis labels")
+    if kind == "tiff":
+        _check_tiff_axes(path, axes, shape, dtype, context if same else {})
+    if not warn:
+        return
+    physical = _physical(context)
+    if physical and not same and not ome_zarr:
+        sizes = ", ".join(f"{a.lower()} {v:g}{' ' + u if u else ''}"
+                          for a, (v, u) in physical.items())
+        warnings.warn(f"{path}: the input's pixel spacing ({sizes}) is not kept in this "
+                      f"format", stacklevel=2)
+    if context.get("photometric") == "miniswhite" and kind != "tiff":
+        warnings.warn(f"{path}: the input is a TIFF whose 0 is white, and this format keeps "
+                      f"no such flag: the output displays inverted", stacklevel=2)
+
+
+def _check_tiff_axes(path, axes, shape, dtype, context):
+    flavour = _tiff_flavour(path, context)
+    if flavour == "imagej" and "S" in axes and dtype != np.uint8:
+        raise ValueError(f"{path}: an ImageJ RGB TIFF holds 8-bit samples, and the output's "
+                         f"are {dtype}; pass --dtype keep (or write a .ome.tif)")
+    if flavour != "ome":
+        return
+    tifffile = _require("tifffile", "tiff")
+    if axes.endswith("S"):
+        stored = (1, 1, 1) + shape[-3:]
+    elif axes.endswith("SYX"):
+        stored = (1, shape[-3], 1) + shape[-2:] + (1,)
+    else:
+        stored = (1, 1, 1) + shape[-2:] + (1,)
+    planes = math.prod(shape) // math.prod(stored)
+    try:  # the check the writer makes, on the metadata alone
+        tifffile.OmeXml().addimage(dtype, shape, (planes,) + stored[1:], axes=axes)
+    except (tifffile.OmeXmlError, ValueError) as exc:
+        raise ValueError(f"{path}: OME-TIFF cannot hold axes {axes} ({exc}); write a plain "
+                         f".tif, which keeps any axis labels") from None
+
+
+def _physical(context):
+    """The pixel spacing the input's metadata states: {axis label: (size, unit or
+    None)}, for what is known (TIFF: ImageJ, OME or resolution tags; NIfTI;
+    OME-Zarr); empty where none is."""
+    kind, axes = context.get("kind"), context.get("axes") or ""
+    found = {}
+    if kind == "tiff":
+        imagej, ome = context.get("imagej") or {}, context.get("ome") or {}
+        resolution = context.get("resolution")
+        if resolution and "unit" in imagej:  # ImageJ: pixels per its unit
+            unit = _UNITS.get(str(imagej["unit"]).lower())
+            found.update({a: (1 / r, unit) for a, r in zip("XY", resolution) if r})
+        elif resolution and context.get("resolutionunit") == 3:  # pixels per centimetre
+            # (per inch is a display or print density, 72 or 300 dpi, no spacing)
+            found.update({a: (1e4 / r, "micrometer") for a, r in zip("XY", resolution) if r})
+        if "spacing" in imagej:
+            found["Z"] = (float(imagej["spacing"]), _UNITS.get(str(imagej.get("unit")).lower()))
+        if imagej.get("finterval"):
+            found["T"] = (float(imagej["finterval"]), "second")
+        for a, name in zip("XYZT", _OME_SIZES):
+            if name in ome:
+                default = "s" if a == "T" else "µm"
+                found[a] = (ome[name], _UNITS.get(str(ome.get(name + "Unit", default)).lower()))
+    elif kind == "nifti" and context.get("image") is not None:
+        header = context["image"].header
+        units = [_UNITS.get(u) for u in header.get_xyzt_units()]
+        for i, size in enumerate(header.get_zooms()[:4]):
+            unit = units[i == 3] if i < len(axes) else None
+            if i < len(axes) and (size != 1 or unit):  # 0.8 as stored, not float32's 0.800000011
+                found[axes[-1 - i]] = (float(np.format_float_positional(size)), unit)
+    elif kind == "zarr" and "ome" in context:
+        image = context["ome"]
+        scale = [1.0] * len(axes)
+        for level in (image["datasets"][0], image):
+            for step in level.get("coordinateTransformations", []):
+                if step.get("type") == "scale" and len(step.get("scale", ())) == len(axes):
+                    scale = [s * t for s, t in zip(scale, step["scale"])]
+        names = image.get("axes") or ()
+        units = [a.get("unit") if isinstance(a, dict) else None for a in names]
+        units += [None] * (len(axes) - len(units))
+        found = {a: (float(s), u) for a, s, u in zip(axes, scale, units) if s != 1 or u}
+    return {a: v for a, v in found.items() if a in axes and (v[0] != 1 or v[1])}
+
+
+class _Transposed:
+    """Slice assignments in the package's axis order into an array that stores
+    its axes in another: ``order`` lists the written axes in stored order."""
+
+    def __init__(self, target, order):
+        self.target, self.order, self.dtype = target, tuple(order), target.dtype
+        self.shape = tuple(target.shape[self.order.index(i)] for i in range(len(order)))
+
+    def __setitem__(self, key, value):
+        key = key if isinstance(key, tuple) else (key,)
+        key += (slice(None),) * (len(self.order) - len(key))
+        if any(not isinstance(k, slice) for k in key):
+            raise TypeError("a transposed output takes slices only")
+        self.target[tuple(key[i] for i in self.order)] = np.asarray(value).transpose(self.order)
 
 
 # ----------------------------------------------------------------------------
@@ -542,11 +749,18 @@ def close_files():
     _H5_FILES.clear()
 
 
+def _axis_type(name):
+    """An OME axis type from the axis name, for axes that give none."""
+    name = str(name).lower()
+    return ("space" if name in ("x", "y", "z") else "channel" if name in ("c", "channel") else
+            "time" if name in ("t", "time") else None)
+
+
 def _ome_labels(axes):
     """OME axes (dicts, or names in early versions) -> one label per axis."""
     names = [a if isinstance(a, str) else a.get("name", "") for a in axes]
-    types = [a.get("type") if isinstance(a, dict) else
-             ("space" if a in "zyx" else "channel" if a == "c" else "time") for a in axes]
+    types = [a.get("type") or _axis_type(n) if isinstance(a, dict) else _axis_type(a)
+             for a, n in zip(axes, names)]
     space = [i for i, t in enumerate(types) if t == "space"]
     labels = [_OME_TYPES.get(t, "T") for t in types]
     for i, letter in zip(space, "ZYX"[-len(space):] if space else ""):
@@ -566,6 +780,11 @@ def _open_zarr(path):
         raise ValueError(f"{path}: cannot be read as Zarr: {exc}") from None
     context = {"kind": "zarr", "format": _zarr_format(node)}
     if hasattr(node, "shape"):
+        # Format 3 may name the axes: labels where the names say which are Y and X.
+        labels = [_names_label(n) for n in getattr(node.metadata, "dimension_names", None) or ()]
+        known = [a for a in labels if a not in _UNKNOWN]
+        if len(labels) == node.ndim and {"Y", "X"} <= set(known) and len(set(known)) == len(known):
+            context["axes"] = _label(labels)
         return node, dict(context, attrs=dict(node.attrs))
     attrs = dict(node.attrs)
     ome = attrs.get("ome", attrs)
@@ -592,6 +811,13 @@ def _holds_references(value):
     if isinstance(value, np.ndarray) and value.dtype.names:
         return any(_holds_references(value[name]) for name in value.dtype.names)
     return False
+
+
+def _names_label(name):
+    """A Zarr dimension name -> an axis label (unknown: _UNKNOWN's first)."""
+    kind = _axis_type(name) if name else None
+    return (str(name).upper() if kind == "space" else "C" if kind == "channel" else
+            "T" if kind == "time" else _UNKNOWN[0])
 
 
 def _zarr_format(node):
@@ -691,8 +917,8 @@ class ChunkedOutput:
         location = _split_hdf5(self.path)[0] if self.kind == "hdf5" else self.path.rstrip("/")
         self.written = os.path.realpath(location)  # a link to OUT: written where it points
         context = dict(context or {})
-        if context.get("kind") != self.kind:  # another format's metadata means nothing here
-            context = {"axes": context.get("axes")}
+        if context.get("kind") != self.kind:  # another format's metadata means nothing here,
+            context = {"axes": context.get("axes"), "physical": _physical(context)}  # but spacing
         self.lock = self.kind == "hdf5"
         shape, dtype, chunks = tuple(shape), np.dtype(dtype), tuple(chunks)
         if self.kind == "zarr":
@@ -726,13 +952,24 @@ class ChunkedOutput:
         three = int(zarr.__version__.split(".")[0]) >= 3
         fmt = context.get("format", 3 if three else 2)
         options = {"zarr_format": fmt} if three else {}
-        ome = context.get("ome")
+        ome, order = context.get("ome"), None
+        axes = context.get("axes") or _label(_UNKNOWN[0] * (len(shape) - 2) + "YX")
         if ome is None and self.path.lower().rstrip("/").endswith(".ome.zarr"):
-            axes = context.get("axes") or _label(_UNKNOWN[0] * (len(shape) - 2) + "YX")
-            ome = _new_ome(axes)
+            order = _ome_zarr_order(axes)
+            if order is None:
+                raise ValueError(f"{self.path}: an OME-Zarr image cannot hold axes {axes}")
+            axes = "".join(axes[i] for i in order)
+            shape, chunks = (tuple(t[i] for i in order) for t in (shape, chunks))
+            ome = _new_ome(axes, context.get("physical") or {})
+        names = {}
+        if fmt >= 3 and three:  # names as the OME axes give them, else from the labels
+            listed = [a["name"] if isinstance(a, dict) else a for a in (ome or {}).get("axes", ())]
+            listed = listed or [{"S": "c"}.get(a, a.lower()) for a in axes]
+            if len(set(listed)) == len(listed) == len(shape):
+                names["dimension_names"] = listed
         if ome is None:
             self.target = zarr.open_array(self.temporary, mode="w", shape=shape, chunks=chunks,
-                                          dtype=dtype, **options)
+                                          dtype=dtype, **options, **names)
             self.target.attrs.update(context.get("attrs", {}))
             return
         group = zarr.open_group(self.temporary, mode="w", **options)
@@ -746,7 +983,10 @@ class ChunkedOutput:
             attrs["multiscales"] = [dict(ome, version=version or "0.4")]
         group.attrs.update(attrs)
         create = getattr(group, "create_array", None) or group.create_dataset
-        self.target = create(ome["datasets"][0]["path"], shape=shape, chunks=chunks, dtype=dtype)
+        self.target = create(ome["datasets"][0]["path"], shape=shape, chunks=chunks, dtype=dtype,
+                             **names)
+        if order is not None and order != sorted(order):  # stored in OME-Zarr's axis order
+            self.target = _Transposed(self.target, order)
 
     def _hdf5(self, shape, dtype, chunks, context):
         file, dataset = _hdf5_parts(self.path)
@@ -810,13 +1050,19 @@ class ChunkedOutput:
             pass
 
 
-def _new_ome(axes):
-    """OME multiscales metadata for labelled axes, unit scale."""
-    kinds = {"T": "time", "C": "channel", "S": "channel", "Z": "space", "Y": "space",
-             "X": "space"}
-    listed = [{"name": a.lower(), "type": kinds.get(a, "time")} for a in axes]
-    level = {"path": "0", "coordinateTransformations": [{"type": "scale",
-                                                         "scale": [1.0] * len(axes)}]}
+def _new_ome(axes, physical):
+    """OME multiscales metadata for labelled axes (in OME-Zarr's order), the
+    scale and units ``physical`` knows (see :func:`_physical`), else 1."""
+    listed = []
+    for a in axes:
+        axis = {"name": {"S": "c"}.get(a, a.lower())}
+        if a in _OME_KINDS:  # other letters: custom axes, of no type
+            axis["type"] = _OME_KINDS[a]
+        if physical.get(a, (1, None))[1]:
+            axis["unit"] = physical[a][1]
+        listed.append(axis)
+    scale = [float(physical.get(a, (1.0,))[0]) for a in axes]
+    level = {"path": "0", "coordinateTransformations": [{"type": "scale", "scale": scale}]}
     return {"axes": listed, "datasets": [level]}
 
 
