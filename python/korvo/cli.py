@@ -728,7 +728,7 @@ def _parser():
     d.add_argument("--dtype", choices=("float32", "keep"), default="float32",
                    help="sample type of OUT: float32 (default, nothing lost) or keep IN's "
                         "(integers rounded and clipped to their range; a scaled NIfTI keeps "
-                        "its slope and intercept)")
+                        "its slope and intercept in a NIfTI OUT, else becomes float32)")
     d.add_argument("--threads", type=_non_negative,
                    help="worker threads (default and 0: all cores)")
     d.add_argument("--set", action="append", metavar="NAME=VALUE",
