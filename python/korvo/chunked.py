@@ -24,7 +24,7 @@ import threading
 
 import numpy as np
 
-from .noise import flat_block_counts
+from .noise import NonFiniteError, flat_block_counts
 from .profile import KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
 from .progress import make_reporter
 from .validation import check_noise
@@ -222,7 +222,7 @@ def _denoise_region(region, pilot, offset, flat, inner, settings, noise_map=None
     run = _STAGES[settings["stages"]]
     normalize = settings["normalize"]
     if normalize and not math.isfinite(offset):  # a sample elsewhere, read into the mean
-        raise ValueError("z contains NaN or infinite samples")
+        raise NonFiniteError("z contains NaN or infinite samples")
     channel = _Channel(region, settings["sigma"], settings["psd"], pilot, normalize, noise_map)
     if normalize:
         channel.offset = offset

@@ -14,7 +14,7 @@ import warnings
 import numpy as np
 
 from . import KORVOProfile, __version__, estimate_psd, estimate_sigma, estimate_sigma_map, korvo
-from .noise import psd_concentration, psd_sigma
+from .noise import NonFiniteError, psd_concentration, psd_sigma
 from .noise_models import MODEL_PARAMETERS, MODELS
 
 __all__ = ["main"]
@@ -486,6 +486,7 @@ def _chunked_items(args, run, source, context):
             f"{grid} per {'volume' if len(spatial) == 3 else 'image'}"
             + (f", {_count(count, 'item')} along {''.join(axes[i] for i in loop)}" if loop else ""))
     out = ChunkedOutput(args.output, shape, run.dtype, chunks, context)
+    where = ""
     try:
         for number, index in enumerate(np.ndindex(*[shape[i] for i in loop]), start=1):
             at = dict(zip(loop, index))
@@ -513,6 +514,9 @@ def _chunked_items(args, run, source, context):
                 da.store(y, out.target, regions=region, lock=lock, scheduler="threads",
                          num_workers=args.threads or None)
         out.commit()
+    except NonFiniteError:  # found in a chunk: the whole file is not read up front
+        out.discard()
+        raise NonFiniteError(f"{args.input}{where} holds NaN or infinite samples") from None
     except BaseException:
         out.discard()
         raise

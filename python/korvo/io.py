@@ -187,14 +187,16 @@ def _tiff_colour(tifffile, path, page):
     """What the writer needs to display the samples as the input does; refuses
     samples that are no intensities (colour indices) or colours it cannot write."""
     kind = tifffile.PHOTOMETRIC
-    photometric = page.photometric
+    # No tag reads as 0, "0 is white"; readers take a missing one as 0 is black.
+    photometric = page.photometric if 262 in page.tags else kind.MINISBLACK
     if photometric == kind.PALETTE:
         raise _Refused(f"{path} is a palette (indexed colour) TIFF: its values are colour "
                        f"indices, not intensities; convert it to greyscale or RGB first")
     decoded = photometric == kind.YCBCR and page.compression == tifffile.COMPRESSION.JPEG
     if photometric not in (kind.MINISBLACK, kind.MINISWHITE, kind.RGB) and not decoded:
-        raise _Refused(f"{path}: TIFF samples of photometric interpretation "
-                       f"{kind(photometric).name} are not supported (greyscale or RGB only)")
+        name = kind(photometric).name if photometric in set(kind) else photometric
+        raise _Refused(f"{path}: TIFF samples of photometric interpretation {name} are not "
+                       f"supported (greyscale or RGB only)")
     context = {}
     if photometric == kind.MINISWHITE:  # 0 is white: the output must say so too
         context["photometric"] = "miniswhite"
@@ -623,7 +625,10 @@ def check_axes(path, axes, shape, dtype, context=None, *, warn=True):
     if not warn:
         return
     physical = _physical(context)
-    if physical and not same and not ome_zarr:
+    # TIFF to TIFF keeps ImageJ spacing in an ImageJ TIFF and OME sizes in an OME-TIFF.
+    flavour = "ome" if "ome" in context else "imagej" if "imagej" in context else ""
+    kept = same and (kind != "tiff" or _tiff_flavour(path, context) == flavour)
+    if physical and not kept and not ome_zarr:
         sizes = ", ".join(f"{a.lower()} {v:g}{' ' + u if u else ''}"
                           for a, (v, u) in physical.items())
         warnings.warn(f"{path}: the input's pixel spacing ({sizes}) is not kept in this "
@@ -664,7 +669,9 @@ def _physical(context):
     if kind == "tiff":
         imagej, ome = context.get("imagej") or {}, context.get("ome") or {}
         resolution = context.get("resolution")
-        if resolution and "unit" in imagej:  # ImageJ: pixels per its unit
+        if resolution and str(imagej.get("unit")).lower() == "inch":
+            pass  # what ImageJ stores for an image of a given dpi: no spacing
+        elif resolution and "unit" in imagej:  # ImageJ: pixels per its unit
             unit = _UNITS.get(str(imagej["unit"]).lower())
             found.update({a: (1 / r, unit) for a, r in zip("XY", resolution) if r})
         elif resolution and context.get("resolutionunit") == 3:  # pixels per centimetre
@@ -781,7 +788,10 @@ def _open_zarr(path):
     context = {"kind": "zarr", "format": _zarr_format(node)}
     if hasattr(node, "shape"):
         # Format 3 may name the axes: labels where the names say which are Y and X.
-        labels = [_names_label(n) for n in getattr(node.metadata, "dimension_names", None) or ()]
+        given = getattr(node.metadata, "dimension_names", None) or ()
+        if any(given):
+            context["dimension_names"] = list(given)
+        labels = [_names_label(n) for n in given]
         known = [a for a in labels if a not in _UNKNOWN]
         if len(labels) == node.ndim and {"Y", "X"} <= set(known) and len(set(known)) == len(known):
             context["axes"] = _label(labels)
@@ -948,7 +958,6 @@ class ChunkedOutput:
 
     def _zarr(self, shape, dtype, chunks, context):
         zarr = _require("zarr", "zarr")
-        self.temporary = self._temporary_name(".zarr")
         three = int(zarr.__version__.split(".")[0]) >= 3
         fmt = context.get("format", 3 if three else 2)
         options = {"zarr_format": fmt} if three else {}
@@ -958,14 +967,18 @@ class ChunkedOutput:
             order = _ome_zarr_order(axes)
             if order is None:
                 raise ValueError(f"{self.path}: an OME-Zarr image cannot hold axes {axes}")
+        self.temporary = self._temporary_name(".zarr")
+        if order is not None:
             axes = "".join(axes[i] for i in order)
             shape, chunks = (tuple(t[i] for i in order) for t in (shape, chunks))
             ome = _new_ome(axes, context.get("physical") or {})
         names = {}
         if fmt >= 3 and three:  # names as the OME axes give them, else from the labels
             listed = [a["name"] if isinstance(a, dict) else a for a in (ome or {}).get("axes", ())]
-            listed = listed or [{"S": "c"}.get(a, a.lower()) for a in axes]
-            if len(set(listed)) == len(listed) == len(shape):
+            listed = listed or context.get("dimension_names") or \
+                [{"S": "c"}.get(a, a.lower()) for a in axes]
+            if len(set(listed)) == len(listed) == len(shape) or listed == \
+                    context.get("dimension_names"):  # the input's, as they were
                 names["dimension_names"] = listed
         if ome is None:
             self.target = zarr.open_array(self.temporary, mode="w", shape=shape, chunks=chunks,

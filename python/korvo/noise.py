@@ -16,6 +16,11 @@ __all__ = ["estimate_sigma", "estimate_sigma_map", "white_psd", "psd_from_kernel
            "psd_concentration", "whitening_gain", "prewhiten", "noise_dominated_fraction",
            "flat_block_counts"]
 
+class NonFiniteError(ValueError):
+    """Data holding NaN or infinite samples: raised wherever they are found, so
+    that a caller can say which file or item holds them."""
+
+
 # Median of |X| for X standard normal: turns a median absolute value into a
 # standard deviation.
 MAD_TO_SIGMA = 0.6744897501960817
@@ -139,7 +144,7 @@ def _haar_detail(z, who, flat=False, means=False, touching=()):
     for first in range(0, pairs, per):
         part = a[2 * first:2 * (first + per)].astype(np.float64)
         if not np.isfinite(part).all():
-            raise ValueError(f"{who}: the array contains NaN or infinite samples")
+            raise NonFiniteError(f"{who}: the array contains NaN or infinite samples")
         detail[first:first + per] = haar_level(part, "H" * a.ndim)
         if flat:
             constant[first:first + per] = constant_cells(part, range(a.ndim))

@@ -32,7 +32,7 @@ import warnings
 
 import numpy as np
 
-from .noise import _haar_detail, _slabwise, estimate_sigma
+from .noise import NonFiniteError, _haar_detail, _slabwise, estimate_sigma
 from .validation import NoiseLevelWarning
 
 # Parameters estimated for a call are reported here (INFO); the command line
@@ -76,7 +76,7 @@ def _real(z, who, convert=True):
     if convert:
         a = a.astype(np.float64)
     if a.dtype.kind == "f" and not np.isfinite(a).all():
-        raise ValueError(f"{who}: the data contain NaN or infinite samples")
+        raise NonFiniteError(f"{who}: the data contain NaN or infinite samples")
     return a
 
 

@@ -35,7 +35,7 @@ from statistics import NormalDist
 
 import numpy as np
 
-from .noise import MAD_TO_SIGMA, constant_cells, haar_level, spread_rows
+from .noise import MAD_TO_SIGMA, NonFiniteError, constant_cells, haar_level, spread_rows
 
 __all__ = ["estimate_psd"]
 
@@ -196,7 +196,7 @@ def _check_data(z):
     if a.dtype not in (np.float32, np.float64):
         a = a.astype(np.float32 if a.dtype.itemsize <= 2 else np.float64)
     if not np.isfinite(a).all():
-        raise ValueError("estimate_psd: the array contains NaN or infinite samples")
+        raise NonFiniteError("estimate_psd: the array contains NaN or infinite samples")
     return a
 
 

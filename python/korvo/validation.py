@@ -11,7 +11,7 @@ import warnings
 
 import numpy as np
 
-from .noise import estimate_sigma, psd_sigma, spread_rows
+from .noise import NonFiniteError, estimate_sigma, psd_sigma, spread_rows
 
 __all__ = ["check_data", "check_noise", "check_channels", "check_shared_groups", "check_range",
            "check_noise_level", "ChannelSplit", "NoiseLevelWarning"]
@@ -141,7 +141,7 @@ def check_data(name, z):
     lo, hi = np.min(a), np.max(a)  # NaN propagates, inf shows at an end
     lo, hi = float(lo), float(hi)
     if not (math.isfinite(lo) and math.isfinite(hi)):
-        raise ValueError(f"{name} contains NaN or infinite samples")
+        raise NonFiniteError(f"{name} contains NaN or infinite samples")
     if max(-lo, hi) > MAX_MAGNITUDE:
         raise ValueError(f"{name} holds values up to {max(-lo, hi):.3g}; the result is float32, "
                          f"so magnitudes above {MAX_MAGNITUDE:.0e} cannot be represented")

@@ -101,3 +101,38 @@ def test_an_opaque_alpha_channel_is_written_back_as_read(tmp_path, capsys):
     for result in written:
         assert np.array_equal(result[..., 3], rgba[..., 3])
         assert np.abs(result[..., :3] - rgba[..., :3]).mean() > 1  # colours denoised
+
+
+def test_second_audit_cases(tmp_path, capsys):
+    # A TIFF without a photometric tag read as "0 is white" (and was written so);
+    # ImageJ spacing went into an OME-TIFF without a word; a chunked file's NaN
+    # was reported as the parameter "z"; Zarr dimension names became guesses; a
+    # refused OME-Zarr output left its temporary store behind.
+    tifffile.imwrite(tmp_path / "bare.tif", U8[0], photometric="minisblack")
+    with open(tmp_path / "bare.tif", "r+b") as f:  # tag 262 renamed to an unknown one
+        raw = f.read()
+        f.seek(raw.index((262).to_bytes(2, "little") + (3).to_bytes(2, "little")))
+        f.write((65000).to_bytes(2, "little"))
+    assert "photometric" not in io.read_volume(tmp_path / "bare.tif")[1]
+    tifffile.imwrite(tmp_path / "ij.tif", U8, imagej=True, resolution=(2.0, 2.0),
+                     metadata={"axes": "ZYX", "spacing": 2.5, "unit": "um"})
+    with pytest.warns(UserWarning, match="pixel spacing"):
+        io.check_axes(tmp_path / "o.ome.tif", "ZYX", U8.shape, np.uint8,
+                      io.read_volume(tmp_path / "ij.tif")[1])
+    bad = np.ones((2, 8, 16, 16), np.float32)  # a series: the second item holds it
+    bad[1, 3, 4, 5] = np.nan
+    np.save(tmp_path / "nan.npy", bad)
+    status, err = korvo_denoise(capsys, tmp_path / "nan.npy", tmp_path / "o.zarr", "--sigma", "1")
+    assert status == 2 and "nan.npy [T 1] (2/2) holds NaN" in err
+    assert not (tmp_path / "o.zarr").exists()
+    named = zarr.create_array(str(tmp_path / "named.zarr"), shape=(4, 32, 32), dtype="f4",
+                              dimension_names=["depth", "row", "col"])
+    named[:] = U8
+    assert korvo_denoise(capsys, tmp_path / "named.zarr", tmp_path / "n.zarr", "--sigma", "9",
+                         "--chunks", "16")[0] == 0
+    written = zarr.open_array(str(tmp_path / "n.zarr")).metadata.dimension_names
+    assert written == ("depth", "row", "col")
+    with pytest.raises(ValueError, match="cannot hold axes"):
+        io.ChunkedOutput(tmp_path / "bad.ome.zarr", (3, 3, 8, 8), np.float32, (1, 1, 8, 8),
+                         {"axes": "TTYX"})
+    assert sorted(p.name for p in tmp_path.iterdir() if p.name.startswith(".")) == []
