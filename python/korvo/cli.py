@@ -541,14 +541,16 @@ def _estimate(args):
     series, rest = _layout(axes, data.shape, args.input)
     data_t = np.transpose(data, series + rest)
     channel = _channel_axis("".join(axes[i] for i in rest))
+    alpha = context.get("alpha", ()) if channel is not None else ()  # no noise to estimate
     count = int(np.prod(data_t.shape[:len(series)])) * (1 if channel is None else
-                                                        data_t.shape[len(series) + channel])
+                                                        data_t.shape[len(series) + channel]
+                                                        - len(alpha))
     if psd_file and count > 1:
         raise ValueError(f"{args.input} holds {count} items or channels; --psd FILE writes "
                          f"the PSD of one")
     # One item and channel at a time: a channel is a copy.
     parts = (np.squeeze(part) for _, block in _items(data_t, series)
-             for part in _channels(block, channel))
+             for c, part in enumerate(_channels(block, channel)) if c not in alpha)
     for part in parts:
         if args.psd:
             psd = estimate_psd(part)

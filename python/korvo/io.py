@@ -323,7 +323,13 @@ def _check_hdf5_output(path, source, force):
             # a dataset on the way cannot hold the output.
             parts = dataset.split("/")
             for depth in range(1, len(parts) + 1):
-                node = handle.get("/".join(parts[:depth]))
+                name = "/".join(parts[:depth])
+                node = handle.get(name)
+                if node is None and handle.get(name, getlink=True) is not None:
+                    raise ValueError(f"{path}: /{name} is a link that leads nowhere")
+                if node is not None and not isinstance(node, (h5py.Group, h5py.Dataset)):
+                    raise ValueError(f"{path}: /{name} is a {type(node).__name__.lower()}, "
+                                     f"not a group or dataset")
                 if isinstance(node, h5py.Group) and depth == len(parts):
                     raise ValueError(f"{path} is a group; name a dataset inside it, "
                                      f"e.g. {path.rstrip('/')}/denoised")

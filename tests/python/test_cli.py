@@ -378,7 +378,9 @@ def test_outputs_that_would_destroy_the_input_or_mislead_are_refused(tmp_path, c
             "grp/zs", data=np.arange(noisy.shape[0], dtype=float))
         scale.make_scale("z")
         data.dims[0].attach_scale(scale)
-    for out, words in ((f"{h5}:/grp", "is a group"), (f"{h5}:/grp/raw/x", "is a dataset")):
+        f["gone"] = h5py.SoftLink("/nothing")  # an internal error before
+    for out, words in ((f"{h5}:/grp", "is a group"), (f"{h5}:/grp/raw/x", "is a dataset"),
+                       (f"{h5}:/gone/x", "leads nowhere")):
         refused(capsys, ["-f", f"{h5}:/grp/raw", out, *FAST], words)
     assert denoise("-q", "--dtype", "keep", f"{h5}:/grp/raw", f"{tmp_path / 'b.h5'}:/d", *FAST) == 0
     with h5py.File(tmp_path / "b.h5") as f:

@@ -101,6 +101,8 @@ def test_an_opaque_alpha_channel_is_written_back_as_read(tmp_path, capsys):
     for result in written:
         assert np.array_equal(result[..., 3], rgba[..., 3])
         assert np.abs(result[..., :3] - rgba[..., :3]).mean() > 1  # colours denoised
+    assert cli.main(["estimate", str(tmp_path / "rgba.tif")]) == 0  # alpha read as noise-free
+    assert len(capsys.readouterr().out.split()) == 3
 
 
 def test_second_audit_cases(tmp_path, capsys):
