@@ -147,6 +147,8 @@ class _Run:
             self.dtype, self.scaling = scaling[0], scaling
         else:
             self.dtype = np.dtype(image.get_data_dtype()) if image is not None else dtype
+        if self.dtype == np.float16 and volume_format(output) == "nifti":
+            self.dtype = np.dtype(np.float32)  # NIfTI has no float16
 
     def say(self, text):
         if not self.args.quiet:
