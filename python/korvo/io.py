@@ -38,6 +38,8 @@ import xml.etree.ElementTree as ElementTree
 
 import numpy as np
 
+from .noise import NonFiniteError
+
 __all__ = ["read_volume", "write_volume", "volume_format", "check_output", "check_samples",
            "FORMATS", "STREAMED", "CHUNKED", "open_chunked", "ChunkedOutput"]
 
@@ -632,8 +634,7 @@ def check_axes(path, axes, shape, dtype, context=None, *, warn=True):
         return
     physical = _physical(context)
     # TIFF to TIFF keeps ImageJ spacing in an ImageJ TIFF and OME sizes in an OME-TIFF.
-    flavour = "ome" if "ome" in context else "imagej" if "imagej" in context else ""
-    kept = same and (kind != "tiff" or _tiff_flavour(path, context) == flavour)
+    kept = same and (kind != "tiff" or _tiff_flavour(path, context) == _tiff_flavour("", context))
     if physical and not kept and not ome_zarr:
         sizes = ", ".join(f"{a.lower()} {v:g}{' ' + u if u else ''}"
                           for a, (v, u) in physical.items())
@@ -868,7 +869,7 @@ def check_samples(path, array, finite=True):
         bad = np.argwhere(~np.isfinite(array[first:first + step]))
         if len(bad):
             at = tuple(int(i) for i in bad[0] + np.eye(array.ndim, dtype=int)[0] * first)
-            raise ValueError(f"{path} holds NaN or infinite samples (the first at {at})")
+            raise NonFiniteError(f"{path} holds NaN or infinite samples (the first at {at})")
 
 
 def open_chunked(path, *, writable=False):
