@@ -25,7 +25,7 @@ import threading
 import numpy as np
 
 from .noise import NonFiniteError, flat_block_counts
-from .profile import KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
+from .profile import STAGE_KEYS, KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
 from .progress import make_reporter
 from .validation import check_noise
 
@@ -114,6 +114,10 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
             raise ValueError(f"pilot shape {pilot.shape} differs from the data shape {z.shape}")
         pilot = pilot.rechunk(z.chunks)
     margin, align = chunk_margin(z.shape, profile, stages)  # refuses settings the shape cannot run
+    if profile.split_block_extraction is None:  # the largest region a chunk's call reads
+        _check_region_limit(profile, psd, stages, normalize or z.dtype != np.float32,
+                            [min(n, max(c) + 2 * m + a) for n, c, m, a
+                             in zip(z.shape, z.chunks, margin, align)])
 
     # One offset for every chunk: the whole array's mean, as the in-memory call takes it.
     # As one delayed value it is computed once; a dask array handed to each
@@ -151,6 +155,23 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
         return [nest(prefix + (i,)) for i in range(len(z.chunks[axis]))]
 
     return da.block(nest(()))
+
+
+def _check_region_limit(profile, psd, stages, copy, shape):
+    """The in-memory call's memory_limit warning, for the largest region a
+    chunk's call denoises (flat data assumed for the matching pass)."""
+    from . import _native
+    from .denoise import _STAGES
+    from .memory import check_limit
+
+    if profile.memory_limit is None:
+        return
+    resolved = profile.resolve(shape, psd, normalize=copy)
+    records = {stage: resolved[STAGE_KEYS[stage]] for stage in _STAGES[stages]}
+    if "match" in resolved:
+        records["match"] = resolved["match"]
+    check_limit(profile.memory_limit, records, math.prod(shape), copy, None, _native,
+                stacklevel=5)  # korvo, denoise_dask, here, check_limit
 
 
 def central_block(z, sizes=(64, 64, 64)):

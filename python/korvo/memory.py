@@ -88,11 +88,12 @@ def stage_bytes(record, stage, native):
     return native.collection_bytes(record, stage) + native.working_bytes(record, stage)
 
 
-def check_limit(limit, records, voxels, copy, channels, native):
+def check_limit(limit, records, voxels, copy, channels, native, stacklevel=3):
     """Warns (RuntimeWarning) when a ``memory_limit`` the caller set is below the
     peak the call is estimated to reach even with the bands and threads that
     need least, as chosen for ``records`` (by key, as ``held_bytes``). The
-    estimate counts whole allocations, so it errs high."""
+    estimate counts whole allocations, so it errs high. ``stacklevel`` points
+    the warning at the user's call."""
     if limit is None:
         return
     held = held_bytes(voxels, copy, channels)
@@ -101,7 +102,7 @@ def check_limit(limit, records, voxels, copy, channels, native):
     if need > limit:
         warnings.warn(f"memory_limit={limit:.4g} bytes is below the least this call is "
                       f"estimated to take at its peak, about {need:.4g} bytes (with the bands "
-                      f"and threads that need least); it goes on", RuntimeWarning, stacklevel=3)
+                      f"and threads that need least); it goes on", RuntimeWarning, stacklevel=stacklevel)
 
 
 def choose_split(record, stage, budget, native):

@@ -302,5 +302,8 @@ def test_pilot_and_memory_limit_mismatches_warn(monkeypatch):
     for pilot, words in ((255 * clean, "differs from z by"), (z, "still holds the noise")):
         with pytest.warns(korvo.NoiseLevelWarning, match=words):
             korvo.korvo(z, 0.1, stages="wiener", pilot=pilot)
-    with pytest.warns(RuntimeWarning, match=r"memory_limit=1e\+06 bytes is below"):
-        korvo.korvo(z, 0.1, profile=korvo.KORVOProfile(memory_limit=10**6))
+    tight = korvo.KORVOProfile(memory_limit=10**6)
+    for data in (z, pytest.importorskip("dask.array").from_array(z, chunks=24)):  # lazily too
+        with pytest.warns(RuntimeWarning, match=r"memory_limit=1e\+06 bytes is below") as seen:
+            korvo.korvo(data, 0.1, profile=tight)
+        assert seen[0].filename == __file__
