@@ -27,7 +27,7 @@ import numpy as np
 from .noise import NonFiniteError, flat_block_counts
 from .profile import STAGE_KEYS, KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
 from .progress import make_reporter
-from .validation import check_noise
+from .validation import check_noise, check_psd_rank
 
 __all__ = ["is_dask", "chunk_margin", "denoise_dask", "stabilised_dask", "central_block"]
 
@@ -105,6 +105,7 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
     if any(math.isnan(n) for n in z.shape):
         raise ValueError("z has chunks of unknown size; call z.compute_chunk_sizes() first")
     sigmas, psd, noise_map = check_noise(sigma, psd, None, z.shape)
+    check_psd_rank(psd, z.shape)
     _refuse_options(matches, progress)
     if noise_map is not None and not normalize:
         raise ValueError("a per-voxel sigma map needs normalize=True (the data are divided by it)")
@@ -114,6 +115,7 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
             raise ValueError(f"pilot shape {pilot.shape} differs from the data shape {z.shape}")
         pilot = pilot.rechunk(z.chunks)
     margin, align = chunk_margin(z.shape, profile, stages)  # refuses settings the shape cannot run
+    _check_overlap(z.shape, z.chunks, margin, align)
     if profile.split_block_extraction is None:  # the largest region a chunk's call reads
         _check_region_limit(profile, psd, stages, normalize or z.dtype != np.float32,
                             [min(n, max(c) + 2 * m + a) for n, c, m, a
@@ -155,6 +157,24 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
         return [nest(prefix + (i,)) for i in range(len(z.chunks[axis]))]
 
     return da.block(nest(()))
+
+
+# Chunks whose regions, margins included, add up to more than this many times
+# the array are refused: the work and the task graph grow with it (chunks of
+# 1 to 3 voxels on a 24^3 to 48^3 volume took minutes and tens of GB).
+MAX_OVERLAP = 100
+
+
+def _check_overlap(shape, chunks, margin, align):
+    """Refuse chunks so small that their regions read the array many times over."""
+    reads = [sum(min(n, c + 2 * m + a) for c in sizes) / n
+             for n, sizes, m, a in zip(shape, chunks, margin, align)]
+    if math.prod(reads) > MAX_OVERLAP:
+        least = [min(n, 2 * m) for n, m in zip(shape, margin)]
+        raise ValueError(f"chunks of {tuple(max(c) for c in chunks)} are too small for the "
+                         f"{tuple(margin)}-voxel margins each chunk's call reads around it: "
+                         f"the regions would read the array {math.prod(reads):.0f} times; "
+                         f"rechunk to larger chunks, such as {tuple(least)}")
 
 
 def _check_region_limit(profile, psd, stages, copy, shape):

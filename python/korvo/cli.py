@@ -562,7 +562,8 @@ def _estimate(args):
         elif args.noise == "poisson-gaussian":
             print("gain {:.6g} sigma {:.6g} offset {:.6g}".format(*estimate_poisson_gaussian(part)))
         elif args.noise == "rician":
-            print(f"{estimate_rician_sigma(part, coils=args.coils or 1):.6g}")
+            coils = 1 if args.coils is None else args.coils  # 0 is refused, not read as 1
+            print(f"{estimate_rician_sigma(part, coils=coils):.6g}")
         else:
             print(f"{estimate_sigma(part):.6g}")
     return 0
@@ -721,7 +722,8 @@ def _parser():
                    help="noise model: additive Gaussian (default), photon counts "
                         "(poisson-gaussian: --gain, --offset, --sigma read noise) or magnitude "
                         "MRI (rician: --sigma per channel, --coils); parameters not given are "
-                        "estimated from IN")
+                        "estimated from IN (poisson-gaussian: all three, or with --gain given, "
+                        "--sigma and --offset not given are 0)")
     d.add_argument("--gain", type=float, help="poisson-gaussian: data units per photon")
     d.add_argument("--offset", type=float, help="poisson-gaussian: dark level")
     d.add_argument("--coils", type=int, help="rician: receive coils (default 1)")

@@ -17,7 +17,7 @@ from .profile import BUILT_IN_BLOCKS, KORVOProfile, PSDAdaptation, _cpu_count, s
 from .progress import make_reporter
 from .transforms import block_transforms
 from .validation import (check_channels, check_data, check_noise, check_noise_level,
-                         check_pilot, check_range, check_shared_groups)
+                         check_pilot, check_psd_rank, check_range, check_shared_groups)
 
 __all__ = ["korvo"]
 
@@ -294,8 +294,10 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
         back one by one).
     gain, offset : float or a sequence of floats with ``channel_axis``, optional
         "poisson-gaussian": detector gain (data units per photon) and dark
-        level (the Gaussian part's mean), one for all channels or one each;
-        None: estimated with sigma.
+        level (the Gaussian part's mean), one for all channels or one each.
+        With ``gain`` given, ``sigma`` and ``offset`` left out are 0 (no read
+        noise, no dark level), not estimated; leave all three out to estimate
+        them together.
     coils : int, optional
         "rician": number of receive coils (default 1; one per channel with
         ``channel_axis`` if they differ).
@@ -411,6 +413,7 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
                          None if pilot is None else split.view(pilot, i), normalize,
                          None if noise_map is None else split.view(noise_map, i))
                 for i in range(split.count)]
+    check_psd_rank(psd, channels[0].z.shape)
     adaptation = PSDAdaptation.of(profile, channels[0].z.shape, psd, channels[0].z)
     budget = _budget(profile, channels[0].z, normalize,
                      None if split.axis is None else split.count)

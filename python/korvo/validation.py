@@ -178,6 +178,15 @@ def _check_psd(psd):
     return sigma, a
 
 
+def check_psd_rank(psd, shape):
+    """Refuse the PSD of 3-D noise (more than one plane) for an image of ``shape``
+    (2-D, or one slice): its planes would be read as the image's own spectrum."""
+    image = len(shape) == 2 or shape[0] == 1
+    if psd is not None and image and np.ndim(psd) == 3 and np.shape(psd)[0] > 1:
+        raise ValueError(f"an image takes a 2-D PSD, got one of shape {np.shape(psd)} (3-D "
+                         f"noise); estimate it on the image: korvo.estimate_psd(z) (--psd auto)")
+
+
 def check_noise(sigma, psd, channels=None, shape=None):
     """Exactly one of ``sigma`` and ``psd``. Returns (sigmas, psd, noise_map):
     one noise standard deviation per channel (a list of length ``channels``,

@@ -81,6 +81,8 @@ def test_noise_models_chunk_by_chunk(model, params):
     ((20, 20, 20), dict(matches=korvo.MatchStorage()), "matches"),
     ((20, 20, 20), dict(stages="wiener"), "pilot"),
     ((20, 20, 20), dict(noise="poisson-gaussian"), "central 20x20x20 block"),
+    # regions 274 times the array: chunks of 1-3 voxels took minutes and tens of GB
+    ((200, 200, 200), {}, "too small for the"),
 ])
 def test_options_a_chunked_run_cannot_honour(shape, options, message):
     with pytest.raises(ValueError, match=message):

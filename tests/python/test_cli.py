@@ -299,6 +299,9 @@ def test_user_errors_are_one_line(tmp_path, capsys):
             ([tmp_path / "missing.npy", out], "missing.npy")]:
         refused(capsys, arguments, words)
     assert not out.exists()
+    # estimate read --coils 0 as 1
+    assert cli.main(["estimate", str(flat), "--noise", "rician", "--coils", "0"]) == 2
+    assert "coils must be" in capsys.readouterr().err
     for arguments in (["denoise", "a.npy", "b.npy", "--threads", "-1"], ["--version"]):
         with pytest.raises(SystemExit) as stop:
             cli.main(arguments)

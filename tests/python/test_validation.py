@@ -71,6 +71,9 @@ REFUSED = [  # (arguments of korvo.korvo), exception, pattern of the message
     (call(GOOD, psd=np.zeros((8, 8))), ValueError, "zero everywhere"),
     *each(ValueError, "2-D or 3-D", call(GOOD, psd=np.ones(16)), call(GOOD, psd=np.ones((2,) * 4))),
     (call(GOOD, psd=np.ones((0, 4))), ValueError, "empty"),
+    # 3-D noise's planes were read as an image's own spectrum (4 dB lost, silently)
+    *each(ValueError, "an image takes a 2-D PSD", call(GOOD[0], psd=np.ones((8, 16, 16))),
+          call(GOOD[:1], psd=np.ones((2, 8, 8)))),
     (call(GOOD, psd=np.ones((4, 4), complex)), TypeError, "real"),
     # channels
     (call(RGB, [0.1, 0.1], channel_axis=-1), ValueError, r"one value per channel \(3\)"),
