@@ -118,7 +118,7 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
     _check_overlap(z.shape, z.chunks, margin, align)
     if profile.split_block_extraction is None:  # the largest region a chunk's call reads
         _check_region_limit(profile, psd, stages, normalize or z.dtype != np.float32,
-                            [min(n, max(c) + 2 * m + a) for n, c, m, a
+                            [_region_extent(n, max(c), m, a) for n, c, m, a
                              in zip(z.shape, z.chunks, margin, align)])
 
     # One offset for every chunk: the whole array's mean, as the in-memory call takes it.
@@ -165,9 +165,15 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
 MAX_OVERLAP = 100
 
 
+def _region_extent(n, chunk, margin, align):
+    """The most a chunk's region spans along an axis of n voxels: the chunk, its
+    margin on each side, and the start rounded down to the alignment."""
+    return min(n, chunk + 2 * margin + align)
+
+
 def _check_overlap(shape, chunks, margin, align):
     """Refuse chunks so small that their regions read the array many times over."""
-    reads = [sum(min(n, c + 2 * m + a) for c in sizes) / n
+    reads = [sum(_region_extent(n, c, m, a) for c in sizes) / n
              for n, sizes, m, a in zip(shape, chunks, margin, align)]
     if math.prod(reads) > MAX_OVERLAP:
         least = [min(n, 2 * m) for n, m in zip(shape, margin)]
