@@ -299,9 +299,11 @@ def test_user_errors_are_one_line(tmp_path, capsys):
             ([tmp_path / "missing.npy", out], "missing.npy")]:
         refused(capsys, arguments, words)
     assert not out.exists()
-    # estimate read --coils 0 as 1
-    assert cli.main(["estimate", str(flat), "--noise", "rician", "--coils", "0"]) == 2
-    assert "coils must be" in capsys.readouterr().err
+    # estimate read --coils 0 as 1; a Zarr PSD file failed as an internal error
+    for extra, words in ((["--noise", "rician", "--coils", "0"], "coils must be"),
+                         (["--psd", str(tmp_path / "p.zarr")], "writes a .npy, NIfTI or TIFF")):
+        assert cli.main(["estimate", str(flat), *extra]) == 2
+        assert words in capsys.readouterr().err
     for arguments in (["denoise", "a.npy", "b.npy", "--threads", "-1"], ["--version"]):
         with pytest.raises(SystemExit) as stop:
             cli.main(arguments)
@@ -382,8 +384,9 @@ def test_outputs_that_would_destroy_the_input_or_mislead_are_refused(tmp_path, c
         scale.make_scale("z")
         data.dims[0].attach_scale(scale)
         f["gone"] = h5py.SoftLink("/nothing")  # an internal error before
+        f["kind"] = np.dtype("f4")  # h5py's own text, after reading
     for out, words in ((f"{h5}:/grp", "is a group"), (f"{h5}:/grp/raw/x", "is a dataset"),
-                       (f"{h5}:/gone/x", "leads nowhere")):
+                       (f"{h5}:/gone/x", "leads nowhere"), (f"{h5}:/kind/x", "is a datatype")):
         refused(capsys, ["-f", f"{h5}:/grp/raw", out, *FAST], words)
     assert denoise("-q", "--dtype", "keep", f"{h5}:/grp/raw", f"{tmp_path / 'b.h5'}:/d", *FAST) == 0
     with h5py.File(tmp_path / "b.h5") as f:
