@@ -580,6 +580,16 @@ _UNITS = {"um": "micrometer", "µm": "micrometer", "\u03bcm": "micrometer",
           "min": "minute", "minute": "minute", "h": "hour", "hour": "hour"}
 
 
+def _unit(spelling):
+    """A unit as OME-Zarr names it, from a header's spelling (None: unknown)."""
+    return _UNITS.get(str(spelling).lower())
+
+
+def _axis_name(label):
+    """The OME-Zarr and Zarr dimension name of an axis label (RGB samples: "c")."""
+    return {"S": "c"}.get(label, label.lower())
+
+
 def _ome_zarr_order(axes):
     """The order an OME-Zarr image stores labelled axes in (time, then a channel or
     other axis, then space), as indices of ``axes``; None where it cannot hold them."""
@@ -679,22 +689,22 @@ def _physical(context):
         if resolution and str(imagej.get("unit")).lower() == "inch":
             pass  # what ImageJ stores for an image of a given dpi: no spacing
         elif resolution and "unit" in imagej:  # ImageJ: pixels per its unit
-            unit = _UNITS.get(str(imagej["unit"]).lower())
+            unit = _unit(imagej["unit"])
             found.update({a: (1 / r, unit) for a, r in zip("XY", resolution) if r})
         elif resolution and context.get("resolutionunit") == 3:  # pixels per centimetre
             # (per inch is a display or print density, 72 or 300 dpi, no spacing)
             found.update({a: (1e4 / r, "micrometer") for a, r in zip("XY", resolution) if r})
         if "spacing" in imagej:
-            found["Z"] = (float(imagej["spacing"]), _UNITS.get(str(imagej.get("unit")).lower()))
+            found["Z"] = (float(imagej["spacing"]), _unit(imagej.get("unit")))
         if imagej.get("finterval"):
             found["T"] = (float(imagej["finterval"]), "second")
         for a, name in zip("XYZT", _OME_SIZES):
             if name in ome:
                 default = "s" if a == "T" else "µm"
-                found[a] = (ome[name], _UNITS.get(str(ome.get(name + "Unit", default)).lower()))
+                found[a] = (ome[name], _unit(ome.get(name + "Unit", default)))
     elif kind == "nifti" and context.get("image") is not None:
         header = context["image"].header
-        units = [_UNITS.get(u) for u in header.get_xyzt_units()]
+        units = [_unit(u) for u in header.get_xyzt_units()]
         for i, size in enumerate(header.get_zooms()[:4]):
             unit = units[i == 3] if i < len(axes) else None
             if i < len(axes) and (size != 1 or unit):  # 0.8 as stored, not float32's 0.800000011
@@ -983,7 +993,7 @@ class ChunkedOutput:
         if fmt >= 3 and three:  # names as the OME axes give them, else from the labels
             listed = [a["name"] if isinstance(a, dict) else a for a in (ome or {}).get("axes", ())]
             listed = listed or context.get("dimension_names") or \
-                [{"S": "c"}.get(a, a.lower()) for a in axes]
+                [_axis_name(a) for a in axes]
             if len(set(listed)) == len(listed) == len(shape) or listed == \
                     context.get("dimension_names"):  # the input's, as they were
                 names["dimension_names"] = listed
@@ -1075,7 +1085,7 @@ def _new_ome(axes, physical):
     scale and units ``physical`` knows (see :func:`_physical`), else 1."""
     listed = []
     for a in axes:
-        axis = {"name": {"S": "c"}.get(a, a.lower())}
+        axis = {"name": _axis_name(a)}
         if a in _OME_KINDS:  # other letters: custom axes, of no type
             axis["type"] = _OME_KINDS[a]
         if physical.get(a, (1, None))[1]:
