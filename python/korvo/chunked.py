@@ -24,7 +24,7 @@ import threading
 
 import numpy as np
 
-from .noise import NonFiniteError, flat_block_counts
+from .noise import _FLAT_BLOCK, NonFiniteError, flat_block_counts, prewhiten, whitening_reach
 from .profile import STAGE_KEYS, KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
 from .progress import make_reporter
 from .validation import check_noise, check_psd_rank
@@ -127,10 +127,10 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
     offset = dask.delayed(z.mean(dtype=np.float64)) if normalize else 0.0
     # Whether coloured noise is matched on a prewhitened copy depends on how
     # flat the whole array is: counted chunk by chunk, decided once.
-    flat = None
+    flat, reach = None, (0,) * z.ndim
     if psd is not None and profile.adapt_to_psd:
-        counts = [dask.delayed(flat_block_counts)(part, psd) for part in z.to_delayed().ravel()]
-        flat = dask.delayed(_fraction)(counts)
+        flat = dask.delayed(_fraction)(_flat_counts(z, psd))
+        reach = whitening_reach(psd, z.ndim)  # what a region's prewhitened copy reads around it
     threads = profile.num_threads or 1
     settings = dict(sigma=sigmas[0], psd=psd, profile=profile, stages=stages,
                     normalize=normalize, threads=threads)
@@ -146,8 +146,8 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
             chunk.append(c1 - c0)
         region = tuple(region)
         call = dask.delayed(_chunk_task, pure=True)(
-            z[region], None if pilot is None else pilot[region], offset, flat, tuple(inner),
-            settings, None if noise_map is None else noise_map[region])
+            _surround(z, region, reach), None if pilot is None else pilot[region], offset, flat,
+            tuple(inner), settings, None if noise_map is None else noise_map[region], reach)
         return da.from_delayed(call, shape=tuple(chunk), dtype=np.float32)
 
     def nest(prefix):
@@ -247,22 +247,59 @@ def stabilised_dask(z, model, sigma, params, options):
     return da.map_blocks(backward, out, z, dtype=np.float32)
 
 
+def _flat_counts(z, psd):
+    """The whole array's flat-block counts, chunk by chunk: each chunk counts
+    the blocks of the whole array's tiling that start in it, reading them whole."""
+    import dask
+
+    block = [min(_FLAT_BLOCK, n) for n in z.shape]
+    counts = []
+    for index in np.ndindex(*z.numblocks):
+        box = []
+        for axis, i in enumerate(index):
+            c0 = sum(z.chunks[axis][:i])
+            c1, b = c0 + z.chunks[axis][i], block[axis]
+            first = -(-c0 // b) * b
+            last = min(-(-c1 // b), z.shape[axis] // b) * b  # complete blocks only
+            box.append(slice(first, max(first, last)))
+        if all(s.stop > s.start for s in box):
+            counts.append(dask.delayed(flat_block_counts)(z[tuple(box)], psd))
+    return counts
+
+
+def _surround(z, region, reach):
+    """The region with ``reach`` samples around it on each axis, wrapped
+    around at the array's ends as its prewhitening wraps the whole array."""
+    part = z[tuple(slice(max(0, r.start - k), min(n, r.stop + k))
+                   for r, k, n in zip(region, reach, z.shape))]
+    for axis, (r, k, n) in enumerate(zip(region, reach, z.shape)):
+        if r.start < k or r.stop + k > n:
+            index = np.arange(r.start - k, r.stop + k) % n - max(0, r.start - k)
+            part = part[(slice(None),) * axis + (index,)]
+    return part
+
+
 def _fraction(counts):
     return sum(f for f, _ in counts) / max(1, sum(n for _, n in counts))
 
 
-def _chunk_task(region, pilot, offset, flat, inner, settings, noise_map=None):
-    args = (np.asarray(region), None if pilot is None else np.asarray(pilot), float(offset),
-            flat, inner, settings, None if noise_map is None else np.asarray(noise_map))
+def _chunk_task(data, pilot, offset, flat, inner, settings, noise_map=None, reach=None):
+    args = (np.asarray(data), None if pilot is None else np.asarray(pilot), float(offset),
+            flat, inner, settings, None if noise_map is None else np.asarray(noise_map), reach)
     if _runs_in_place():
         return _denoise_region(*args)
     return _WORKERS.call(args, max(1, _cpu_count() // settings["threads"]))
 
 
-def _denoise_region(region, pilot, offset, flat, inner, settings, noise_map=None):
+def _denoise_region(data, pilot, offset, flat, inner, settings, noise_map=None, reach=None):
     """The estimate of one chunk from its expanded region (runs in a worker);
-    ``noise_map``: the region's part of a per-voxel noise map."""
-    from .denoise import _STAGES, _Channel, _budget, _denoise
+    ``noise_map``: the region's part of a per-voxel noise map. ``data`` holds
+    ``reach`` samples around the region on each side: what its prewhitened
+    copy reads."""
+    from .denoise import _STAGES, _Channel, _budget, _denoise, _to_float32
+
+    reach = (0,) * data.ndim if reach is None else reach
+    region = data[tuple(slice(k, n - k) for k, n in zip(reach, data.shape))]
 
     profile = settings["profile"].copy()
     profile.num_threads = settings["threads"]
@@ -275,7 +312,11 @@ def _denoise_region(region, pilot, offset, flat, inner, settings, noise_map=None
         channel.offset = offset
     adaptation = PSDAdaptation.of(profile, region.shape, settings["psd"], flat_fraction=flat)
     records = channel.records(profile, run, _budget(profile, channel.z, normalize), adaptation)
-    out = _denoise(channel, records, run, None, make_reporter(False), normalize)
+    whitened = None
+    if "match" in records:  # as the whole array's copy has it over the region
+        stage_units = _to_float32(data, channel.offset, channel.scale)
+        whitened = prewhiten(stage_units, channel.psd, surround=True)
+    out = _denoise(channel, records, run, None, make_reporter(False), normalize, whitened=whitened)
     return np.ascontiguousarray(out[inner])
 
 

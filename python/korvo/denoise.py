@@ -208,10 +208,11 @@ def _restore(channel, result, normalize):
     return result
 
 
-def _prewhitened_groups(channel, noisy, record, reporter, label_suffix):
+def _prewhitened_groups(channel, noisy, record, reporter, label_suffix, whitened=None):
     """Groups matched on a prewhitened copy of ``noisy`` (stage units), for
-    both stages to replay; the pass's own estimate is discarded."""
-    whitened, std = prewhiten(noisy, channel.psd)
+    both stages to replay; the pass's own estimate is discarded. ``whitened``:
+    that copy and its noise std, when the caller has them."""
+    whitened, std = prewhiten(noisy, channel.psd) if whitened is None else whitened
     groups = StageMatches(noisy.shape, record)
     scratch = np.zeros(noisy.shape, dtype=np.float32)
     white = np.full((1, 1, 1), std * std, dtype=np.float32)
@@ -221,7 +222,7 @@ def _prewhitened_groups(channel, noisy, record, reporter, label_suffix):
     return groups
 
 
-def _denoise(channel, records, run, matches, reporter, normalize, label_suffix=""):
+def _denoise(channel, records, run, matches, reporter, normalize, label_suffix="", whitened=None):
     z = channel.z
     if needs_copy(z, normalize):
         noisy = _to_float32(z, channel.offset, channel.scale)
@@ -233,7 +234,8 @@ def _denoise(channel, records, run, matches, reporter, normalize, label_suffix="
     result = None
     with _native_turn():
         if "match" in records and (matches is None or not matches.recorded["ht"]):
-            shared = _prewhitened_groups(channel, noisy, records["match"], reporter, label_suffix)
+            shared = _prewhitened_groups(channel, noisy, records["match"], reporter, label_suffix,
+                                         whitened)
             matches = matches if matches is not None else MatchStorage()
             matches.ht = matches.wiener = shared
         for stage in run:

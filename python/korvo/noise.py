@@ -13,7 +13,7 @@ import math
 import numpy as np
 
 __all__ = ["estimate_sigma", "estimate_sigma_map", "white_psd", "psd_from_kernel", "psd_sigma", "coloured_noise",
-           "psd_concentration", "whitening_gain", "prewhiten", "noise_dominated_fraction",
+           "psd_concentration", "whitening_kernel", "whitening_reach", "prewhiten", "noise_dominated_fraction",
            "flat_block_counts"]
 
 class NonFiniteError(ValueError):
@@ -278,6 +278,24 @@ def _autocovariance(psd, ndim):
     return np.fft.ifftn(_psd_of_rank(psd, ndim)).real / np.size(psd)
 
 
+# Floor of the whitening filter's PSD, relative to its mean: no frequency is
+# amplified more than twice (a lower floor lets the noise-free high
+# frequencies of the signal dominate the block distances).
+WHITENING_FLOOR = 0.25
+# Lags the prewhitening kernel keeps on each side of an axis the PSD resolves:
+# each prewhitened sample reads only this far, so a part of an array read with
+# this much around it prewhitens as the whole array does.
+WHITENING_REACH = 16
+# Extent of the grid the filter is formed on (finer than a PSD's usual 16, so
+# that its kernel is not folded onto itself within the reach).
+_WHITENING_GRID = 64
+# Arrays up to this many samples are prewhitened by one circular FFT; larger
+# ones tile by tile (FFT extent _WHITENING_TILE per axis), since the whole
+# array's transform would hold several times its size.
+_WHITENING_WHOLE = 1 << 22
+_WHITENING_TILE = 160
+
+
 def _psd_on_grid(psd, shape):
     """The PSD resampled to ``shape`` through its autocovariance (lags within
     half the PSD grid, Nyquist lags shared between both signs), normalised to
@@ -303,40 +321,93 @@ def _psd_on_grid(psd, shape):
     return spectrum / placed.flat[0]
 
 
-# Floor of the whitening filter's PSD, relative to its mean: no frequency is
-# amplified more than twice (a lower floor lets the noise-free high
-# frequencies of the signal dominate the block distances).
-WHITENING_FLOOR = 0.25
-
-
-def whitening_gain(psd, shape):
-    """The prewhitening filter for data of ``shape`` (as an rfftn half
-    spectrum), 1 / sqrt(max(PSD / mean(PSD), floor)), and the ratio of the
-    filtered noise's standard deviation to the unfiltered one's."""
-    shape = tuple(int(n) for n in shape)
-    relative = _psd_on_grid(psd, shape)
-    gain = 1.0 / np.sqrt(np.maximum(relative, WHITENING_FLOOR))
-    # Mean of gain^2 * PSD over the full spectrum, from the half spectrum.
-    weights = np.full(relative.shape, 2.0)
+def whitening_kernel(psd, ndim):
+    """The prewhitening filter of ``psd`` for ``ndim``-D data, 1 / sqrt(max(PSD
+    / mean(PSD), floor)) on a fine grid, as a kernel of lags -r .. r per axis
+    (r = WHITENING_REACH, 0 along axes the PSD does not resolve), and the
+    ratio of the filtered noise's standard deviation to the unfiltered one's."""
+    p = _psd_of_rank(psd, ndim)
+    fine = tuple(1 if g == 1 else max(g, _WHITENING_GRID) for g in p.shape)
+    relative = _psd_on_grid(p, fine)
+    kernel = np.fft.irfftn(1.0 / np.sqrt(np.maximum(relative, WHITENING_FLOOR)), s=fine)
+    index = []
+    for axis, g in enumerate(fine):
+        lags = np.arange(-min(g // 2, WHITENING_REACH), min(g // 2, WHITENING_REACH) + 1)
+        kernel = np.take(kernel, lags % g, axis=axis)
+        index.append(lags % g)
+    # The kept kernel's response on the fine grid, over the noise power there
+    # (resampling a sharply peaked PSD rings below zero; noise power cannot).
+    folded = np.zeros(fine)
+    np.add.at(folded, np.ix_(*index), kernel)
+    power = np.abs(np.fft.rfftn(folded)) ** 2 * np.maximum(relative, 0.0)
+    weights = np.full(relative.shape, 2.0)  # the full spectrum from its half
     weights[..., 0] = 1.0
-    if shape[-1] % 2 == 0:
+    if fine[-1] % 2 == 0:
         weights[..., -1] = 1.0
-    # Resampling a sharply peaked PSD rings below zero; noise power cannot.
-    ratio = np.sqrt(np.sum(weights * gain ** 2 * np.maximum(relative, 0.0)) / np.sum(weights))
-    return gain, float(ratio)
+    return kernel, float(np.sqrt(np.sum(weights * power) / np.sum(weights)))
 
 
-def prewhiten(z, psd):
-    """``z`` filtered (circularly) by the prewhitening filter of ``psd``.
+def whitening_reach(psd, ndim):
+    """Samples on each side of every axis that one prewhitened sample reads."""
+    return tuple(0 if g == 1 else WHITENING_REACH for g in _psd_of_rank(psd, ndim).shape)
+
+
+def prewhiten(z, psd, surround=False):
+    """``z`` filtered by the prewhitening filter of ``psd``
+    (:func:`whitening_kernel`), circularly at the array's ends.
 
     The filtered noise is nearly white: block matching on it no longer
     favours blocks whose low-frequency noise agrees with the reference's.
-    Returns the filtered float32 array and the standard deviation of its noise
+    ``surround``: z holds :func:`whitening_reach` samples of the array
+    around the part to filter (wrapped around at the array's ends), and the
+    result is that part, as the whole array's would be up to rounding.
+    Returns the float32 result and the standard deviation of its noise
     (``psd`` in ``z``'s units)."""
-    shape = np.shape(z)
-    gain, ratio = whitening_gain(psd, shape)
-    out = np.fft.irfftn(np.fft.rfftn(z) * gain, s=shape, axes=tuple(range(len(shape))))
-    return out.astype(np.float32), psd_sigma(psd) * ratio
+    z = np.asarray(z)
+    kernel, ratio = whitening_kernel(psd, z.ndim)
+    reach = [k // 2 for k in kernel.shape]
+    if not surround and z.size <= _WHITENING_WHOLE:
+        out = _filtered(z, kernel, z.shape).astype(np.float32)
+    else:
+        padded = z if surround else np.pad(z, [(r, r) for r in reach], mode="wrap")
+        out = np.empty([n - 2 * r for n, r in zip(padded.shape, reach)], dtype=np.float32)
+        core = [max(_WHITENING_TILE - 2 * r, r) if r else _WHITENING_TILE for r in reach]
+        for tile_index in np.ndindex(*[-(-n // c) for n, c in zip(out.shape, core)]):
+            start = [i * c for i, c in zip(tile_index, core)]
+            stop = [min(s + c, n) for s, c, n in zip(start, core, out.shape)]
+            tile = padded[tuple(slice(s, e + 2 * r) for s, e, r in zip(start, stop, reach))]
+            # Zero-filled to a fast FFT length: the samples kept never read the fill.
+            filtered = _filtered(tile, kernel, [_fast_length(n) for n in tile.shape])
+            out[tuple(slice(s, e) for s, e in zip(start, stop))] = filtered[
+                tuple(slice(r, n - r) for r, n in zip(reach, tile.shape))]
+    return out, psd_sigma(psd) * ratio
+
+
+def _filtered(a, kernel, shape):
+    """``a`` (zero-filled to ``shape``) convolved circularly with the kernel of
+    lags -r .. r, as float64 of ``shape``."""
+    placed = np.zeros(shape)
+    index = [np.arange(-(k // 2), k // 2 + 1) % n for k, n in zip(kernel.shape, shape)]
+    np.add.at(placed, np.ix_(*index), kernel)  # lags beyond a short axis fold onto it
+    axes = tuple(range(len(shape)))
+    data = np.fft.rfftn(np.asarray(a, np.float64), shape, axes)  # float32 would transform in float32
+    return np.fft.irfftn(data * np.fft.rfftn(placed), shape, axes)
+
+
+def _fast_length(n):
+    """The smallest length of only the factors 2, 3 and 5 that is at least n."""
+    best = 1 << max(0, (n - 1).bit_length())
+    p5 = 1
+    while p5 < best:
+        p35 = p5
+        while p35 < best:
+            p = p35
+            while p < n:
+                p *= 2
+            best = min(best, p)
+            p35 *= 3
+        p5 *= 5
+    return best
 
 
 # Blocks over which noise_dominated_fraction compares variances, and the

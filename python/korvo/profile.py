@@ -24,7 +24,7 @@ import numpy as np
 
 from . import _native
 from .memory import choose_split, needs_copy, stage_budgets
-from .noise import noise_dominated_fraction, psd_concentration, whitening_gain
+from .noise import noise_dominated_fraction, psd_concentration, whitening_kernel
 from .validation import MAX_DYNAMIC_RANGE
 
 __all__ = ["StageProfile", "KORVOProfile", "BLOCK_SIZES", "BUILT_IN_BLOCKS", "FFT_LENGTHS",
@@ -433,7 +433,7 @@ class PSDAdaptation:
         if not (same and concentration >= PREWHITEN_FROM) or (
                 flat_fraction is not None and flat_fraction < PREWHITEN_FLAT_FRACTION):
             return cls(concentration, flat_fraction=flat_fraction)
-        return cls(concentration, True, whitening_gain(psd, shape)[1], flat_fraction)
+        return cls(concentration, True, whitening_kernel(psd, len(shape))[1], flat_fraction)
 
     def __repr__(self):
         flat = "" if self.flat_fraction is None else f", flat_fraction={self.flat_fraction:.3g}"

@@ -26,6 +26,9 @@ CASES = [
     # The whole array decides, from its chunks' flat-block counts, that textured
     # data skip the prewhitened matching: only the thresholds adapt, exactly.
     ((30, 37, 41), (13, 20, 41), "both", dict(psd=PSD), {}, 0.15),
+    # Flat data are matched on a prewhitened copy, which each region takes
+    # from the data around it as the whole array's copy has it.
+    ((30, 37, 41), (11, 16, 20), "both", dict(psd=PSD), {}, 0),
     ((90, 101), (32, 40), "both", dict(sigma=0.1), {}, 0),
     ((90, 101), (90, 17), "ht", dict(sigma=0.1), {}, 0),
 ]
