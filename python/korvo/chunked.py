@@ -21,13 +21,14 @@ import pickle
 import subprocess
 import sys
 import threading
+import warnings
 
 import numpy as np
 
 from .noise import _FLAT_BLOCK, NonFiniteError, flat_block_counts, prewhiten, whitening_reach
 from .profile import STAGE_KEYS, KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
 from .progress import make_reporter
-from .validation import check_noise, check_psd_rank
+from .validation import NoiseLevelWarning, check_noise, check_psd_rank
 
 __all__ = ["is_dask", "chunk_margin", "denoise_dask", "stabilised_dask", "central_block"]
 
@@ -237,10 +238,14 @@ def stabilised_dask(z, model, sigma, params, options):
     fixed = dict(inverse.params)
 
     def forward(block):
-        return stabilise(block, model, **fixed)[0]
+        with warnings.catch_warnings():  # the central block's checks spoke for every block
+            warnings.simplefilter("ignore", NoiseLevelWarning)
+            return stabilise(block, model, **fixed)[0]
 
     def backward(denoised, block):
-        return stabilise(block, model, **fixed)[1](denoised)
+        with warnings.catch_warnings():
+            warnings.simplefilter("ignore", NoiseLevelWarning)
+            return stabilise(block, model, **fixed)[1](denoised)
 
     y = z.map_blocks(forward, dtype=np.float32)
     out = denoise_dask(y, 1.0, profile=options.get("profile"), stages=options.get("stages", "both"))

@@ -604,9 +604,10 @@ def estimate_rician_sigma(z, coils=1, mask=None):
     return _rician_sigma_and_background(z, _coils(coils), mask)[0]
 
 
-def _rician_sigma_and_background(z, coils, mask):
+def _rician_sigma_and_background(z, coils, mask, check=True):
     """(sigma, background): :func:`estimate_rician_sigma`, and the voxels it
-    took for noise alone (``mask``, or those it found; None without)."""
+    took for noise alone (``mask``, or those it found; None without);
+    ``check``: whether to check the coil count on them."""
     a = _magnitudes(z, "estimate_rician_sigma", convert=False)
     if mask is not None:
         mask = np.asarray(mask)
@@ -617,6 +618,8 @@ def _rician_sigma_and_background(z, coils, mask):
         sigma = float(np.median(a[mask].astype(np.float64))) / _chi_median(coils)
         if not sigma > 0:
             raise ValueError("estimate_rician_sigma: the masked background is zero")
+        if check:
+            _check_coils(a, coils, mask, search=False)
         return sigma, mask
     table = _rician_table(coils)
     # The Gaussian estimate sits within a factor 0.5..2 of the answer (one-coil
@@ -646,7 +649,76 @@ def _rician_sigma_and_background(z, coils, mask):
     if not (binned[1] > 0).all():
         raise ValueError("estimate_rician_sigma: parts of the data hold no noise "
                          "(constant or clipped); give sigma or a background mask")
-    return _background(np.asarray(z, dtype=np.float32), coils, float(_robust_fit(fit, *binned)))
+    sigma, background = _background(np.asarray(z, dtype=np.float32), coils,
+                                    float(_robust_fit(fit, *binned)))
+    if check:
+        _check_coils(a, coils, background)
+    return sigma, background
+
+
+# How far a background's moment ratio may lie from its coil count's before a
+# warning: standard errors of the ratio, plus a margin for the search's own
+# pick (it chooses windows by their mean; measured within 0.001 on heads).
+_COILS_ERRORS, _COILS_MARGIN = 6.0, 0.002
+# The coil counts tried where the one given finds no background.
+_COILS_TRIED, _COILS_SAMPLES = (1, 2, 4, 8), 1 << 21
+
+
+def _check_coils(a, coils, background, search=True):
+    """Warns (NoiseLevelWarning) when the magnitude data's background reads as
+    noise of another coil count: mean(z)^2 / mean(z^2) there is
+    Gamma(L + 1/2)^2 / (L Gamma(L)^2) for L coils (0.785 for one, 0.940 for
+    four) whatever sigma, so it tells L apart where a background exists. A
+    wrong count biases the whole result (1 coil on 4-coil data gave 14.5 dB
+    against 26.6). Where the count given finds no background that reads as
+    its own, the others of _COILS_TRIED are searched (``search``), each a
+    fit of sigma on at most _COILS_SAMPLES voxels."""
+    read = None if background is None else _coils_read(a, background)
+    if read == coils:
+        return
+    if read is not None:
+        _warn_coils(f"the data's background reads as {read}-coil noise, not {coils}-coil", read)
+        return
+    if not search:
+        return
+    step = max(1, math.ceil((a.size / _COILS_SAMPLES) ** (1 / a.ndim)))
+    part = a[(slice(None, None, step),) * a.ndim]
+    for other in _COILS_TRIED:
+        if other != coils:
+            found = _rician_sigma_and_background(part, other, None, check=False)[1]
+            if found is not None and _coils_read(part, found) == other:
+                _warn_coils(f"no background of {coils}-coil noise was found, but one of "
+                            f"{other}-coil noise was", other)
+                return
+
+
+def _coils_read(a, background):
+    """The coil count whose moment ratio the background's matches, within
+    its standard error (None: none does, as for a zero-filled background)."""
+    x = a[background].astype(np.float64)[:: max(1, int(np.count_nonzero(background)) // 10 ** 6)]
+    m1, m2 = float(x.mean()), float(np.mean(x * x))
+    if not m2 > 0:
+        return None
+    ratio = m1 * m1 / m2
+    # Delta method over the sample moments of z and z^2.
+    g1, g2 = 2 * m1 / m2, -m1 * m1 / (m2 * m2)
+    spread = float(np.std(g1 * x + g2 * x * x)) / math.sqrt(x.size)
+    tolerance = _COILS_ERRORS * spread + _COILS_MARGIN
+    for coils in range(1, 17):
+        if abs(ratio - _chi_ratio(coils)) <= tolerance:
+            return coils
+    return None
+
+
+@functools.lru_cache(maxsize=None)
+def _chi_ratio(coils):
+    return math.exp(2 * (math.lgamma(coils + 0.5) - math.lgamma(coils))) / coils
+
+
+def _warn_coils(finding, read):
+    warnings.warn(f"{finding}: a wrong coil count biases the whole result; pass coils={read} "
+                  f"(--coils {read}) if the data combine {read} coils by root sum of squares",
+                  NoiseLevelWarning, stacklevel=5)
 
 
 # Background search: windows of _BG_WIDTH^ndim voxels whose mean magnitude
@@ -829,6 +901,7 @@ def stabilise(z, model="gaussian", **params):
     y = _slabwise(lambda part: rician_vst(part, sigma, coils), _magnitudes(z, "rician_vst", False))
     if params.get("sigma") is not None:
         background = _background(np.asarray(z, dtype=np.float32), coils, sigma, refine=False)[1]
+        _check_coils(z, coils, background, search=False)
     floor = _FloorShift(background, _rician_table(coils).ef[0])
     return y, Inverse(
         model, {"sigma": sigma, "coils": coils},
