@@ -200,11 +200,24 @@ class _Run:
 
     def run(self, block, noise, channel, where):
         self.say(f"denoising {self.name}{where}")
-        if self.shared is not False and channel is None:
-            raise ValueError(f"--shared-groups needs channels, and {self.name} has none "
-                             f"(its axes are space only)")
         return korvo(block, **noise, profile=self.profile, channel_axis=channel,
                      shared_groups=self.shared, stages=self.args.stages, progress=not self.args.quiet)
+
+    def _check_shared(self, block, channel):
+        """--shared-groups against the item's channels, before any estimate."""
+        if self.shared is False:
+            return
+        if channel is None:
+            raise ValueError(f"--shared-groups needs channels, and {self.name} has none "
+                             f"(its axes are space only)")
+        if self.auto:
+            raise ValueError("--shared-groups filters every channel under one noise description, "
+                             "and --psd auto estimates a PSD per channel: give --psd FILE or "
+                             "--sigma, or leave --shared-groups out")
+        count = block.shape[channel]
+        if self.shared != "mean" and not -count <= self.shared < count:
+            raise ValueError(f"--shared-groups {self.shared}: {self.name} has {count} channels, "
+                             f"numbered from 0")
 
     def denoise(self, block, labels, where, mask=None, sigma_map=None):
         """Denoise one item (2 or 3 space axes, maybe a channel axis); an alpha
@@ -227,6 +240,7 @@ class _Run:
             mask, sigma_map = (None if a is None else np.take(a, 0, axis=flat)
                                for a in (mask, sigma_map))
         channel = _channel_axis(labels)
+        self._check_shared(block, channel)
         if channel is not None:
             where += f", {block.shape[channel]} channels"
         if self.auto:  # korvo takes one PSD for all channels: denoise them one by one

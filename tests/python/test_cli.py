@@ -277,11 +277,14 @@ def test_estimates_psd_auto_mask_and_the_estimate_command(tmp_path, capsys):
 
 
 def test_user_errors_are_one_line(tmp_path, capsys):
+    tifffile = pytest.importorskip("tifffile")
     source, empty, flat = tmp_path / "in.npy", tmp_path / "empty.npy", tmp_path / "flat.npy"
     np.save(source, np.full((8, 16, 16), np.nan))
     empty.write_bytes(b"")
     np.save(flat, np.ones((8, 16, 16)))
-    out = tmp_path / "o.npy"
+    out, channels = tmp_path / "o.npy", tmp_path / "c.tif"
+    tifffile.imwrite(channels, np.random.default_rng(0).normal(size=(2, 32, 32)).astype(np.float32),
+                     imagej=True, metadata={"axes": "CYX"})
     for arguments, words in [
             ([source, out, "--sigma", "1"], "in.npy holds NaN or infinite samples (the first at"),
             ([source, out], "in.npy holds NaN"),  # the estimator's name was all it said
@@ -294,6 +297,9 @@ def test_user_errors_are_one_line(tmp_path, capsys):
             ([empty, out], "empty.npy"),
             ([flat, out, "--gain", "2"], "--gain is a parameter of --noise poisson-gaussian"),
             ([flat, out, "--sigma", "1", "--shared-groups", "1"], "has none"),  # was ignored
+            # refused after the estimates; and --psd auto said the file had no channels
+            ([channels, out, "--shared-groups", "5"], "c.tif has 2 channels, numbered from 0"),
+            ([channels, out, "--shared-groups", "mean", "--psd", "auto"], "a PSD per channel"),
             ([flat, out, "--noise", "poisson-gaussian", "--coils", "2"], "--coils"),
             ([flat, out], "estimated as 0"),
             ([tmp_path / "missing.npy", out], "missing.npy")]:
