@@ -834,6 +834,25 @@ def _check_floor(y, gain, sigma, offset):
                       stacklevel=3)
 
 
+# Stabilised data spanning less than this (between the 0.1th and 99.9th
+# percentiles) lie within the noise: real counts of a tenth of a photon
+# already span more than 1.
+_SPAN_LEAST = 1.0
+
+
+def _check_span(y, gain, sigma):
+    """Warns (NoiseLevelWarning) when the stabilised photon data lie within
+    one noise std: a gain or sigma far too large for the data's units (1e6 for
+    a gain of 2 gave a flat result) leaves nothing to tell from the noise."""
+    sample = y.reshape(-1)[:: max(1, y.size // 10 ** 6)]
+    span = float(np.diff(np.percentile(sample, [0.1, 99.9]))[0]) if sample.size else 0.0
+    if span < _SPAN_LEAST:
+        warnings.warn(f"the data span only {span:.3g} once stabilised with gain {gain:.4g} and "
+                      f"sigma {sigma:.4g} (its noise std is 1 there): the result would be flat; "
+                      f"check that gain and sigma are in the data's units, or leave them out to "
+                      f"estimate them", NoiseLevelWarning, stacklevel=3)
+
+
 _ALLOWED = {"gaussian": {"sigma"},
             "poisson-gaussian": {"gain", "sigma", "offset"},
             "rician": {"sigma", "coils", "mask"}}
@@ -886,6 +905,7 @@ def stabilise(z, model="gaussian", **params):
                                              params.get("offset") or 0.0)
         y = _slabwise(lambda part: anscombe(part, gain, sigma, offset), _real(z, "anscombe", False))
         _check_floor(y, gain, sigma, offset)
+        _check_span(y, gain, sigma)
         return y, Inverse(
             model, {"gain": gain, "sigma": sigma, "offset": offset},
             lambda d, clip: inverse_anscombe(d, gain, sigma, offset, clip))

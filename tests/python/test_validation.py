@@ -277,7 +277,10 @@ def test_noise_level_far_from_the_datas_warns(monkeypatch, capsys, tmp_path):
              r"\(channel 1\)"),
             (magnitude, dict(noise="rician", sigma=1.0), "rician with sigma given"),
             (counts - 150, dict(noise="poisson-gaussian", gain=2.0, sigma=2.0, offset=0.0),
-             "100 % of the data lie at or below")):
+             "100 % of the data lie at or below"),
+            # a gain or sigma far beyond the data's units: flat, in silence before
+            (counts, dict(noise="poisson-gaussian", gain=1e6), r"span only \d.*e-05"),
+            (counts, dict(noise="poisson-gaussian", gain=2.0, sigma=1e6), "span only 0 ")):
         with pytest.warns(korvo.NoiseLevelWarning, match=text):
             korvo.korvo(data, **options)
     # The command line prints it on one line, -q or not.
