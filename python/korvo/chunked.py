@@ -275,12 +275,13 @@ def _flat_counts(z, psd):
 def _surround(z, region, reach):
     """The region with ``reach`` samples around it on each axis, wrapped
     around at the array's ends as its prewhitening wraps the whole array."""
-    part = z[tuple(slice(max(0, r.start - k), min(n, r.stop + k))
-                   for r, k, n in zip(region, reach, z.shape))]
-    for axis, (r, k, n) in enumerate(zip(region, reach, z.shape)):
-        if r.start < k or r.stop + k > n:
-            index = np.arange(r.start - k, r.stop + k) % n - max(0, r.start - k)
-            part = part[(slice(None),) * axis + (index,)]
+    index = [slice(r.start - k, r.stop + k) if k <= r.start and r.stop + k <= n
+             else np.arange(r.start - k, r.stop + k) % n
+             for r, k, n in zip(region, reach, z.shape)]
+    part = z[tuple(i if isinstance(i, slice) else slice(None) for i in index)]
+    for axis, i in enumerate(index):
+        if not isinstance(i, slice):
+            part = part[(slice(None),) * axis + (i,)]
     return part
 
 

@@ -29,6 +29,7 @@ CASES = [
     # Flat data are matched on a prewhitened copy, which each region takes
     # from the data around it as the whole array's copy has it.
     ((30, 37, 41), (11, 16, 20), "both", dict(psd=PSD), {}, 0),
+    ((90, 101), (32, 40), "both", dict(psd=korvo.psd_from_kernel(KERNEL[1], (32, 32), 0.1)), {}, 0),
     ((90, 101), (32, 40), "both", dict(sigma=0.1), {}, 0),
     ((90, 101), (90, 17), "ht", dict(sigma=0.1), {}, 0),
 ]
