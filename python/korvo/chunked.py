@@ -258,12 +258,12 @@ def _flat_counts(z, psd):
     import dask
 
     block = [min(_FLAT_BLOCK, n) for n in z.shape]
+    starts = [np.cumsum((0,) + c) for c in z.chunks]
     counts = []
     for index in np.ndindex(*z.numblocks):
         box = []
         for axis, i in enumerate(index):
-            c0 = sum(z.chunks[axis][:i])
-            c1, b = c0 + z.chunks[axis][i], block[axis]
+            c0, c1, b = int(starts[axis][i]), int(starts[axis][i + 1]), block[axis]
             first = -(-c0 // b) * b
             last = min(-(-c1 // b), z.shape[axis] // b) * b  # complete blocks only
             box.append(slice(first, max(first, last)))
