@@ -125,3 +125,11 @@ def test_distributed_cluster_matches_the_local_run():
             distributed.Client(cluster) as client:
         remote = client.compute(lazy).result(timeout=120)
     np.testing.assert_array_equal(remote, local)
+
+
+def test_flat_blocks_are_counted_on_the_whole_arrays_tiling():
+    # Each chunk counted the blocks of its own tiling: the whole array's
+    # decision to prewhiten moved with the chunking.
+    z = np.random.default_rng(2).normal(0, 0.1, (30, 37, 41)) * np.linspace(1, 3, 41)
+    counts = [c.compute() for c in korvo.chunked._flat_counts(da.from_array(z, (11, 16, 20)), PSD)]
+    assert tuple(map(sum, zip(*counts))) == korvo.noise.flat_block_counts(z, PSD)
