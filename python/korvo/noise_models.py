@@ -918,10 +918,11 @@ def stabilise(z, model="gaussian", **params):
     elif params.get("mask") is not None:
         raise ValueError("a mask is only used to estimate sigma; give one or the other")
     sigma, coils = _positive("sigma", sigma), _coils(coils)
-    y = _slabwise(lambda part: rician_vst(part, sigma, coils), _magnitudes(z, "rician_vst", False))
+    a = _magnitudes(z, "rician_vst", False)
+    y = _slabwise(lambda part: rician_vst(part, sigma, coils), a)
     if params.get("sigma") is not None:
-        background = _background(np.asarray(z, dtype=np.float32), coils, sigma, refine=False)[1]
-        _check_coils(z, coils, background, search=False)
+        background = _background(np.asarray(a, dtype=np.float32), coils, sigma, refine=False)[1]
+        _check_coils(a, coils, background, search=False)
     floor = _FloorShift(background, _rician_table(coils).ef[0])
     return y, Inverse(
         model, {"sigma": sigma, "coils": coils},
