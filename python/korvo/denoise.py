@@ -460,15 +460,20 @@ def _mean_channel(channels, normalize):
     """The channels' mean, each in units of its noise level, as a channel of its
     own: the groups found on it serve every channel."""
     count = len(channels)
-    total = np.zeros(channels[0].z.shape, dtype=np.float32)
-    for channel in channels:
-        total += _to_float32(channel.z, channel.offset, channel.scale)
-    total /= count
+
+    def mean_of(arrays):
+        total = np.zeros(channels[0].z.shape, dtype=np.float32)
+        for channel, a in zip(channels, arrays):
+            total += _to_float32(a, channel.offset, channel.scale)
+        return total / count
+
     # Independent noise: the levels the stages see add in quadrature.
     level = float(np.sqrt(sum(channel.unit ** 2 for channel in channels))) / count
     first = channels[0]
     scaled_psd = None if first.psd is None else first.psd * (level / first.unit) ** 2
-    return _Channel(total, level, scaled_psd, None, normalize)
+    # A Wiener-only call matches on the mean: its pilot is the pilots' mean.
+    pilot = None if first.pilot is None else mean_of(c.pilot for c in channels)
+    return _Channel(mean_of(c.z for c in channels), level, scaled_psd, pilot, normalize)
 
 
 def _stabilised(z, sigma, psd, model, extra, pilot, options):

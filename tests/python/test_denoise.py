@@ -250,6 +250,13 @@ def test_channels_alone_and_with_shared_groups(volume, image, rng):
             np.testing.assert_array_equal(out[0], independent[0])
             # The noisy channel gains from the clean one's groups.
             assert psnr(out[1], clean[1]) > psnr(independent[1], clean[1]) + 0.5
+    # Wiener only: the mean's groups are matched on the mean of the pilots.
+    pilot, store = korvo.korvo(stack, sigmas, channel_axis=0, stages="ht"), korvo.MatchStorage()
+    out = korvo.korvo(stack, sigmas, channel_axis=0, shared_groups="mean", stages="wiener",
+                      pilot=pilot, profile=SERIAL, matches=store)
+    np.testing.assert_array_equal(out[1], korvo.korvo(stack[1], sigmas[1], stages="wiener",
+                                                      pilot=pilot[1], profile=SERIAL,
+                                                      matches=store))
     for bad, error in ((2, ValueError), ("first", ValueError), (1.0, TypeError)):
         with pytest.raises(error, match="shared_groups"):
             korvo.korvo(stack, sigmas, channel_axis=0, shared_groups=bad)
