@@ -464,11 +464,13 @@ def _mean_channel(channels, normalize):
     def mean_of(arrays):
         total = np.zeros(channels[0].z.shape, dtype=np.float32)
         for channel, a in zip(channels, arrays):
-            total += _to_float32(a, channel.offset, channel.scale)
+            # Unnormalised channels keep their units: divided here, so that
+            # one in larger units does not outweigh the others.
+            total += _to_float32(a, channel.offset, channel.scale if normalize else channel.unit)
         return total / count
 
-    # Independent noise: the levels the stages see add in quadrature.
-    level = float(np.sqrt(sum(channel.unit ** 2 for channel in channels))) / count
+    # Independent noise of unit level in every channel.
+    level = float(np.sqrt(count)) / count
     first = channels[0]
     scaled_psd = None if first.psd is None else first.psd * (level / first.unit) ** 2
     # A Wiener-only call matches on the mean: its pilot is the pilots' mean.

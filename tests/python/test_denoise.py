@@ -250,6 +250,11 @@ def test_channels_alone_and_with_shared_groups(volume, image, rng):
             np.testing.assert_array_equal(out[0], independent[0])
             # The noisy channel gains from the clean one's groups.
             assert psnr(out[1], clean[1]) > psnr(independent[1], clean[1]) + 0.5
+    # Unnormalised too, each channel enters the mean in units of its noise level.
+    plain, louder = (korvo.korvo(stack * [[[[1]]], [[[a]]]], [sigmas[0], a * sigmas[1]],
+                                 channel_axis=0, shared_groups="mean", normalize=False,
+                                 profile=SERIAL) for a in (1, 8))
+    np.testing.assert_array_equal(louder[0], plain[0])
     # Wiener only: the mean's groups are matched on the mean of the pilots.
     pilot, store = korvo.korvo(stack, sigmas, channel_axis=0, stages="ht"), korvo.MatchStorage()
     out = korvo.korvo(stack, sigmas, channel_axis=0, shared_groups="mean", stages="wiener",
