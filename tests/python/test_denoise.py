@@ -142,6 +142,12 @@ def test_noise_level_estimates_and_sigma_map(volume, image, rng):
             assert korvo.estimate_sigma(noisy) == pytest.approx(sigma, rel=rel)
     with pytest.raises(ValueError):
         korvo.estimate_sigma(np.zeros(10))
+    # A volume of one slice is the image korvo takes it for (it was refused).
+    assert korvo.estimate_sigma(noisy[None]) == korvo.estimate_sigma(noisy)
+    np.testing.assert_array_equal(korvo.estimate_sigma_map(noisy[None]),
+                                  korvo.estimate_sigma_map(noisy)[None])
+    magnitude = np.abs(noisy[None])
+    assert korvo.korvo(magnitude, noise="rician", profile=fast()).shape == magnitude.shape
     # A masked MRI: noise inside, exact zeros over 60 % of the volume. The
     # zeros gave sigma 0 (and a map of zeros that korvo refuses).
     masked = np.zeros((20, 40, 40))
