@@ -369,7 +369,7 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
         profile = KORVOProfile()
     elif not isinstance(profile, KORVOProfile):
         raise TypeError("profile must be a KORVOProfile")
-    if stages not in _STAGES:
+    if not isinstance(stages, str) or stages not in _STAGES:
         raise ValueError(f"stages must be one of {sorted(_STAGES)}, got {stages!r}")
     if stages == "wiener" and pilot is None:
         raise ValueError("stages='wiener' needs a pilot estimate (pilot=...)")
