@@ -264,6 +264,10 @@ def test_noise_models_through_korvo(fast_profile):
     (lambda z: nm.estimate_rician_sigma(z - 10.0), ValueError),  # gave a sigma
     (lambda z: nm.stabilise(z.astype(complex), "rician", sigma=1.0), TypeError),
     (lambda z: nm.stabilise(z, "gaussian", sigma="big"), TypeError),
+    # A flag or text where a number belongs was read as one (True as 1).
+    (lambda z: nm.stabilise(z, "rician", sigma=True), TypeError),
+    (lambda z: nm.stabilise(z, "poisson-gaussian", gain="2"), TypeError),
+    (lambda z: nm.stabilise(z, "poisson-gaussian", gain=2.0, offset=True), TypeError),
     (lambda z: nm.estimate_rician_sigma(z, mask=np.ones(3, bool)), ValueError),
     (lambda z: nm.estimate_poisson_gaussian(np.random.default_rng(0).normal(0, 1, (32, 32, 32))
                                             + np.linspace(0, 50, 32)), ValueError),
