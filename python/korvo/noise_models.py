@@ -233,6 +233,9 @@ def estimate_poisson_gaussian(z):
                              "noise; give gain, sigma and offset")
     if len(regular[0]) < 3:
         regular, aside = tuple(np.concatenate(pair) for pair in zip(regular, aside)), ()
+    if len(regular[0]) < 3:  # no line to fit (data without noise, such as repeated slices)
+        raise ValueError("estimate_poisson_gaussian: too few parts of the data show noise to "
+                         "fit its level against the signal; give gain, sigma and offset")
     gain, b, error, covariance = _robust_fit(fit, *regular)
     if len(aside) and len(aside[0]):
         levels, variances, counts = aside
