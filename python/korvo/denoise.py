@@ -369,7 +369,7 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
         profile = KORVOProfile()
     elif not isinstance(profile, KORVOProfile):
         raise TypeError("profile must be a KORVOProfile")
-    if stages not in _STAGES:
+    if not isinstance(stages, str) or stages not in _STAGES:
         raise ValueError(f"stages must be one of {sorted(_STAGES)}, got {stages!r}")
     if stages == "wiener" and pilot is None:
         raise ValueError("stages='wiener' needs a pilot estimate (pilot=...)")
@@ -460,15 +460,22 @@ def _mean_channel(channels, normalize):
     """The channels' mean, each in units of its noise level, as a channel of its
     own: the groups found on it serve every channel."""
     count = len(channels)
-    total = np.zeros(channels[0].z.shape, dtype=np.float32)
-    for channel in channels:
-        total += _to_float32(channel.z, channel.offset, channel.scale)
-    total /= count
-    # Independent noise: the levels the stages see add in quadrature.
-    level = float(np.sqrt(sum(channel.unit ** 2 for channel in channels))) / count
+
+    def mean_of(arrays):
+        total = np.zeros(channels[0].z.shape, dtype=np.float32)
+        for channel, a in zip(channels, arrays):
+            # Unnormalised channels keep their units: divided here, so that
+            # one in larger units does not outweigh the others.
+            total += _to_float32(a, channel.offset, channel.scale if normalize else channel.unit)
+        return total / count
+
+    # Independent noise of unit level in every channel.
+    level = float(np.sqrt(count)) / count
     first = channels[0]
     scaled_psd = None if first.psd is None else first.psd * (level / first.unit) ** 2
-    return _Channel(total, level, scaled_psd, None, normalize)
+    # A Wiener-only call matches on the mean: its pilot is the pilots' mean.
+    pilot = None if first.pilot is None else mean_of(c.pilot for c in channels)
+    return _Channel(mean_of(c.z for c in channels), level, scaled_psd, pilot, normalize)
 
 
 def _stabilised(z, sigma, psd, model, extra, pilot, options):

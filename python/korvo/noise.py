@@ -67,6 +67,8 @@ def estimate_sigma_map(z, tile=16):
     ``tile`` is at least 6 for a volume and 8 for an image (smaller tiles
     hold too few detail samples; ValueError).
     """
+    if _plane(np.asarray(z)).ndim < np.ndim(z):
+        return estimate_sigma_map(_plane(np.asarray(z)), tile).reshape(np.shape(z))
     detail, flat = _haar_detail(z, "estimate_sigma_map", flat=True)
     detail = np.where(flat, np.nan, np.abs(detail))
     overall = _robust_sigma(detail[~flat])
@@ -121,12 +123,19 @@ def _slabwise(function, a, *alongside, out=None):
     return out
 
 
+def _plane(a):
+    """A volume of one slice (or one row) as the image it is, as korvo takes it."""
+    if a.ndim == 3 and a.shape.count(1) == 1:
+        return a.reshape([n for n in a.shape if n > 1])
+    return a
+
+
 def _haar_detail(z, who, flat=False, means=False, touching=()):
-    """Finest diagonal Haar detail of a 2-D or 3-D array (variance-preserving);
-    with ``flat``, also which cells are constant, with ``means`` also the
-    cells' means, with ``touching`` (values) also which cells hold any of
-    them (in that order)."""
-    a = np.asarray(z)
+    """Finest diagonal Haar detail of a 2-D or 3-D array (variance-preserving),
+    of the image for a volume of one slice; with ``flat``, also which cells
+    are constant, with ``means`` also the cells' means, with ``touching``
+    (values) also which cells hold any of them (in that order)."""
+    a = _plane(np.asarray(z))
     if a.dtype.kind not in "biuf":
         raise TypeError(f"{who} needs a real array, got dtype {a.dtype}")
     if a.ndim not in (2, 3):

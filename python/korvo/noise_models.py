@@ -51,11 +51,18 @@ MODELS = tuple(MODEL_PARAMETERS)
 
 # --------------------------------------------------------------------------- checks
 
-def _positive(name, value, allow_zero=False):
+def _float(name, value):
+    # float() would take "2" or True: a flag or text where a number belongs.
+    if isinstance(value, (str, bytes, bool, np.bool_)):
+        raise TypeError(f"{name} must be a number, got {value!r}")
     try:
-        v = float(value)
+        return float(value)
     except (TypeError, ValueError):
         raise TypeError(f"{name} must be a number, got {value!r}") from None
+
+
+def _positive(name, value, allow_zero=False):
+    v = _float(name, value)
     if not math.isfinite(v) or v < 0 or (v == 0 and not allow_zero):
         bound = ">= 0" if allow_zero else "> 0"
         raise ValueError(f"{name} must be finite and {bound}, got {value!r}")
@@ -163,10 +170,7 @@ def inverse_anscombe_algebraic(d, gain=1.0, sigma=0.0, offset=0.0):
 def _pg_params(gain, sigma, offset):
     gain = _positive("gain", gain)
     sigma = _positive("sigma", sigma, allow_zero=True)
-    try:
-        offset = float(offset)
-    except (TypeError, ValueError):
-        raise TypeError(f"offset must be a number, got {offset!r}") from None
+    offset = _float("offset", offset)
     if not math.isfinite(offset):
         raise ValueError(f"offset must be finite, got {offset!r}")
     return gain, sigma, offset
@@ -229,6 +233,9 @@ def estimate_poisson_gaussian(z):
                              "noise; give gain, sigma and offset")
     if len(regular[0]) < 3:
         regular, aside = tuple(np.concatenate(pair) for pair in zip(regular, aside)), ()
+    if len(regular[0]) < 3:  # no line to fit (data without noise, such as repeated slices)
+        raise ValueError("estimate_poisson_gaussian: too few parts of the data show noise to "
+                         "fit its level against the signal; give gain, sigma and offset")
     gain, b, error, covariance = _robust_fit(fit, *regular)
     if len(aside) and len(aside[0]):
         levels, variances, counts = aside

@@ -31,6 +31,7 @@ blocks, which the lag domain resamples to the grid without interpolation.
 from __future__ import annotations
 
 import math
+import numbers
 from statistics import NormalDist
 
 import numpy as np
@@ -208,7 +209,14 @@ def _check_shape(shape, data):
 
         x, y, z = default_parameters(0, shape_xyz(data.shape), 1.0).psd_work_size
         return (y, x) if z == 1 else (z, y, x)
-    grid = tuple(int(n) for n in shape)
+    try:
+        grid = tuple(shape)
+    except TypeError:
+        grid = None
+    if grid is None or any(isinstance(n, bool) or not isinstance(n, numbers.Integral)
+                           for n in grid):
+        raise TypeError(f"the PSD shape must be a tuple of 2 or 3 integers, got {shape!r}")
+    grid = tuple(int(n) for n in grid)
     if len(grid) not in (2, 3) or len(grid) > data.ndim:
         raise ValueError(f"the PSD shape {grid} must be 2-D, or 3-D for a volume")
     if any(n < 1 for n in grid):

@@ -142,6 +142,12 @@ def test_noise_level_estimates_and_sigma_map(volume, image, rng):
             assert korvo.estimate_sigma(noisy) == pytest.approx(sigma, rel=rel)
     with pytest.raises(ValueError):
         korvo.estimate_sigma(np.zeros(10))
+    # A volume of one slice is the image korvo takes it for (it was refused).
+    assert korvo.estimate_sigma(noisy[None]) == korvo.estimate_sigma(noisy)
+    np.testing.assert_array_equal(korvo.estimate_sigma_map(noisy[None]),
+                                  korvo.estimate_sigma_map(noisy)[None])
+    magnitude = np.abs(noisy[None])
+    assert korvo.korvo(magnitude, noise="rician", profile=fast()).shape == magnitude.shape
     # A masked MRI: noise inside, exact zeros over 60 % of the volume. The
     # zeros gave sigma 0 (and a map of zeros that korvo refuses).
     masked = np.zeros((20, 40, 40))
@@ -250,6 +256,18 @@ def test_channels_alone_and_with_shared_groups(volume, image, rng):
             np.testing.assert_array_equal(out[0], independent[0])
             # The noisy channel gains from the clean one's groups.
             assert psnr(out[1], clean[1]) > psnr(independent[1], clean[1]) + 0.5
+    # Unnormalised too, each channel enters the mean in units of its noise level.
+    plain, louder = (korvo.korvo(stack * [[[[1]]], [[[a]]]], [sigmas[0], a * sigmas[1]],
+                                 channel_axis=0, shared_groups="mean", normalize=False,
+                                 profile=SERIAL) for a in (1, 8))
+    np.testing.assert_array_equal(louder[0], plain[0])
+    # Wiener only: the mean's groups are matched on the mean of the pilots.
+    pilot, store = korvo.korvo(stack, sigmas, channel_axis=0, stages="ht"), korvo.MatchStorage()
+    out = korvo.korvo(stack, sigmas, channel_axis=0, shared_groups="mean", stages="wiener",
+                      pilot=pilot, profile=SERIAL, matches=store)
+    np.testing.assert_array_equal(out[1], korvo.korvo(stack[1], sigmas[1], stages="wiener",
+                                                      pilot=pilot[1], profile=SERIAL,
+                                                      matches=store))
     for bad, error in ((2, ValueError), ("first", ValueError), (1.0, TypeError)):
         with pytest.raises(error, match="shared_groups"):
             korvo.korvo(stack, sigmas, channel_axis=0, shared_groups=bad)

@@ -149,8 +149,10 @@ def test_poisson_gaussian_estimate_beside_zero_filled_and_saturated_parts():
     for part, rel in ((np.where(radius < 24, z, 0), 0.3),
                       (np.minimum(z, np.percentile(z, 95)), 0.15)):
         assert nm.estimate_poisson_gaussian(part)[0] == pytest.approx(2.0, rel=rel)
+    # Repeated slices show no noise across them: numpy's empty-reduction error.
     for clipped, words in ((np.minimum(z, np.percentile(z, 85)), "ceiling"),
-                           (np.where(radius < 10, z, 0), "too narrow a range")):
+                           (np.where(radius < 10, z, 0), "too narrow a range"),
+                           (np.repeat(z[:1], 4, axis=0), "too few parts")):
         with pytest.raises(ValueError, match=words):
             nm.estimate_poisson_gaussian(clipped)
 
@@ -264,6 +266,10 @@ def test_noise_models_through_korvo(fast_profile):
     (lambda z: nm.estimate_rician_sigma(z - 10.0), ValueError),  # gave a sigma
     (lambda z: nm.stabilise(z.astype(complex), "rician", sigma=1.0), TypeError),
     (lambda z: nm.stabilise(z, "gaussian", sigma="big"), TypeError),
+    # A flag or text where a number belongs was read as one (True as 1).
+    (lambda z: nm.stabilise(z, "rician", sigma=True), TypeError),
+    (lambda z: nm.stabilise(z, "poisson-gaussian", gain="2"), TypeError),
+    (lambda z: nm.stabilise(z, "poisson-gaussian", gain=2.0, offset=True), TypeError),
     (lambda z: nm.estimate_rician_sigma(z, mask=np.ones(3, bool)), ValueError),
     (lambda z: nm.estimate_poisson_gaussian(np.random.default_rng(0).normal(0, 1, (32, 32, 32))
                                             + np.linspace(0, 50, 32)), ValueError),

@@ -161,6 +161,7 @@ NOISE = np.random.default_rng(0).standard_normal((20, 20, 20))
     ((np.ones((20, 20, 20), dtype=complex),), {}, TypeError, "real"),
     ((np.ones(50),), {}, ValueError, "2-D or 3-D"),
     ((np.ones((20, 20)), (8, 8, 8)), {}, ValueError, "shape"),
+    *[((NOISE, shape), {}, TypeError, "PSD shape") for shape in (16, (8.5, 8, 8))],
     *[((data,), {}, ValueError, "at least 4")  # the last two gave a PSD
       for data in (np.ones((20, 20, 3)), NOISE[:3, :3, :3], np.full((1, 1), 0.5))],
     ((NOISE * 1e30,), {}, ValueError, "single precision"),  # gave infinities

@@ -97,7 +97,7 @@ REFUSED = [  # (arguments of korvo.korvo), exception, pattern of the message
     # other arguments
     (call(GOOD, 1.0, profile={"hard_threshold": 2.0}), TypeError, "KORVOProfile"),
     (call(GOOD, 1.0, korvo.KORVOProfile()), TypeError, "positional"),
-    (call(GOOD, 1.0, stages="all"), ValueError, "stages"),
+    *each(ValueError, "stages", call(GOOD, 1.0, stages="all"), call(GOOD, 1.0, stages=["ht"])),
     (call(GOOD, 1.0, stages="wiener"), ValueError, "pilot"),
     (call(GOOD, 1.0, stages="wiener", pilot=np.zeros((8, 16, 15))), ValueError, "pilot shape"),
     (call(GOOD, 1.0, stages="wiener", pilot=with_value(0, np.nan)), ValueError, "NaN"),
@@ -187,6 +187,17 @@ def test_profile_defaults_are_the_library_defaults(shape):
     p = korvo.KORVOProfile()
     p.ht.step = 2  # an integer applies to every axis
     assert p.ht.step == (2, 2, 2) and p.resolve((20, 30, 40))["ht"].step == (2, 2, 2)
+    # resolve() checks what it is given as a call would, naming the argument.
+    for given, error, text in (
+            (dict(shape=40), TypeError, "shape"), (dict(shape=(30.5, 40)), TypeError, "shape"),
+            (dict(psd=np.ones(16)), ValueError, "2-D or 3-D"),
+            (dict(psd=-np.ones((4, 4))), ValueError, "negative"),
+            (dict(psd=np.zeros((4, 4))), ValueError, "zero everywhere"),
+            (dict(psd=np.ones((4, 4, 4))), ValueError, "image takes a 2-D PSD"),
+            (dict(z=np.zeros((10, 10))), ValueError, "z has shape"),
+            (dict(channels=0), ValueError, "channels")):
+        with pytest.raises(error, match=text):
+            p.resolve(**{"shape": (30, 40), **given})
 
 
 def test_groups_of_one_block_run_and_edited_match_storage_is_refused():
