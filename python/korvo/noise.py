@@ -12,9 +12,9 @@ import math
 
 import numpy as np
 
-__all__ = ["estimate_sigma", "estimate_sigma_map", "white_psd", "psd_from_kernel", "psd_sigma", "coloured_noise",
-           "psd_concentration", "whitening_kernel", "whitening_reach", "prewhiten", "noise_dominated_fraction",
-           "flat_block_counts"]
+__all__ = ["estimate_sigma", "estimate_sigma_map", "white_psd", "psd_from_kernel", "psd_sigma",
+           "coloured_noise", "psd_concentration", "whitening_kernel", "whitening_reach", "prewhiten",
+           "noise_dominated_fraction", "flat_block_counts"]
 
 class NonFiniteError(ValueError):
     """Data holding NaN or infinite samples: raised wherever they are found, so
@@ -399,7 +399,9 @@ def _filtered(a, kernel, shape):
     index = [np.arange(-(k // 2), k // 2 + 1) % n for k, n in zip(kernel.shape, shape)]
     np.add.at(placed, np.ix_(*index), kernel)  # lags beyond a short axis fold onto it
     axes = tuple(range(len(shape)))
-    data = np.fft.rfftn(np.asarray(a, np.float64), shape, axes)  # float32 would transform in float32
+    # In float64: numpy transforms float32 in float32, whose rounding a part
+    # and the whole array would not share.
+    data = np.fft.rfftn(np.asarray(a, np.float64), shape, axes)
     return np.fft.irfftn(data * np.fft.rfftn(placed), shape, axes)
 
 
