@@ -680,28 +680,33 @@ def _check_coils(a, coils, background, search=True):
     against 26.6). Where the count given finds no background that reads as
     its own, the others of _COILS_TRIED are searched (``search``), each a
     fit of sigma on at most _COILS_SAMPLES voxels."""
-    read = None if background is None else _coils_read(a, background)
+    read = None if background is None else _coils_read(a, background, coils, search)
     if read == coils:
         return
     if read is not None:
         _warn_coils(f"the data's background reads as {read}-coil noise, not {coils}-coil", read)
         return
-    if not search:
+    # A masked (zero-filled) background leaves no noise to read: even tissue
+    # passes for noise of more coils there.
+    if not search or _zero_cells(a) >= _BG_MIN_FRACTION:
         return
     step = max(1, math.ceil((a.size / _COILS_SAMPLES) ** (1 / a.ndim)))
     part = a[(slice(None, None, step),) * a.ndim]
     for other in _COILS_TRIED:
         if other != coils:
             found = _rician_sigma_and_background(part, other, None, check=False)[1]
-            if found is not None and _coils_read(part, found) == other:
+            if found is not None and _coils_read(part, found, other) == other:
                 _warn_coils(f"no background of {coils}-coil noise was found, but one of "
                             f"{other}-coil noise was", other)
                 return
 
 
-def _coils_read(a, background):
+def _coils_read(a, background, coils, darkest=True):
     """The coil count whose moment ratio the background's matches, within
-    its standard error (None: none does, as for a zero-filled background)."""
+    its standard error: ``coils`` where that one does, else the nearest (None:
+    none does, as for a zero-filled background). With ``darkest``, a
+    background with a sizeable region of darker noise beside it reads None:
+    it is tissue of even signal, which passes for noise of more coils."""
     x = a[background].astype(np.float64)[:: max(1, int(np.count_nonzero(background)) // 10 ** 6)]
     m1, m2 = float(x.mean()), float(np.mean(x * x))
     if not m2 > 0:
@@ -711,10 +716,33 @@ def _coils_read(a, background):
     g1, g2 = 2 * m1 / m2, -m1 * m1 / (m2 * m2)
     spread = float(np.std(g1 * x + g2 * x * x)) / math.sqrt(x.size)
     tolerance = _COILS_ERRORS * spread + _COILS_MARGIN
-    for coils in range(1, 17):
-        if abs(ratio - _chi_ratio(coils)) <= tolerance:
-            return coils
-    return None
+    fits = [c for c in range(1, 17) if abs(ratio - _chi_ratio(c)) <= tolerance]
+    if not fits or darkest and _darker_beside(a, background, m1, float(np.std(x))):
+        return None
+    return coils if coils in fits else min(fits, key=lambda c: abs(ratio - _chi_ratio(c)))
+
+
+def _zero_cells(a):
+    """The fraction of the data's cells of 2 samples per axis that are all zero."""
+    zero = a[tuple(slice(0, n - n % 2) for n in a.shape)] == 0
+    cells = zero.reshape(sum(((n // 2, 2) for n in zero.shape), ()))
+    return float(np.mean(cells.all(axis=tuple(range(1, 2 * a.ndim, 2))))) if cells.size else 0.0
+
+
+# Windows darker than a background by this many standard errors of their
+# mean, over this fraction of its size, make it no background.
+_DARKER_ERRORS, _DARKER_FRACTION = 4.0, 0.1
+
+
+def _darker_beside(a, background, mean, std):
+    """Whether windows far darker than the background's mean, touching no
+    zero (masked, zero-filled), cover a sizeable part of the data."""
+    level = mean - _DARKER_ERRORS * std / math.sqrt(_BG_WIDTH ** a.ndim)
+    darker = _box(np.asarray(a, dtype=np.float32), _BG_WIDTH) < level
+    darker &= _box((a == 0).astype(np.float32), _BG_WIDTH) == 0
+    edge = _BG_WIDTH // 2
+    inner = darker[tuple(slice(edge, n - edge) for n in a.shape)]
+    return np.count_nonzero(inner) > _DARKER_FRACTION * np.count_nonzero(background)
 
 
 @functools.lru_cache(maxsize=None)

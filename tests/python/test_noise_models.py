@@ -180,6 +180,21 @@ def test_rician_sigma_estimate(coils, background):
                 nm.estimate_rician_sigma(z, 5 - coils, **given)
 
 
+def test_coil_check_quiet_on_the_right_count():
+    # 8 coils read as 7, the first count within the ratio's error; and even
+    # tissue beside a background too thin to find passed for 4-coil noise.
+    rng = np.random.default_rng(3)
+    wide = _smooth_field((160, 160), rng, 0.5, 10.0)
+    wide[:, :48] = 0.0
+    thin = np.pad(0.3 + korvo.phantom((122, 122)), 3) * 10.0
+    with warnings.catch_warnings():
+        warnings.simplefilter("error", korvo.NoiseLevelWarning)
+        for x, coils in ((wide, 8), (thin, 2)):
+            z = _magnitude(rng, x, coils, 1.0, x.shape)
+            assert nm.estimate_rician_sigma(z, coils) == pytest.approx(1.0, rel=0.05)
+            nm.stabilise(z, "rician", sigma=1.0, coils=coils)
+
+
 def test_background_erosion_against_every_window():
     # Regression: the erosion was a float32 box mean tested for 1.0, whose
     # running sums rounded 11 % of all-background windows below it.
