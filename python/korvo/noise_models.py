@@ -28,12 +28,11 @@ from __future__ import annotations
 import functools
 import logging
 import math
-import warnings
 
 import numpy as np
 
 from .noise import NonFiniteError, _haar_detail, _slabwise, estimate_sigma
-from .validation import NoiseLevelWarning
+from .validation import NoiseLevelWarning, warn_caller
 
 # Parameters estimated for a call are reported here (INFO); the command line
 # prints them.
@@ -751,9 +750,9 @@ def _chi_ratio(coils):
 
 
 def _warn_coils(finding, read):
-    warnings.warn(f"{finding}: a wrong coil count biases the whole result; pass coils={read} "
-                  f"(--coils {read}) if the data combine {read} coils by root sum of squares",
-                  NoiseLevelWarning, stacklevel=5)
+    warn_caller(f"{finding}: a wrong coil count biases the whole result; pass coils={read} "
+                f"(--coils {read}) if the data combine {read} coils by root sum of squares",
+                NoiseLevelWarning)
 
 
 # Background search: windows of _BG_WIDTH^ndim voxels whose mean magnitude
@@ -861,12 +860,11 @@ def _check_floor(y, gain, sigma, offset):
     share = np.count_nonzero(y == 0) / max(y.size, 1)
     if share > _FLOOR_FRACTION:
         zero = -_anscombe_root(0.0, gain, sigma, offset) / gain
-        warnings.warn(f"{100 * share:.0f} % of the data lie at or below the photon model's zero "
-                      f"(samples <= {zero:.4g} with gain "
-                      f"{gain:.4g}, sigma {sigma:.4g}, offset {offset:.4g}), where every sample "
-                      f"stabilises to 0 and the result is flat: check the offset (dark level), "
-                      f"or leave the parameters out to estimate them", NoiseLevelWarning,
-                      stacklevel=3)
+        warn_caller(f"{100 * share:.0f} % of the data lie at or below the photon model's zero "
+                    f"(samples <= {zero:.4g} with gain "
+                    f"{gain:.4g}, sigma {sigma:.4g}, offset {offset:.4g}), where every sample "
+                    f"stabilises to 0 and the result is flat: check the offset (dark level), "
+                    f"or leave the parameters out to estimate them", NoiseLevelWarning)
 
 
 # Stabilised data spanning less than this (between the 0.1th and 99.9th
@@ -882,10 +880,10 @@ def _check_span(y, gain, sigma):
     sample = y.reshape(-1)[:: max(1, y.size // 10 ** 6)]
     span = float(np.diff(np.percentile(sample, [0.1, 99.9]))[0]) if sample.size else 0.0
     if span < _SPAN_LEAST:
-        warnings.warn(f"the data span only {span:.3g} once stabilised with gain {gain:.4g} and "
-                      f"sigma {sigma:.4g} (its noise std is 1 there): the result would be flat; "
-                      f"check that gain and sigma are in the data's units, or leave them out to "
-                      f"estimate them", NoiseLevelWarning, stacklevel=3)
+        warn_caller(f"the data span only {span:.3g} once stabilised with gain {gain:.4g} and "
+                    f"sigma {sigma:.4g} (its noise std is 1 there): the result would be flat; "
+                    f"check that gain and sigma are in the data's units, or leave them out to "
+                    f"estimate them", NoiseLevelWarning)
 
 
 _ALLOWED = {"gaussian": {"sigma"},

@@ -7,6 +7,8 @@ from __future__ import annotations
 
 import math
 import numbers
+import os
+import sys
 import warnings
 
 import numpy as np
@@ -15,6 +17,18 @@ from .noise import NonFiniteError, estimate_sigma, psd_sigma, spread_rows
 
 __all__ = ["check_data", "check_noise", "check_channels", "check_shared_groups", "check_range",
            "check_noise_level", "ChannelSplit", "NoiseLevelWarning"]
+
+_PACKAGE = os.path.dirname(os.path.abspath(__file__)) + os.sep
+
+
+def warn_caller(message, category):
+    """warnings.warn pointed at the first caller outside korvo: the same check
+    is reached from a user's line at several depths (korvo.korvo, stabilise)."""
+    frame, level = sys._getframe(1), 1
+    while frame is not None and os.path.abspath(frame.f_code.co_filename).startswith(_PACKAGE):
+        frame, level = frame.f_back, level + 1
+    warnings.warn(message, category, stacklevel=level + 1)
+
 
 # Largest sample magnitude the stages see, in units of the noise level. Group
 # coefficients reach 64 times a sample and are squared, block distances sum 64

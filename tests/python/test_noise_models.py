@@ -176,8 +176,9 @@ def test_rician_sigma_estimate(coils, background):
         # A wrong count (the default 1 on 4-coil data, say) ruins the result,
         # in silence before: the background's moments name the right one.
         for given in ({}, dict(mask=x == 0)):
-            with pytest.warns(korvo.NoiseLevelWarning, match=f"coils={coils} "):
+            with pytest.warns(korvo.NoiseLevelWarning, match=f"coils={coils} ") as caught:
                 nm.estimate_rician_sigma(z, 5 - coils, **given)
+            assert caught[0].filename == __file__
 
 
 def test_coil_check_quiet_on_the_right_count():

@@ -292,8 +292,13 @@ def test_noise_level_far_from_the_datas_warns(monkeypatch, capsys, tmp_path):
             # a gain or sigma far beyond the data's units: flat, in silence before
             (counts, dict(noise="poisson-gaussian", gain=1e6), r"span only \d.*e-05"),
             (counts, dict(noise="poisson-gaussian", gain=2.0, sigma=1e6), "span only 0 ")):
-        with pytest.warns(korvo.NoiseLevelWarning, match=text):
+        with pytest.warns(korvo.NoiseLevelWarning, match=text) as caught:
             korvo.korvo(data, **options)
+        # At the caller's line (the photon checks named korvo's own).
+        assert {w.filename for w in caught} == {__file__}, text
+    with pytest.warns(korvo.NoiseLevelWarning, match="span only") as caught:
+        korvo.noise_models.stabilise(counts, "poisson-gaussian", gain=1e6)
+    assert caught[0].filename == __file__
     # The command line prints it on one line, -q or not.
     np.save(tmp_path / "z.npy", z)
     from korvo import cli
