@@ -378,15 +378,21 @@ def prewhiten(z, psd, surround=False):
     if not surround and z.size <= _WHITENING_WHOLE:
         out = _filtered(z, kernel, z.shape).astype(np.float32)
     else:
+        core = [max(_WHITENING_TILE - 2 * r, r) if r else _WHITENING_TILE for r in reach]
+        # An axis one tile spans is filtered whole and circularly, unpadded: a
+        # thin axis padded by the reach multiplied the work (1x2x2^21: minutes).
+        whole = [not surround and n <= c for n, c in zip(z.shape, core)]
+        reach = [0 if w else r for w, r in zip(whole, reach)]
+        core = [n if w else c for w, n, c in zip(whole, z.shape, core)]
         padded = z if surround else np.pad(z, [(r, r) for r in reach], mode="wrap")
         out = np.empty([n - 2 * r for n, r in zip(padded.shape, reach)], dtype=np.float32)
-        core = [max(_WHITENING_TILE - 2 * r, r) if r else _WHITENING_TILE for r in reach]
         for tile_index in np.ndindex(*[-(-n // c) for n, c in zip(out.shape, core)]):
             start = [i * c for i, c in zip(tile_index, core)]
             stop = [min(s + c, n) for s, c, n in zip(start, core, out.shape)]
             tile = padded[tuple(slice(s, e + 2 * r) for s, e, r in zip(start, stop, reach))]
             # Zero-filled to a fast FFT length: the samples kept never read the fill.
-            filtered = _filtered(tile, kernel, [_fast_length(n) for n in tile.shape])
+            filtered = _filtered(tile, kernel, [n if w else _fast_length(n)
+                                                for n, w in zip(tile.shape, whole)])
             out[tuple(slice(s, e) for s, e in zip(start, stop))] = filtered[
                 tuple(slice(r, n - r) for r, n in zip(reach, tile.shape))]
     return out, psd_sigma(psd) * ratio

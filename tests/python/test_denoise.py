@@ -91,6 +91,17 @@ def test_psd_concentration_prewhitening_and_adaptation(rng):
     white, std = prewhiten(korvo.coloured_noise(stripes, (48, 48, 48), 0.2, rng),
                            korvo.psd_from_kernel(stripes, (16, 16, 16), 0.2))
     assert np.isfinite(std) and np.isfinite(white).all()
+    # Arrays beyond one transform go tile by tile, to the same result; an axis
+    # one tile spans is filtered whole (padded by the reach, 1x2x2^21 took minutes).
+    noise, psd = korvo.coloured_noise(SMOOTH, (3, 12, 400), 0.2, rng), korvo.psd_from_kernel(
+        SMOOTH, (16, 16, 16), 0.2)
+    whole, extents = prewhiten(noise, psd)[0], []
+    with pytest.MonkeyPatch.context() as patch:
+        patch.setattr(korvo.noise, "_WHITENING_WHOLE", 1000)
+        patch.setattr(korvo.noise, "_filtered", lambda a, k, s, f=korvo.noise._filtered:
+                      extents.append(tuple(s[:2])) or f(a, k, s))
+        np.testing.assert_allclose(prewhiten(noise, psd)[0], whole, atol=1e-5)
+    assert set(extents) == {(3, 12)}
     # A flat PSD changes nothing; a coloured one scales the thresholds by its concentration.
     shape, profile = (32, 40, 48), korvo.KORVOProfile()
     plain = profile.resolve(shape)
