@@ -338,7 +338,8 @@ def whitening_kernel(psd, ndim):
     p = _psd_of_rank(psd, ndim)
     fine = tuple(1 if g == 1 else max(g, _WHITENING_GRID) for g in p.shape)
     relative = _psd_on_grid(p, fine)
-    kernel = np.fft.irfftn(1.0 / np.sqrt(np.maximum(relative, WHITENING_FLOOR)), s=fine)
+    kernel = np.fft.irfftn(1.0 / np.sqrt(np.maximum(relative, WHITENING_FLOOR)), s=fine,
+                           axes=tuple(range(len(fine))))  # numpy 2 deprecates s without axes
     index = []
     for axis, g in enumerate(fine):
         lags = np.arange(-min(g // 2, WHITENING_REACH), min(g // 2, WHITENING_REACH) + 1)

@@ -68,6 +68,7 @@ def test_coloured_noise_psd_beats_white_assumption_and_adaptation_beats_both(rng
     assert adapted > max(white, plain) + 0.5, scores
 
 
+@pytest.mark.filterwarnings("error::DeprecationWarning")  # numpy's: an error in a later numpy
 def test_psd_concentration_prewhitening_and_adaptation(rng):
     from korvo.noise import prewhiten, psd_concentration
     # c is the sum of the squared normalised autocorrelation: 1 + 2 (4/6)^2 + 2 (1/6)^2.
