@@ -25,7 +25,7 @@ import numpy as np
 from . import _native
 from .memory import choose_split, needs_copy, stage_budgets
 from .noise import noise_dominated_fraction, psd_concentration, whitening_kernel
-from .validation import MAX_DYNAMIC_RANGE, _check_psd, check_psd_rank
+from .validation import MAX_DYNAMIC_RANGE, _check_psd, check_psd_rank, integer_tuple
 
 __all__ = ["StageProfile", "KORVOProfile", "BLOCK_SIZES", "BUILT_IN_BLOCKS", "FFT_LENGTHS",
            "stage_parameters",
@@ -384,13 +384,7 @@ class KORVOProfile(_Validated):
         (without ``z``, float32 data are assumed). Settings that cannot work
         on this shape raise ValueError.
         """
-        try:
-            shape = tuple(shape)
-        except TypeError:
-            raise TypeError(f"shape must be a tuple of 2 or 3 integers, got {shape!r}") from None
-        if any(isinstance(n, bool) or not isinstance(n, numbers.Integral) for n in shape):
-            raise TypeError(f"shape must be a tuple of 2 or 3 integers, got {shape!r}")
-        shape = tuple(int(n) for n in shape)
+        shape = integer_tuple(shape, "shape")
         if len(shape) not in (2, 3):
             raise ValueError(f"expected a 2-D or 3-D shape, got {len(shape)} dimensions")
         # Checked as a call checks them: a bad PSD would otherwise fail deep inside.

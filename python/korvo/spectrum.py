@@ -31,13 +31,13 @@ blocks, which the lag domain resamples to the grid without interpolation.
 from __future__ import annotations
 
 import math
-import numbers
 import warnings
 from statistics import NormalDist
 
 import numpy as np
 
 from .noise import MAD_TO_SIGMA, NonFiniteError, constant_cells, haar_level, spread_rows
+from .validation import NoiseLevelWarning, integer_tuple
 
 __all__ = ["estimate_psd"]
 
@@ -175,8 +175,6 @@ _CORRELATED = 1.25
 def _check_extent(shape, grid, psd):
     """Warns (NoiseLevelWarning) where correlated noise was estimated from
     data too short to show its long-range part, so that its level reads low."""
-    from .validation import NoiseLevelWarning
-
     resolved = [(n, g) for n, g in zip(shape[-len(grid):], grid) if g > 1]
     short = resolved and all(n < _LEAST_GRIDS * g for n, g in resolved)
     if short and np.mean(psd ** 2) / np.mean(psd) ** 2 >= _CORRELATED:
@@ -246,14 +244,7 @@ def _check_shape(shape, data):
 
         x, y, z = default_parameters(0, shape_xyz(data.shape), 1.0).psd_work_size
         return (y, x) if z == 1 else (z, y, x)
-    try:
-        grid = tuple(shape)
-    except TypeError:
-        grid = None
-    if grid is None or any(isinstance(n, bool) or not isinstance(n, numbers.Integral)
-                           for n in grid):
-        raise TypeError(f"the PSD shape must be a tuple of 2 or 3 integers, got {shape!r}")
-    grid = tuple(int(n) for n in grid)
+    grid = integer_tuple(shape, "the PSD shape")
     if len(grid) not in (2, 3) or len(grid) > data.ndim:
         raise ValueError(f"the PSD shape {grid} must be 2-D, or 3-D for a volume")
     if any(n < 1 for n in grid):

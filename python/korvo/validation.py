@@ -21,6 +21,19 @@ __all__ = ["check_data", "check_noise", "check_channels", "check_shared_groups",
 _PACKAGE = os.path.dirname(os.path.abspath(__file__)) + os.sep
 
 
+def integer_tuple(value, what):
+    """``value`` (a shape) as a tuple of ints; TypeError naming ``what`` for
+    anything else (an int alone, floats, flags)."""
+    try:
+        items = tuple(value)
+    except TypeError:
+        items = None
+    if items is None or any(isinstance(n, (bool, np.bool_)) or not isinstance(n, numbers.Integral)
+                            for n in items):
+        raise TypeError(f"{what} must be a tuple of 2 or 3 integers, got {value!r}")
+    return tuple(int(n) for n in items)
+
+
 def warn_caller(message, category):
     """warnings.warn pointed at the first caller outside korvo: the same check
     is reached from a user's line at several depths (korvo.korvo, stabilise)."""
