@@ -197,8 +197,7 @@ def _check_region_limit(profile, psd, stages, copy, shape):
     records = {stage: resolved[STAGE_KEYS[stage]] for stage in _STAGES[stages]}
     if "match" in resolved:
         records["match"] = resolved["match"]
-    check_limit(profile.memory_limit, records, math.prod(shape), copy, None, _native,
-                stacklevel=5)  # korvo, denoise_dask, here, check_limit
+    check_limit(profile.memory_limit, records, math.prod(shape), copy, None, _native)
 
 
 def central_block(z, sizes=(64, 64, 64)):

@@ -5,7 +5,6 @@ from __future__ import annotations
 import contextlib
 import contextvars
 import threading
-import warnings
 
 import numpy as np
 
@@ -17,7 +16,8 @@ from .profile import BUILT_IN_BLOCKS, KORVOProfile, PSDAdaptation, _cpu_count, s
 from .progress import make_reporter
 from .transforms import block_transforms
 from .validation import (check_channels, check_data, check_noise, check_noise_level,
-                         check_pilot, check_psd_rank, check_range, check_shared_groups)
+                         check_pilot, check_psd_rank, check_range, check_shared_groups,
+                         warn_caller)
 
 __all__ = ["korvo"]
 
@@ -161,9 +161,9 @@ class _Channel:
         check_range("z", lo, hi, self.offset, smallest, self.unit, self.psd)
         reach = max(abs(lo), abs(hi)) / sigma
         if not normalize and noise_map is None and reach > RAW_REACH:
-            warnings.warn(f"normalize=False: the data reach {reach:.3g} times the noise std, "
-                          f"where single-precision rounding in the stages is no longer small "
-                          f"against the noise; pass normalize=True", RuntimeWarning, stacklevel=4)
+            warn_caller(f"normalize=False: the data reach {reach:.3g} times the noise std, "
+                        f"where single-precision rounding in the stages is no longer small "
+                        f"against the noise; pass normalize=True", RuntimeWarning)
         self.pilot = None
         if pilot is not None:
             self.pilot, plo, phi = check_data("pilot", pilot)
@@ -386,10 +386,10 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
                                        matches=matches, progress=progress))
     cores = _cpu_count()  # checked here: the noise models above call korvo again
     if profile.num_threads is not None and profile.num_threads > cores:
-        warnings.warn(f"num_threads={profile.num_threads} is more than the {cores} cores this "
-                      f"process may use: the workers poll for work, so the extra threads only "
-                      f"slow the call down (1024 threads on 2 cores took 370 times as long)",
-                      RuntimeWarning, stacklevel=2)
+        warn_caller(f"num_threads={profile.num_threads} is more than the {cores} cores this "
+                    f"process may use: the workers poll for work, so the extra threads only "
+                    f"slow the call down (1024 threads on 2 cores took 370 times as long)",
+                    RuntimeWarning)
     if chunked.is_dask(z):  # lazily, chunk by chunk
         return chunked.denoise_dask(z, sigma, psd=psd, profile=profile, channel_axis=channel_axis,
                                     shared_groups=shared_groups, stages=stages, pilot=pilot,
@@ -522,7 +522,7 @@ def _stabilised(z, sigma, psd, model, extra, pilot, options):
             where = "" if split.axis is None else f" (channel {i})"
             check_noise_level(part, 1.0, f"The stabilised noise level, 1 (rician with sigma "
                               f"given){where},", "Check sigma's units, or leave it out to "
-                              "estimate it from the data", stacklevel=3)
+                              "estimate it from the data")
         if stabilised is None:
             stabilised = part
         else:

@@ -8,7 +8,8 @@ import os
 import sys
 import threading
 import time
-import warnings
+
+from .validation import warn_caller
 
 __all__ = ["available_memory", "check_limit", "choose_split", "measure_peak", "MEMORY_TARGET",
            "SPLIT_ADVICE", "stage_budgets"]
@@ -88,21 +89,21 @@ def stage_bytes(record, stage, native):
     return native.collection_bytes(record, stage) + native.working_bytes(record, stage)
 
 
-def check_limit(limit, records, voxels, copy, channels, native, stacklevel=3):
+def check_limit(limit, records, voxels, copy, channels, native):
     """Warns (RuntimeWarning) when a ``memory_limit`` the caller set is below the
     peak the call is estimated to reach even with the bands and threads that
     need least, as chosen for ``records`` (by key, as ``held_bytes``). The
-    estimate counts whole allocations, so it errs high. ``stacklevel`` points
-    the warning at the user's call."""
+    estimate counts whole allocations, so it errs high."""
+
     if limit is None:
         return
     held = held_bytes(voxels, copy, channels)
     need = max(held[key] + stage_bytes(record, 1 if key == 1 else 0, native)
                for key, record in records.items())
     if need > limit:
-        warnings.warn(f"memory_limit={limit:.4g} bytes is below the least this call is "
-                      f"estimated to take at its peak, about {need:.4g} bytes (with the bands "
-                      f"and threads that need least); it goes on", RuntimeWarning, stacklevel=stacklevel)
+        warn_caller(f"memory_limit={limit:.4g} bytes is below the least this call is "
+                    f"estimated to take at its peak, about {need:.4g} bytes (with the bands "
+                    f"and threads that need least); it goes on", RuntimeWarning)
 
 
 def choose_split(record, stage, budget, native):

@@ -31,13 +31,12 @@ blocks, which the lag domain resamples to the grid without interpolation.
 from __future__ import annotations
 
 import math
-import warnings
 from statistics import NormalDist
 
 import numpy as np
 
 from .noise import MAD_TO_SIGMA, NonFiniteError, constant_cells, haar_level, spread_rows
-from .validation import NoiseLevelWarning, integer_tuple
+from .validation import NoiseLevelWarning, integer_tuple, warn_caller
 
 __all__ = ["estimate_psd"]
 
@@ -178,11 +177,11 @@ def _check_extent(shape, grid, psd):
     resolved = [(n, g) for n, g in zip(shape[-len(grid):], grid) if g > 1]
     short = resolved and all(n < _LEAST_GRIDS * g for n, g in resolved)
     if short and np.mean(psd ** 2) / np.mean(psd) ** 2 >= _CORRELATED:
-        warnings.warn(f"estimate_psd: data of shape {tuple(shape)} are shorter than twice the "
-                      f"PSD grid {tuple(grid)} on every axis, too short to show how far correlated "
-                      f"noise reaches: its level reads low (a third of the true std on 16^3 data); "
-                      f"give the PSD (korvo.psd_from_kernel), or estimate it on a larger or "
-                      f"noise-only scan", NoiseLevelWarning, stacklevel=3)
+        warn_caller(f"estimate_psd: data of shape {tuple(shape)} are shorter than twice the "
+                    f"PSD grid {tuple(grid)} on every axis, too short to show how far correlated "
+                    f"noise reaches: its level reads low (a third of the true std on 16^3 data); "
+                    f"give the PSD (korvo.psd_from_kernel), or estimate it on a larger or "
+                    f"noise-only scan", NoiseLevelWarning)
 
 
 def _checked(psd, details):

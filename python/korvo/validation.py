@@ -87,15 +87,14 @@ class NoiseLevelWarning(UserWarning):
     (``warnings.simplefilter("ignore", korvo.NoiseLevelWarning)`` silences it)."""
 
 
-def check_noise_level(z, level, given, advice, stacklevel=2):
+def check_noise_level(z, level, given, advice):
     """Warns (NoiseLevelWarning) when the noise of ``z`` at the finest scale
     (:func:`korvo.estimate_sigma` on evenly spaced pairs of slices, or rows of
     an image, at most LEVEL_SAMPLES samples) is over LEVEL_MISMATCH times
     ``level`` or under a third of it: a level in other units, or coloured
     noise passed as white, gives a result smoothed far beyond the noise or one
     that keeps most of it, without any error. ``given`` names the level in the
-    message, ``advice`` ends it; ``stacklevel`` points the warning at the
-    user's call (frames above this one). Returns the level the data show (0: none)."""
+    message, ``advice`` ends it. Returns the level the data show (0: none)."""
     a = np.asarray(z)
     a = a.reshape([n for n in a.shape if n > 1])  # a single slice is an image
     # Integer data: the finest-scale estimate only takes steps of about half a
@@ -111,12 +110,11 @@ def check_noise_level(z, level, given, advice, stacklevel=2):
             f" the noise the data show at the finest scale ({seen:.3g}, as korvo.estimate_sigma " \
             f"reads it): the result would be " + \
             ("smoothed far beyond the noise" if ratio > 1 else "left with most of the noise")
-        warnings.warn(f"{given} is {effect}. {advice}", NoiseLevelWarning,
-                      stacklevel=stacklevel + 1)
+        warn_caller(f"{given} is {effect}. {advice}", NoiseLevelWarning)
     return seen
 
 
-def check_pilot(z, pilot, level, given, stacklevel=2):
+def check_pilot(z, pilot, level, given):
     """Warns (NoiseLevelWarning) when a caller's pilot is no first estimate of
     ``z`` in its units: the spread of z - pilot (its 90th percentile, on evenly
     spaced slices, at most LEVEL_SAMPLES samples) over PILOT_MISMATCH times the
@@ -141,7 +139,7 @@ def check_pilot(z, pilot, level, given, stacklevel=2):
                    f"estimate, such as korvo(z, sigma, stages='ht')")
     else:
         return
-    warnings.warn(f"{given} {problem}", NoiseLevelWarning, stacklevel=stacklevel + 1)
+    warn_caller(f"{given} {problem}", NoiseLevelWarning)
 
 
 def _as_real(name, value):
