@@ -220,7 +220,7 @@ def stabilised_dask(z, model, sigma, params, options):
     rather than the whole volume's."""
     import dask.array as da
 
-    from .noise_models import stabilise
+    from .noise_models import _block_inverse, stabilise
 
     _refuse_channels(options.get("channel_axis"), options.get("shared_groups", False))
     _refuse_options(options.get("matches"), options.get("progress", False))
@@ -242,9 +242,7 @@ def stabilised_dask(z, model, sigma, params, options):
             return stabilise(block, model, **fixed)[0]
 
     def backward(denoised, block):
-        with warnings.catch_warnings():
-            warnings.simplefilter("ignore", NoiseLevelWarning)
-            return stabilise(block, model, **fixed)[1](denoised)
+        return _block_inverse(block, inverse)(denoised)
 
     y = z.map_blocks(forward, dtype=np.float32)
     out = denoise_dask(y, 1.0, profile=options.get("profile"), stages=options.get("stages", "both"))

@@ -954,12 +954,33 @@ def stabilise(z, model="gaussian", **params):
     a = _magnitudes(z, "rician_vst", False)
     y = _slabwise(lambda part: rician_vst(part, sigma, coils), a)
     if params.get("sigma") is not None:
-        background = _background(np.asarray(a, dtype=np.float32), coils, sigma, refine=False)[1]
+        background = _given_background(a, sigma, coils)
         _check_coils(a, coils, background, search=False)
+    return y, _magnitude_inverse(sigma, coils, background)
+
+
+def _given_background(a, sigma, coils):
+    """The background of magnitudes ``a`` under a sigma given (None: none)."""
+    return _background(np.asarray(a, dtype=np.float32), coils, sigma, refine=False)[1]
+
+
+def _magnitude_inverse(sigma, coils, background):
     floor = _FloorShift(background, _rician_table(coils).ef[0])
-    return y, Inverse(
-        model, {"sigma": sigma, "coils": coils},
-        lambda d, clip: inverse_rician_vst(d, sigma, coils, clip), floor.lift)
+    return Inverse("rician", {"sigma": sigma, "coils": coils},
+                   lambda d, clip: inverse_rician_vst(d, sigma, coils, clip), floor.lift)
+
+
+def _block_inverse(block, inverse):
+    """``inverse`` (of :func:`stabilise`, all parameters settled) as
+    stabilise(block, ...) would give it for a part of the data, without
+    stabilising that part again: magnitude data take the part's own
+    background lift; the other models' inverses do not depend on the data."""
+    if inverse.model != "rician":
+        return inverse
+    a = _magnitudes(block, "rician_vst", False)
+    params = inverse.params
+    return _magnitude_inverse(params["sigma"], params["coils"],
+                              _given_background(a, params["sigma"], params["coils"]))
 
 
 class _FloorShift:
