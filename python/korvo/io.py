@@ -864,7 +864,16 @@ def _open_hdf5(path, writable):
                           if hasattr(item, "shape") else None)
         raise ValueError(f"{path}: no dataset /{dataset} in {file} (datasets: "
                          f"{', '.join(found[:8]) or 'none'}{' ...' if len(found) > 8 else ''})")
-    return node, {"kind": "hdf5", "attrs": dict(node.attrs)}
+    # The built-in filters go to an HDF5 output as they were: written plain, a
+    # compressed input grew (a fifth for float32 results, more for integers).
+    filters = {"compression": node.compression, "compression_opts": node.compression_opts,
+               "shuffle": node.shuffle} if node.compression in _HDF5_FILTERS else {}
+    return node, {"kind": "hdf5", "attrs": dict(node.attrs), "hdf5_filters": filters}
+
+
+# Compression filters every h5py build writes (szip and plugin filters may
+# be missing here or where the output is read).
+_HDF5_FILTERS = ("gzip", "lzf")
 
 
 def check_samples(path, array, finite=True):
@@ -1032,7 +1041,8 @@ class ChunkedOutput:
             self.temporary = self._temporary_name(".h5")
             self.handle = _h5_file(self.temporary, "w")
             where = dataset
-        self.target = self.handle.create_dataset(where, shape=shape, dtype=dtype, chunks=chunks)
+        self.target = self.handle.create_dataset(where, shape=shape, dtype=dtype, chunks=chunks,
+                                                 **context.get("hdf5_filters", {}))
         for key, value in context.get("attrs", {}).items():
             # References (dimension scales) name objects of the input's file that
             # are not written here: copied, they point at nothing or at scales

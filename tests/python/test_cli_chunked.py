@@ -31,7 +31,8 @@ def test_round_trips_equal_the_in_memory_call(tmp_path, noisy):
     zarr.open_array(str(tmp_path / "in.zarr"), mode="w", shape=noisy.shape, chunks=(10, 18, 16),
                     dtype="f4")[:] = noisy
     with h5py.File(tmp_path / "in.h5", "w") as f:
-        f.create_dataset("raw/vol", data=noisy, chunks=(10, 18, 16)).attrs.update(
+        f.create_dataset("raw/vol", data=noisy, chunks=(10, 18, 16), compression="gzip",
+                         compression_opts=3, shuffle=True).attrs.update(
             {"unit": "um", "spacing": [2.0, 0.5, 0.5]})
     np.save(tmp_path / "in.npy", noisy)
     tifffile.imwrite(tmp_path / "in.tif", noisy)
@@ -65,6 +66,8 @@ def test_round_trips_equal_the_in_memory_call(tmp_path, noisy):
             file, name = out.split(":")
             with h5py.File(tmp_path / file, "r") as f:
                 written, attrs = f[name][:], dict(f[name].attrs)
+                # written compressed as read (it was written plain)
+                assert (f[name].compression, f[name].compression_opts) == ("gzip", 3)
                 assert sorted(f[os.path.dirname(name) or "/"]) == sorted(
                     {"/den": ["den"], "/raw/den": ["den", "vol"]}[name])  # nothing left behind
             assert attrs["unit"] == "um" and list(attrs["spacing"]) == [2.0, 0.5, 0.5]
