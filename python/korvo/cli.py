@@ -85,6 +85,31 @@ def _layout(axes, shape, name):
     return series, rest
 
 
+def _axes(args, context, shape):
+    """IN's axis labels: its own, or --axes where IN gives none."""
+    from .validation import looks_like_colour
+
+    if args.axes is None:
+        axes = context["axes"]
+        space = tuple(n for a, n in zip(axes, shape) if a in "ZYX")
+        if not context.get("labelled", True) and looks_like_colour(space):
+            raise ValueError(f"{args.input}: its axes are not labelled, and {space} looks like a "
+                             f"colour image (rows, columns, {space[-1]}): pass --axes "
+                             f"{axes[:-3]}YXC to denoise each channel as an image")
+        return axes
+    if context.get("labelled", True):
+        raise ValueError(f"{args.input} labels its own axes ({context['axes']}); --axes names "
+                         f"those of files that do not (.npy, plain TIFF, Zarr or HDF5)")
+    axes = args.axes.upper()
+    if len(axes) != len(shape) or set(axes) - set("ZYXCT") or len(set(axes)) != len(axes) \
+            or "".join(a for a in axes if a in "ZYX") not in ("ZYX", "YX"):
+        raise ValueError(f"--axes {args.axes}: give one letter per axis of {args.input}'s shape "
+                         f"{shape}, from Z, Y, X (space, in that order), C (channels) and T "
+                         f"(a series)")
+    context["axes"] = axes
+    return axes
+
+
 def _channel_axis(labels):
     """Index of the channel axis (C, or S of RGB) among one call's axes, or None."""
     return next((i for i, a in enumerate(labels) if a in "CS"), None)
@@ -353,7 +378,7 @@ def _denoise(args):
     started = time.monotonic()
     data, context = read_volume(args.input)
     check_samples(args.input, data)
-    axes = context["axes"]
+    axes = _axes(args, context, data.shape)
     series, rest = _layout(axes, data.shape, args.input)
     order = series + rest
     data_t = np.transpose(data, order)
@@ -469,7 +494,7 @@ def _chunked_items(args, run, source, context):
     from .chunked import central_block
     from .io import ChunkedOutput, check_axes, open_chunked, volume_format
 
-    axes, shape = context["axes"], source.shape
+    axes, shape = _axes(args, context, source.shape), source.shape
     _layout(axes, shape, args.input)  # refuses what holds no image or volume
     # Space axes go to korvo; series, channels and a single slice are looped over.
     spatial = [i for i, a in enumerate(axes) if a in "ZYX" and (a != "Z" or shape[i] > 1)]
@@ -714,7 +739,7 @@ def _parser():
                     "labels them (TIFF): channels (C, or S of RGB) are denoised one by one, a "
                     "time or other series axis item by item; Z, Y, X are space. Unlabelled "
                     "arrays: the last two axes are an image, a third from the end z, a fourth "
-                    "a series (NIfTI: the time axis). OUT is written only when complete, never "
+                    "a series (NIfTI: the time axis), unless --axes names them. OUT is written only when complete, never "
                     "over IN; TIFF calibration (resolution, ImageJ spacing and unit, OME pixel "
                     "sizes) and axis labels and the NIfTI header are kept; an OUT format that "
                     "cannot hold IN's axes (channels in NIfTI, say) is refused. Zarr stores "
@@ -741,6 +766,10 @@ def _parser():
     d.add_argument("--gain", type=float, help="poisson-gaussian: data units per photon")
     d.add_argument("--offset", type=float, help="poisson-gaussian: dark level")
     d.add_argument("--coils", type=int, help="rician: receive coils (default 1)")
+    d.add_argument("--axes", metavar="LABELS",
+                   help="IN's axes where the file does not label them (.npy, plain TIFF, Zarr, "
+                        "HDF5): one letter per axis, Z Y X (space), C (channels), T (a series); "
+                        "e.g. YXC for a colour image")
     d.add_argument("--shared-groups", metavar="first|mean|N",
                    help="channels: find the groups once, on the first channel, channel N or the "
                         "channels' mean, and filter every channel with them")

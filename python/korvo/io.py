@@ -151,16 +151,24 @@ def read_volume(path):
         raise
     except Exception as exc:  # every reader has its own error types
         raise ValueError(f"{path}: cannot be read as {kind}: {exc}") from None
-    context.setdefault("axes", _label(_UNKNOWN[0] * (data.ndim - 2) + "YX"))
+    _default_axes(context, data.ndim)
     if len(context["axes"]) != data.ndim:
         raise ValueError(f"{path}: axis labels {context['axes']!r} do not fit shape {data.shape}")
     return data, context
 
 
+def _default_axes(context, ndim):
+    """Labels for a file that gives none (``context["labelled"]`` False): the
+    last two axes an image, a third from the end Z, the rest a series."""
+    if "axes" not in context:
+        context["axes"], context["labelled"] = _label(_UNKNOWN[0] * (ndim - 2) + "YX"), False
+
+
 def _read_tiff(tifffile, path):
     with tifffile.TiffFile(path) as tif:
         series = tif.series[0]
-        context = {"kind": "tiff", "axes": _label(series.axes)}
+        context = {"kind": "tiff", "axes": _label(series.axes),
+                   "labelled": not set(series.axes) & set(_UNKNOWN)}
         context.update(_tiff_colour(tifffile, path, series.keyframe))
         if len(tif.series) > 1:  # a refusal would block files whose others are thumbnails
             what = "OME images" if tif.is_ome else "image series"
@@ -904,7 +912,7 @@ def open_chunked(path, *, writable=False):
     else:
         array, context = read_volume(path)
     check_samples(path, array, finite=False)
-    context.setdefault("axes", _label(_UNKNOWN[0] * (array.ndim - 2) + "YX"))
+    _default_axes(context, array.ndim)
     if len(context["axes"]) != array.ndim:
         raise ValueError(f"{path}: axis labels {context['axes']!r} do not fit shape {array.shape}")
     context["chunks"] = getattr(array, "chunks", None)

@@ -297,6 +297,12 @@ class ChannelSplit:
         return a[tuple(index)]
 
 
+def looks_like_colour(shape):
+    """Whether a 3-D shape reads as rows, columns and 3 or 4 colour samples."""
+    return len(shape) == 3 and shape[2] in COLOUR_SAMPLES and \
+        min(shape[:2]) >= COLOUR_RATIO * shape[2]
+
+
 def check_channels(z, channel_axis):
     """The channel layout of ``z``; refuses layouts that would silently be
     read as something else."""
@@ -305,8 +311,7 @@ def check_channels(z, channel_axis):
         if a.ndim == 4:
             raise ValueError(f"z has 4 dimensions {a.shape}: pass channel_axis= to name the axis "
                              f"of channels (each channel, a 3-D volume, is denoised on its own)")
-        if a.ndim == 3 and a.shape[2] in COLOUR_SAMPLES and \
-                min(a.shape[:2]) >= COLOUR_RATIO * a.shape[2]:
+        if looks_like_colour(a.shape):
             raise ValueError(f"z of shape {a.shape} looks like a colour image (rows, columns, "
                              f"{a.shape[2]}): pass channel_axis=-1 to denoise each channel as an "
                              f"image; if it really is a volume, put its short axis first "

@@ -30,7 +30,9 @@ def test_noise_options_give_the_call_they_stand_for(tmp_path, capsys):
     noisy = (clean + level * rng.standard_normal(clean.shape)).astype(np.float32)
     counts = (2 * rng.poisson(20 * clean) + 100).astype(np.uint16)
     white = korvo.white_psd(0.1, (8, 8, 8))
-    for name, data in (("in", noisy), ("counts", counts), ("map", level), ("psd", white)):
+    rgb = np.moveaxis(noisy[:3], 0, -1).repeat(2, 0).repeat(2, 1)  # (48, 56, 3), unlabelled
+    for name, data in (("in", noisy), ("counts", counts), ("map", level), ("psd", white),
+                       ("rgb", rgb)):
         np.save(tmp_path / f"{name}.npy", data)
     # Channels (TIFF C) filtered with the groups of the first one, or of their mean.
     tifffile.imwrite(tmp_path / "stack.tif", np.stack([noisy, 0.5 * noisy]),
@@ -46,7 +48,8 @@ def test_noise_options_give_the_call_they_stand_for(tmp_path, capsys):
              photons),
             *[("stack.tif", ["--sigma", "0.1", "--shared-groups", option],
                dict(sigma=0.1, channel_axis=0, shared_groups=shared))
-              for option, shared in (("first", 0), ("mean", "mean"), ("1", 1))]]:
+              for option, shared in (("first", 0), ("mean", "mean"), ("1", 1))],
+            ("rgb.npy", ["--sigma", "0.1", "--axes", "YXC"], dict(sigma=0.1, channel_axis=-1))]:
         read = np.load if source.endswith(".npy") else tifffile.imread
         out = tmp_path / ("out" + source[source.index("."):])
         assert denoise(tmp_path / source, out, "-f", *options, *FAST) == 0, options
@@ -62,6 +65,11 @@ def test_noise_options_give_the_call_they_stand_for(tmp_path, capsys):
         assert ("estimated photon noise: gain" in capsys.readouterr().err) != quiet
     refused(capsys, [source, out, "-f", "--noise", "rician", "--psd", "auto"], "--noise rician")
     refused(capsys, [tmp_path / "stack.tif", out, "-f", "--shared-groups", "x"], "--shared-groups")
+    # Unlabelled colour got the Python call's advice (channel_axis=-1); labels a file
+    # gives are its own.
+    refused(capsys, [tmp_path / "rgb.npy", out, "-f"], "pass --axes YXC")
+    refused(capsys, [tmp_path / "stack.tif", out, "-f", "--axes", "CZYX"], "labels its own axes")
+    refused(capsys, [tmp_path / "rgb.npy", out, "-f", "--axes", "XYC"], "one letter per axis")
 
 
 def _per_channel(data, axes):
