@@ -195,6 +195,23 @@ class _Run:
             return {"sigma": sigma_map}
         return None
 
+    def check_values(self, count):
+        """Values given one per channel (--sigma 0.05,0.2) against the item's
+        ``count`` channels (None: it has none), before any work."""
+        for name in PER_CHANNEL:
+            value = getattr(self.args, name)
+            if not isinstance(value, tuple):
+                continue
+            if count is None:
+                raise ValueError(f"--{name} gives {len(value)} values, one per channel, and "
+                                 f"{self.name} has no channels")
+            if self.alpha:
+                raise ValueError(f"--{name}: {self.name} has an alpha channel; give one value "
+                                 f"for all channels")
+            if len(value) != count:
+                raise ValueError(f"--{name} gives {len(value)} values for {self.name}'s "
+                                 f"{count} channels")
+
     def noise(self, block, channel, where, sigma_map=None):
         """Keyword arguments naming the noise of one call."""
         given = self.given(sigma_map)
@@ -266,6 +283,7 @@ class _Run:
                                for a in (mask, sigma_map))
         channel = _channel_axis(labels)
         self._check_shared(block, channel)
+        self.check_values(None if channel is None else block.shape[channel])
         if channel is not None:
             where += f", {block.shape[channel]} channels"
         if self.auto:  # korvo takes one PSD for all channels: denoise them one by one
@@ -423,13 +441,33 @@ def _denoise(args):
     return 0
 
 
+# Noise parameters the command line takes one per channel (comma-separated).
+PER_CHANNEL = ("sigma", "gain", "offset", "coils")
+
+
+def _values(kind):
+    """argparse type: one number, or one per channel of IN (comma-separated)."""
+    def parse(text):
+        try:
+            values = tuple(kind(part) for part in text.split(","))
+        except ValueError:
+            raise argparse.ArgumentTypeError(f"expected a number, or one per channel separated "
+                                             f"by commas, got {text!r}") from None
+        return values[0] if len(values) == 1 else values
+    return parse
+
+
+def _listed(value):
+    return ",".join(f"{v:g}" for v in value) if isinstance(value, tuple) else f"{value:g}"
+
+
 def _how(args, run):
     """The noise the run assumed, in words."""
     return (f"{args.noise} noise model" if args.noise != "gaussian" else
            "estimated PSD" + (f" (noise where {args.psd_mask} is nonzero)" if args.psd_mask
                               else "") if run.auto else
            "PSD from " + args.psd if args.psd else
-           f"sigma {args.sigma:g}" if args.sigma is not None else
+           f"sigma {_listed(args.sigma)}" if args.sigma is not None else
            "estimated sigma map" if args.sigma_map == "auto" else
            "sigma map from " + args.sigma_map if args.sigma_map else "estimated sigma")
 
@@ -519,7 +557,9 @@ def _chunked_items(args, run, source, context):
     if args.dtype == "keep":
         run.keep(source.dtype, context, args.output)
     check_axes(args.output, axes, shape, run.dtype, context)
-    alpha = context.get("alpha", ())
+    alpha = run.alpha = context.get("alpha", ())
+    channel = next((i for i in loop if axes[i] in "CS"), None)  # looped over, item by item
+    run.check_values(None if channel is None else shape[channel])
     run.profile.num_threads = None  # one thread per chunk; --threads chunks at once
     count = int(np.prod([shape[i] for i in loop]))
     grid = int(np.prod([-(-shape[i] // s) for i, s in zip(spatial, sizes)]))
@@ -536,6 +576,9 @@ def _chunked_items(args, run, source, context):
             where = f" [{', '.join(f'{axes[a]} {i}' for a, i in at.items())}] " \
                     f"({number}/{count})" if count > 1 else ""
             noise = None if run.auto else run.given(None if noise_map is None else noise_map[key])
+            if noise is not None and channel is not None:  # this channel's own values
+                noise = {k: v[at[channel]] if isinstance(v, tuple) else v
+                         for k, v in noise.items()}
             if any(axes[a] == "S" and i in alpha for a, i in at.items()):
                 y = item.astype(run.dtype)  # an alpha channel: written back as read
             else:
@@ -739,8 +782,8 @@ def _parser():
                     "labels them (TIFF): channels (C, or S of RGB) are denoised one by one, a "
                     "time or other series axis item by item; Z, Y, X are space. Unlabelled "
                     "arrays: the last two axes are an image, a third from the end z, a fourth "
-                    "a series (NIfTI: the time axis), unless --axes names them. OUT is written only when complete, never "
-                    "over IN; TIFF calibration (resolution, ImageJ spacing and unit, OME pixel "
+                    "a series (NIfTI: the time axis), unless --axes names them. OUT is "
+                    "written only when complete, never over IN; TIFF calibration (resolution, ImageJ spacing and unit, OME pixel "
                     "sizes) and axis labels and the NIfTI header are kept; an OUT format that "
                     "cannot hold IN's axes (channels in NIfTI, say) is refused. Zarr stores "
                     "(OME-Zarr: level 0, its axes and scale kept) and HDF5 datasets "
@@ -749,7 +792,8 @@ def _parser():
     d.add_argument("input", metavar="IN")
     d.add_argument("output", metavar="OUT")
     noise = d.add_mutually_exclusive_group()
-    noise.add_argument("--sigma", type=float, help="standard deviation of white noise")
+    noise.add_argument("--sigma", type=_values(float), metavar="S[,S...]",
+                       help="standard deviation of white noise (one, or one per channel)")
     noise.add_argument("--psd", metavar="FILE|auto",
                        help="noise PSD (.npy, ...), E|fftn(noise)|^2 over the PSD's own shape; "
                             "'auto': estimate it from IN (per item and channel)")
@@ -763,9 +807,12 @@ def _parser():
                         "MRI (rician: --sigma per channel, --coils); parameters not given are "
                         "estimated from IN (poisson-gaussian: all three, or with --gain given, "
                         "--sigma and --offset not given are 0)")
-    d.add_argument("--gain", type=float, help="poisson-gaussian: data units per photon")
-    d.add_argument("--offset", type=float, help="poisson-gaussian: dark level")
-    d.add_argument("--coils", type=int, help="rician: receive coils (default 1)")
+    d.add_argument("--gain", type=_values(float), metavar="G[,G...]",
+                   help="poisson-gaussian: data units per photon")
+    d.add_argument("--offset", type=_values(float), metavar="O[,O...]",
+                   help="poisson-gaussian: dark level")
+    d.add_argument("--coils", type=_values(int), metavar="L[,L...]",
+                   help="rician: receive coils (default 1)")
     d.add_argument("--axes", metavar="LABELS",
                    help="IN's axes where the file does not label them (.npy, plain TIFF, Zarr, "
                         "HDF5): one letter per axis, Z Y X (space), C (channels), T (a series); "

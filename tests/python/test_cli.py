@@ -49,11 +49,14 @@ def test_noise_options_give_the_call_they_stand_for(tmp_path, capsys):
             *[("stack.tif", ["--sigma", "0.1", "--shared-groups", option],
                dict(sigma=0.1, channel_axis=0, shared_groups=shared))
               for option, shared in (("first", 0), ("mean", "mean"), ("1", 1))],
-            ("rgb.npy", ["--sigma", "0.1", "--axes", "YXC"], dict(sigma=0.1, channel_axis=-1))]:
-        read = np.load if source.endswith(".npy") else tifffile.imread
-        out = tmp_path / ("out" + source[source.index("."):])
+            ("rgb.npy", ["--sigma", "0.1", "--axes", "YXC"], dict(sigma=0.1, channel_axis=-1)),
+            # one value per channel (there was no way to give them), in memory and by chunks
+            *[("stack.tif", ["--sigma", "0.1,0.05", *chunks],
+               dict(sigma=[0.1, 0.05], channel_axis=0)) for chunks in ([], ["--chunks", "12"])]]:
+        out = tmp_path / ("out" + (".npy" if "--chunks" in options else source[source.index("."):]))
         assert denoise(tmp_path / source, out, "-f", *options, *FAST) == 0, options
-        result, data = read(out), read(tmp_path / source)
+        result, data = (np.load(f) if f.suffix == ".npy" else tifffile.imread(f)
+                        for f in (out, tmp_path / source))
         assert result.shape == data.shape and result.dtype == np.float32
         np.testing.assert_allclose(result, korvo.korvo(data, **call, profile=fast()), atol=1e-4)
     # Parameters the model estimates are printed (they went unreported), except with -q.
@@ -70,6 +73,8 @@ def test_noise_options_give_the_call_they_stand_for(tmp_path, capsys):
     refused(capsys, [tmp_path / "rgb.npy", out, "-f"], "pass --axes YXC")
     refused(capsys, [tmp_path / "stack.tif", out, "-f", "--axes", "CZYX"], "labels its own axes")
     refused(capsys, [tmp_path / "rgb.npy", out, "-f", "--axes", "XYC"], "one letter per axis")
+    refused(capsys, [tmp_path / "stack.tif", out, "-f", "--sigma", "1,2,3"], "3 values for")
+    refused(capsys, [source, out, "-f", "--sigma", "1,2"], "has no channels")
 
 
 def _per_channel(data, axes):
