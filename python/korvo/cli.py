@@ -558,7 +558,8 @@ def _chunked_items(args, run, source, context):
         run.keep(source.dtype, context, args.output)
     check_axes(args.output, axes, shape, run.dtype, context)
     alpha = run.alpha = context.get("alpha", ())
-    channel = next((i for i in loop if axes[i] in "CS"), None)  # looped over, item by item
+    channel = _channel_axis("".join(axes[i] for i in loop))  # looped over, item by item
+    channel = None if channel is None else loop[channel]
     run.check_values(None if channel is None else shape[channel])
     run.profile.num_threads = None  # one thread per chunk; --threads chunks at once
     count = int(np.prod([shape[i] for i in loop]))
