@@ -31,7 +31,7 @@ import math
 
 import numpy as np
 
-from .noise import NonFiniteError, _haar_detail, _slabwise, estimate_sigma
+from .noise import NonFiniteError, _haar_detail, _slabwise, constant_cells, estimate_sigma
 from .validation import NoiseLevelWarning, warn_caller
 
 # Parameters estimated for a call are reported here (INFO); the command line
@@ -723,9 +723,11 @@ def _coils_read(a, background, coils, darkest=True):
 
 def _zero_cells(a):
     """The fraction of the data's cells of 2 samples per axis that are all zero."""
-    zero = a[tuple(slice(0, n - n % 2) for n in a.shape)] == 0
-    cells = zero.reshape(sum(((n // 2, 2) for n in zero.shape), ()))
-    return float(np.mean(cells.all(axis=tuple(range(1, 2 * a.ndim, 2))))) if cells.size else 0.0
+    even = a[tuple(slice(0, n - n % 2) for n in a.shape)]
+    if not even.size:
+        return 0.0
+    corner = even[(slice(None, None, 2),) * even.ndim]
+    return float(np.mean(constant_cells(even, range(even.ndim)) & (corner == 0)))
 
 
 # Windows darker than a background by this many standard errors of their
