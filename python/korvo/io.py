@@ -158,10 +158,14 @@ def read_volume(path):
 
 
 def _default_axes(context, ndim):
-    """Labels for a file that gives none (``context["labelled"]`` False): the
-    last two axes an image, a third from the end Z, the rest a series."""
+    """Labels for a file that gives none (``context["labelled"]`` False)."""
     if "axes" not in context:
-        context["axes"], context["labelled"] = _label(_UNKNOWN[0] * (ndim - 2) + "YX"), False
+        context["axes"], context["labelled"] = _default_labels(ndim), False
+
+
+def _default_labels(ndim):
+    """The last two axes an image, a third from the end Z, the rest a series."""
+    return _label(_UNKNOWN[0] * (ndim - 2) + "YX")
 
 
 def _read_tiff(tifffile, path):
@@ -531,7 +535,7 @@ def _write_nifti(nib, path, data, shape, dtype, context):
 
 
 def _write_tiff(tifffile, path, data, shape, dtype, context):
-    axes = context.get("axes") or _label(_UNKNOWN[0] * (len(shape) - 2) + "YX")
+    axes = context.get("axes") or _default_labels(len(shape))
     options = {}
     if "resolution" in context:
         options["resolution"] = context["resolution"]
@@ -635,7 +639,7 @@ def check_axes(path, axes, shape, dtype, context=None, *, warn=True):
     it drops (pixel spacing, an inverted grey scale). ``context``: the input's."""
     path, context = os.fspath(path), dict(context or {})
     kind, shape, dtype = volume_format(path), tuple(shape), np.dtype(dtype)
-    axes = axes or _label(_UNKNOWN[0] * (len(shape) - 2) + "YX")
+    axes = axes or _default_labels(len(shape))
     same = context.get("kind") == kind
     ome_zarr = kind == "zarr" and path.lower().rstrip("/").endswith(".ome.zarr") \
         and not (same and "ome" in context)
@@ -996,7 +1000,7 @@ class ChunkedOutput:
         fmt = context.get("format", 3 if three else 2)
         options = {"zarr_format": fmt} if three else {}
         ome, order = context.get("ome"), None
-        axes = context.get("axes") or _label(_UNKNOWN[0] * (len(shape) - 2) + "YX")
+        axes = context.get("axes") or _default_labels(len(shape))
         if ome is None and self.path.lower().rstrip("/").endswith(".ome.zarr"):
             order = _ome_zarr_order(axes)
             if order is None:
