@@ -146,6 +146,36 @@ PlaneRange intersect(const PlaneRange& a, const PlaneRange& b) {
     r.last = std::min(a.last, b.last);
     return r;
 }
+
+// The planes worker t's slices reach: slice by slice, all of them, and from
+// each slice on the lowest plane that slice or a later one reaches.
+struct WorkerReach {
+    int firstSlice = 0;
+    std::vector<PlaneRange> slice;
+    std::vector<int> lowest;  // the image's extent where no later slice reaches any plane
+    PlaneRange hull;
+
+    WorkerReach(const Parameters& p, const ReferenceGrid& grid, const SlicePlan& plan, int t, int extent) {
+        firstSlice = t * plan.perWorker;
+        const int end = std::min(firstSlice + plan.perWorker, grid.slices());
+        for (int k = firstSlice; k < end; ++k) slice.push_back(slicePlanes(p, grid, k));
+        lowest.assign(slice.size() + 1, extent);
+        for (size_t i = slice.size(); i-- > 0;) {
+            lowest[i] = slice[i].empty() ? lowest[i + 1] : std::min(lowest[i + 1], slice[i].first);
+            if (!slice[i].empty()) hull.add(slice[i].first, slice[i].last);
+        }
+    }
+    // Planes live at once: from the lowest a slice from k on reaches to the highest
+    // one up to k reached.
+    int width() const {
+        int widest = 0, highest = -1;
+        for (size_t i = 0; i < slice.size(); ++i) {
+            if (!slice[i].empty()) highest = std::max(highest, slice[i].last);
+            if (highest >= 0) widest = std::max(widest, highest - lowest[i] + 1);
+        }
+        return widest;
+    }
+};
 }  // namespace
 
 SlicePlan planSlices(const Parameters& params, int threads) {
@@ -178,6 +208,25 @@ SlicePlan planSlices(const Parameters& params, int threads) {
         }
         if (workers == 1 || held <= extent) return plan;
     }
+}
+
+WeightPlan planWeights(const Parameters& params, const ReferenceGrid& grid, const SlicePlan& plan) {
+    WeightPlan weights;
+    const int axis = grid.sliceAxis;
+    if (collectionBands(params).whole || !params.splitBlockExtraction[axis]) return weights;
+    const int extent = axis == 2 ? params.imageSize.z : params.imageSize.y;
+    weights.held.assign(static_cast<size_t>(extent), -1);
+    for (size_t t = 0; t < plan.slabCount.size(); ++t) {
+        for (int q = plan.slabFirst[t]; q < plan.slabFirst[t] + plan.slabCount[t]; ++q) {
+            if (weights.held[static_cast<size_t>(q)] < 0) weights.held[static_cast<size_t>(q)] = weights.heldCount++;
+        }
+    }
+    int ring = 1;
+    for (int t = 0; t < plan.busy; ++t) ring = std::max(ring, WorkerReach(params, grid, plan, t, extent).width());
+    // Worth it only where the rings and held planes are fewer than the image's.
+    if (static_cast<long long>(ring) * plan.busy + weights.heldCount >= extent) return WeightPlan{};
+    weights.ringPlanes = ring;
+    return weights;
 }
 }  // namespace korvo_detail
 
@@ -302,8 +351,9 @@ template <typename T>
 struct SlabBuffers {
     T* numerator = nullptr;
     float* weights = nullptr;
-    long offset = 0;  // of the slab's first element in the accumulators
-    long elements = 0;
+    int first = 0;
+    int count = 0;
+    long stride = 0;  // elements of one plane
 
     SlabBuffers() = default;
     SlabBuffers(const SlabBuffers&) = delete;
@@ -316,14 +366,14 @@ struct SlabBuffers {
     bool allocate(const Parameters& params, const korvo_detail::ReferenceGrid& grid,
                   const korvo_detail::SlicePlan& plan, int worker, AggregationSlab<T>& slab) {
         const size_t w = static_cast<size_t>(worker);
-        if (plan.slabCount[w] == 0) return true;
         const Vec3<int>& size = params.imageSize;
         slab.sliceAxis = grid.sliceAxis;
-        slab.first = plan.slabFirst[w];
-        slab.count = plan.slabCount[w];
         slab.stride = grid.sliceAxis == 2 ? static_cast<long>(size.x) * size.y : size.x;
-        offset = slab.first * slab.stride;
-        elements = slab.count * slab.stride;
+        if (plan.slabCount[w] == 0) return true;
+        slab.first = first = plan.slabFirst[w];
+        slab.count = count = plan.slabCount[w];
+        stride = slab.stride;
+        const long elements = count * stride;
         numerator = static_cast<T*>(std::calloc(static_cast<size_t>(elements), sizeof(T)));
         weights = static_cast<float*>(std::calloc(static_cast<size_t>(elements), sizeof(float)));
         slab.numerator = numerator;
@@ -331,11 +381,70 @@ struct SlabBuffers {
         return numerator != nullptr && weights != nullptr;
     }
 
-    void mergeInto(T* output, float* sharedWeights) const {
+    // weightsOf(q): where the accumulated weights of plane q are.
+    template <typename WeightsOf>
+    void mergeInto(T* output, WeightsOf weightsOf) const {
         if (numerator == nullptr || weights == nullptr) return;
-        for (long i = 0; i < elements; ++i) output[offset + i] += numerator[i];
-        for (long i = 0; i < elements; ++i) sharedWeights[offset + i] += weights[i];
+        const long elements = count * stride;
+        for (long i = 0; i < elements; ++i) output[first * stride + i] += numerator[i];
+        for (int q = 0; q < count; ++q) {
+            float* shared = weightsOf(first + q);
+            const float* own = weights + q * stride;
+            for (long i = 0; i < stride; ++i) shared[i] += own[i];
+        }
     }
+};
+
+// A worker's ring of weight planes (korvo_detail::WeightPlan). A plane leaves
+// once no later slice of the worker reaches it: divided out into the output
+// where no slab holds it, else handed to the held planes for the merge.
+template <typename T>
+class WeightRing {
+public:
+    WeightRing(const Parameters& params, const korvo_detail::ReferenceGrid& grid,
+               const korvo_detail::SlicePlan& plan, int worker, int extent)
+        : reach_(params, grid, plan, worker, extent), next_(reach_.hull.first) {}
+    WeightRing(const WeightRing&) = delete;
+    WeightRing& operator=(const WeightRing&) = delete;
+    ~WeightRing() { std::free(ring_); }
+
+    bool allocate(int planes, AggregationSlab<T>& slab) {
+        ring_ = static_cast<float*>(std::calloc(static_cast<size_t>(planes) * slab.stride, sizeof(float)));
+        slab.ring = ring_;
+        slab.ringPlanes = planes;
+        return ring_ != nullptr;
+    }
+    // Before the worker's slice k (k == its end: after its last slice).
+    void enter(int k, AggregationSlab<T>& slab, T* output, float* held, const std::vector<int>& heldIndex,
+               std::vector<char>& divided) {
+        const size_t i = static_cast<size_t>(k - reach_.firstSlice);
+        const int lowest = reach_.lowest[i];
+        for (; next_ < lowest && next_ <= reach_.hull.last; ++next_) leave(next_, slab, output, held, heldIndex, divided);
+        slab.ringOrigin = lowest / slab.ringPlanes * slab.ringPlanes;
+    }
+
+private:
+    void leave(int q, const AggregationSlab<T>& slab, T* output, float* held, const std::vector<int>& heldIndex,
+               std::vector<char>& divided) {
+        if (q >= slab.first && q < slab.first + slab.count) return;  // the slab's, merged later
+        bool reached = false;
+        for (const korvo_detail::PlaneRange& r : reach_.slice) reached = reached || (!r.empty() && q >= r.first && q <= r.last);
+        if (!reached) return;  // another worker's
+        float* w = ring_ + (q % slab.ringPlanes) * slab.stride;
+        const int h = heldIndex[static_cast<size_t>(q)];
+        if (h >= 0) {
+            std::memcpy(held + h * slab.stride, w, static_cast<size_t>(slab.stride) * sizeof(float));
+        } else {
+            T* out = output + q * slab.stride;
+            for (long v = 0; v < slab.stride; ++v) out[v] = out[v] / w[v];
+            divided[static_cast<size_t>(q)] = 1;
+        }
+        std::memset(w, 0, static_cast<size_t>(slab.stride) * sizeof(float));
+    }
+
+    korvo_detail::WorkerReach reach_;
+    int next_;  // the lowest plane that has not left
+    float* ring_ = nullptr;
 };
 
 // Matches found ahead for the worker with the most slices by the last one, once
@@ -504,13 +613,23 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
     }
 
     const Vec3<int>& imageSize = params.imageSize;
+    const korvo_detail::ReferenceGrid grid(params);
+    const korvo_detail::SlicePlan plan = korvo_detail::planSlices(params, pool.getNumThreads());
+    // The weight accumulator: the whole image's, or (rings) only the planes held in slabs.
+    const korvo_detail::WeightPlan weightPlan = korvo_detail::planWeights(params, grid, plan);
+    const bool ringed = weightPlan.ringPlanes > 0;
+    const int extent = grid.sliceAxis == 2 ? imageSize.z : imageSize.y;
+    const long planeElements = static_cast<long>(imageSize.x) * imageSize.y * imageSize.z / extent;
     auto* weightData = static_cast<float*>(
-        std::calloc(static_cast<size_t>(imageSize.x) * imageSize.y * imageSize.z, sizeof(float)));
+        std::calloc(ringed ? static_cast<size_t>(std::max(weightPlan.heldCount, 1)) * planeElements
+                           : static_cast<size_t>(imageSize.x) * imageSize.y * imageSize.z,
+                    sizeof(float)));
     if (weightData == nullptr) {
         report("Failed to allocate memory for buffer.");
         return false;
     }
     ImageDataMutable<float> weights(weightData, imageSize, true);
+    std::vector<char> divided(ringed ? static_cast<size_t>(extent) : 0, 0);
 
     // Noise model, prepared once for the whole stage.
     Vec3<int> kept = params.psdWorkSize;
@@ -548,7 +667,6 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
     resources.kernel = nullptr;
 
     // A band that is whole everywhere is filled once and shared.
-    const korvo_detail::ReferenceGrid grid(params);
     const korvo_detail::CollectionBands bands = korvo_detail::collectionBands(params);
     const Vec3<int>& band = bands.halfExtent;
     const bool wholeBand = bands.whole;
@@ -573,7 +691,6 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
     std::atomic<bool> failed{false};
     const Vec3<T*> moveTransforms{const_cast<T*>(meta.forward.x), const_cast<T*>(meta.forward.y),
                                   const_cast<T*>(meta.forward.z)};
-    const korvo_detail::SlicePlan plan = korvo_detail::planSlices(params, pool.getNumThreads());
     std::vector<SlabBuffers<T>> slabs(static_cast<size_t>(plan.workers));
     // The last busy worker, having fewer slices, helps the one before it. Not
     // with a match storage: its rows are the caller's to record or replay.
@@ -598,11 +715,16 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
         } leave{owning ? &handoff : nullptr};
         const FlushSubnormals flush;
         AggregationSlab<T> slab;
-        if (!slabs[static_cast<size_t>(t)].allocate(params, grid, plan, t, slab)) {
+        WeightRing<T> ring(params, grid, plan, t, extent);
+        if (!slabs[static_cast<size_t>(t)].allocate(params, grid, plan, t, slab) ||
+            (ringed && !ring.allocate(weightPlan.ringPlanes, slab))) {
             report("Failed to allocate memory for buffer.");
             failed.store(true);
             return;
         }
+        const auto enter = [&](int k) {
+            if (ringed) ring.enter(k, slab, output.data(), weights.data(), weightPlan.held, divided);
+        };
         ThreadMemory<T> tm(params, kept);
         if (!tm.memory.allocated || !tm.tempMemory.allocated) {
             report("Error: could not allocate working memory");
@@ -625,6 +747,7 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
         bool havePrevious = false;
         Vec3<int> previous{0, 0, 0};
         for (int k = first; k < end; ++k) {
+            enter(k);
             for (int j = 0; j < rowCount; ++j) {
                 if (monitor != nullptr && monitor->cancel.load(std::memory_order_relaxed)) {
                     failed.store(true);
@@ -652,6 +775,7 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
             }
             if (monitor != nullptr) monitor->slicesDone.fetch_add(1);
         }
+        enter(end);
         if (!helping || t != plan.busy - 1) return;
         // Helper: rows ahead of the owner, while ring slots are free.
         const int ownerFirst = handoff.firstSlice;
@@ -702,11 +826,27 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
     if (failed.load()) return false;
 
     // Each worker's slab after the planes it shares, in worker order.
-    for (const SlabBuffers<T>& slab : slabs) slab.mergeInto(output.data(), weights.data());
     T* out = output.data();
-    const float* w = weights.data();
-    const long voxels = static_cast<long>(imageSize.x) * imageSize.y * imageSize.z;
-    for (long v = 0; v < voxels; ++v) out[v] = out[v] / w[v];
+    float* w = weights.data();
+    if (!ringed) {
+        for (const SlabBuffers<T>& slab : slabs) slab.mergeInto(out, [&](int q) { return w + q * planeElements; });
+        const long voxels = static_cast<long>(imageSize.x) * imageSize.y * imageSize.z;
+        for (long v = 0; v < voxels; ++v) out[v] = out[v] / w[v];
+        return true;
+    }
+    const std::vector<int>& held = weightPlan.held;
+    for (const SlabBuffers<T>& slab : slabs) {
+        slab.mergeInto(out, [&](int q) { return w + held[static_cast<size_t>(q)] * planeElements; });
+    }
+    // The held planes, and any plane no worker wrote (0 / 0, as the whole accumulator gives).
+    const float none = 0.0f;
+    for (int q = 0; q < extent; ++q) {
+        const int h = held[static_cast<size_t>(q)];
+        if (h < 0 && divided[static_cast<size_t>(q)]) continue;
+        T* plane = out + q * planeElements;
+        const float* planeWeights = h >= 0 ? w + h * planeElements : nullptr;
+        for (long v = 0; v < planeElements; ++v) plane[v] = plane[v] / (planeWeights ? planeWeights[v] : none);
+    }
     return true;
 }
 

@@ -116,6 +116,19 @@ struct SlicePlan {
 };
 // For a record with normalised axis arrays.
 SlicePlan planSlices(const Parameters& params, int threads);
+
+// How a stage keeps its weight accumulator. Where the bands are split along the
+// slice axis (so that every group, found or replayed, lies within the search
+// window of its reference along it), each worker keeps the weights of the planes
+// it alone writes in a ring of `ringPlanes` planes, and the planes held in
+// workers' slabs (`held`: per plane its index among them, or -1) wait for the
+// merge. Otherwise (`ringPlanes` 0) the accumulator covers the whole image.
+struct WeightPlan {
+    int ringPlanes = 0;
+    std::vector<int> held;
+    int heldCount = 0;
+};
+WeightPlan planWeights(const Parameters& params, const ReferenceGrid& grid, const SlicePlan& plan);
 }  // namespace korvo_detail
 
 template <StageName stage, typename T>

@@ -152,7 +152,8 @@ void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int 
     T* num = numerator.data();
     float* wts = weights.data();
     const bool slabbed = slab != nullptr && slab->count > 0;
-    const bool alongZ = !slabbed || slab->sliceAxis == 2;
+    const bool ringed = slab != nullptr && slab->ring != nullptr;
+    const bool alongZ = slab == nullptr || slab->sliceAxis == 2;
     const int slabFirst = slabbed ? slab->first : 0;
     const int slabEnd = slabbed ? slab->first + slab->count : 0;
     // Start of row (y, z) of the block at p: in the slab on the planes it holds.
@@ -161,6 +162,16 @@ void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int 
         const int plane = alongZ ? p.z + z : p.y + y;
         if (plane >= slabFirst && plane < slabEnd) return own + (offset - slabFirst * slab->stride);
         return shared + offset;
+    };
+    // The same for the weights, whose other planes may be in the worker's ring.
+    auto weightRow = [&](const Vec3<int>& p, int y, int z) {
+        if (!ringed) return row(wts, slabbed ? slab->weights : wts, p, y, z);
+        const long offset = p.x + (p.y + y) * rowStride + (p.z + z) * planeStride;
+        const int plane = alongZ ? p.z + z : p.y + y;
+        if (plane >= slabFirst && plane < slabEnd) return slab->weights + (offset - slabFirst * slab->stride);
+        long at = plane - slab->ringOrigin;
+        if (at >= slab->ringPlanes) at -= slab->ringPlanes;
+        return slab->ring + (offset + (at - plane) * slab->stride);
     };
     // Up to this many samples a block's contributions are formed first, whole
     // (eight lanes at a time), and then only added row by row.
@@ -186,7 +197,7 @@ void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int 
             for (int z = 0; z < bz; ++z) {
                 for (int y = 0; y < by; ++y) {
                     const float* w = window + bx * (y + by * z);
-                    float* KORVO_RESTRICT wRow = row(wts, slabbed ? slab->weights : wts, p, y, z);
+                    float* KORVO_RESTRICT wRow = weightRow(p, y, z);
                     for (int x = 0; x < bx; ++x) wRow[x] += w[x] / vW;
                 }
             }
@@ -200,7 +211,7 @@ void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int 
             for (int y = 0; y < by; ++y) {
                 const long at = bx * (y + by * z);
                 T* KORVO_RESTRICT numRow = row(num, slabbed ? slab->numerator : num, p, y, z);
-                float* KORVO_RESTRICT wRow = row(wts, slabbed ? slab->weights : wts, p, y, z);
+                float* KORVO_RESTRICT wRow = weightRow(p, y, z);
                 for (int x = 0; x < bx; ++x) numRow[x] += formedNum[at + x];
                 for (int x = 0; x < bx; ++x) wRow[x] += formedWts[at + x];
             }

@@ -22,6 +22,12 @@ struct AggregationSlab {
     long stride = 0;    // elements of one plane
     T* numerator = nullptr;
     float* weights = nullptr;
+    // Where the bands are split along the slice axis, the weights of the planes
+    // the worker alone writes stay in a ring of a few planes, each divided out
+    // as the worker leaves it: plane q sits at q - ringOrigin, wrapped by ringPlanes.
+    float* ring = nullptr;
+    int ringPlanes = 0;
+    int ringOrigin = 0;
 };
 
 template <StageName stage, typename T>

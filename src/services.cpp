@@ -384,13 +384,19 @@ long long korvoWorkingBytes(const Parameters* params, int stage) {
     const long long group = p.maxGroupSize;
     const Vec3<int>& sw = p.searchWindow;
     const long long window = (2LL * sw.x + 1) * (2LL * sw.y + 1) * (2LL * sw.z + 1);
-    // The weight image, the noise covariance table, the distance table and the
+    // The weights (the whole image's, or each worker's ring and the planes held
+    // for the merge), the noise covariance table, the distance table and the
     // per-coefficient variances.
-    const CovarianceTable covariance{p.psdWorkSize, p.psdWorkSize, static_cast<int>(block)};
-    long long bytes = product(p.imageSize) * f + covariance.rows() * block * f + window * f + block * f;
     const korvo_detail::ReferenceGrid grid(p);
     const korvo_detail::SlicePlan plan =
         korvo_detail::planSlices(p, korvo_detail::poolThreadCount(p.numThreads));
+    const korvo_detail::WeightPlan weights = korvo_detail::planWeights(p, grid, plan);
+    const long long extent = grid.sliceAxis == 2 ? p.imageSize.z : p.imageSize.y;
+    const long long weightPlanes =
+        weights.ringPlanes == 0 ? extent : static_cast<long long>(weights.ringPlanes) * plan.busy + weights.heldCount;
+    const CovarianceTable covariance{p.psdWorkSize, p.psdWorkSize, static_cast<int>(block)};
+    long long bytes = product(p.imageSize) / extent * weightPlanes * f + covariance.rows() * block * f +
+                      window * f + block * f;
     // Per worker: the group's four cubes, its match records, the block scratch.
     bytes += plan.busy * ((4 * block * group + group + 3 * block) * f +
                           group * static_cast<long long>(sizeof(BlockDistance<float>)));

@@ -84,7 +84,9 @@ TEST(Denoise, RunsAgreeAcrossStoragesKernelSetsThreadsAndBands) {
         {{26, 24, 30}, {4, 4, 4}, 0, false},  // slices of 8 and 6 on two threads
         {{26, 24, 30}, {4, 4, 4}, 4, false}, {{26, 24, 30}, {4, 4, 4}, 6, false},
         {{26, 24, 30}, {4, 4, 4}, 7, false}, {{26, 24, 30}, {4, 4, 4}, 0, true},
-        {{60, 90, 1}, {8, 8, 1}, 0, true},   {{60, 90, 1}, {8, 8, 1}, 2, true}};
+        {{60, 90, 1}, {8, 8, 1}, 0, true},   {{60, 90, 1}, {8, 8, 1}, 2, true},
+        // Deep enough that split bands keep their weights in rings on one and two threads.
+        {{26, 24, 60}, {4, 4, 4}, 0, false}, {{26, 24, 60}, {4, 4, 4}, 4, false}};
     std::vector<float> whole;  // whole bands on two threads: the first of each scene's cases
     for (const auto& c : cases) {
         std::vector<float> psd{0.01f};

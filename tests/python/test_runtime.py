@@ -149,7 +149,7 @@ def test_split_choice_follows_memory_and_the_call_runs_what_resolve_shows(monkey
     assert choose_split(record((12, 256, 256), 1), 1, None, _native) == (False, False, False)
     # Each stage is held to what it holds: the hard-thresholding stage has no
     # Wiener result yet, so it can keep larger bands than the Wiener stage.
-    records = korvo.KORVOProfile(num_threads=2, memory_limit=24 * 10**6).resolve((100, 100, 100))
+    records = korvo.KORVOProfile(num_threads=2, memory_limit=20 * 10**6).resolve((100, 100, 100))
     assert records["ht"].split_block_extraction == (False, True, True)
     assert records["wiener"].split_block_extraction == (True, True, True)
     plane = record((4000, 4000), 0)
