@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <utility>
 
 #include "Kernels.h"
@@ -94,6 +95,10 @@ struct Lanes {
     static V add(V a, V b) { return _mm256_add_ps(a, b); }
     static V load(const float* p) { return _mm256_loadu_ps(p); }
     static void store(float* p, V v) { _mm256_storeu_ps(p, v); }
+    // Whether every lane is at least `bound`.
+    static bool atLeast(V v, float bound) {
+        return _mm256_movemask_ps(_mm256_cmp_ps(v, _mm256_set1_ps(bound), _CMP_GE_OQ)) == 0xFF;
+    }
 };
 #define KORVO_SEARCH_LANES 1
 #elif defined(KORVO_SEARCH_SSE)
@@ -113,6 +118,7 @@ struct Lanes {
         _MM_TRANSPOSE4_PS(column[0], column[1], column[2], column[3]);
     }
     static V add(V a, V b) { return _mm_add_ps(a, b); }
+    static bool atLeast(V v, float bound) { return _mm_movemask_ps(_mm_cmpge_ps(v, _mm_set1_ps(bound))) == 0xF; }
 };
 #define KORVO_SEARCH_LANES 1
 #endif
@@ -156,27 +162,33 @@ inline void addColumns(Lanes::V& acc, const float* const* cand, const float* ref
 
 // The sums of several registers of candidates, whose chains overlap. The
 // registers are named one by one (not looped over) so that they stay registers.
+// Once every lane is at least `bound` the rest is left out: contributions are
+// non-negative, so such a sum can only end at or above it.
 template <std::size_t... g>
 void addDistancesLanes(std::index_sequence<g...>, float* d, const float* const* cand, const float* ref,
-                       int volume) {
+                       int volume, float bound) {
     constexpr int w = Lanes::kWidth;
+    constexpr int kCheck = 2 * w;  // coefficients between looks at the bound
     Lanes::V acc[sizeof...(g)] = {Lanes::load(d + g * w)...};
     for (int e = 0; e < volume; e += w) {
         (addColumns(acc[g], cand + g * w, ref, e), ...);
+        if ((e + w) % kCheck == 0 && e + w < volume && (Lanes::atLeast(acc[g], bound) && ...)) break;
     }
     (Lanes::store(d + g * w, acc[g]), ...);
 }
 #endif
 
-// Full sums of a padded batch of n candidates (n a multiple of kLanes).
+// Sums of a padded batch of n candidates (n a multiple of kLanes): each the
+// full sum, or (vector lanes only) a partial one at least `bound`.
 template <typename T>
-inline void addDistancesBatch(float* d, const T* const* cand, const T* ref, int volume, int n) {
+inline void addDistancesBatch(float* d, const T* const* cand, const T* ref, int volume, int n, float /*bound*/) {
     for (int i = 0; i < n; i += kLanes) addDistancesChains(d + i, cand + i, ref, volume);
 }
 
 #if defined(KORVO_SEARCH_LANES)
 template <>
-inline void addDistancesBatch<float>(float* d, const float* const* cand, const float* ref, int volume, int n) {
+inline void addDistancesBatch<float>(float* d, const float* const* cand, const float* ref, int volume, int n,
+                                     float bound) {
     constexpr int w = Lanes::kWidth;
     if (volume % w != 0) {
         for (int i = 0; i < n; i += kLanes) addDistancesChains(d + i, cand + i, ref, volume);
@@ -184,9 +196,9 @@ inline void addDistancesBatch<float>(float* d, const float* const* cand, const f
     }
     int i = 0;
     for (; i + Lanes::kInFlight * w <= n; i += Lanes::kInFlight * w) {
-        addDistancesLanes(std::make_index_sequence<Lanes::kInFlight>(), d + i, cand + i, ref, volume);
+        addDistancesLanes(std::make_index_sequence<Lanes::kInFlight>(), d + i, cand + i, ref, volume, bound);
     }
-    for (; i < n; i += w) addDistancesLanes(std::make_index_sequence<1>(), d + i, cand + i, ref, volume);
+    for (; i < n; i += w) addDistancesLanes(std::make_index_sequence<1>(), d + i, cand + i, ref, volume, bound);
 }
 #endif
 
@@ -228,13 +240,17 @@ int search(const CollectionView<T>& coll, const float* distanceCorrection, const
     };
     Batch batches[2];
     const auto sum = [&](Batch& b) {
-        // Padding lanes read the reference block; their sums are not looked at.
+        // Padding lanes read the reference block; their sums are not looked at
+        // (and, infinite, never keep a register from stopping early).
         const int padded = (b.count + kLanes - 1) / kLanes * kLanes;
         for (int i = b.count; i < padded; ++i) {
             b.block[i] = ref;
-            b.distance[i] = 0.0f;
+            b.distance[i] = std::numeric_limits<float>::infinity();
         }
-        addDistancesBatch(b.distance, b.block, ref, volume, padded);
+        // With the queue full, a candidate is taken only below the worst, which
+        // only drops: a sum that reaches the worst of now is decided already.
+        const float bound = size == capacity ? worst : std::numeric_limits<float>::infinity();
+        addDistancesBatch(b.distance, b.block, ref, volume, padded, bound);
     };
     std::uint64_t* const keys = scratch.keys;
     const auto take = [&](const Batch& b, int i, int slot) {
