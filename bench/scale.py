@@ -12,6 +12,7 @@ volume's float32 bytes.
     python bench/scale.py sizes          # 64^3 .. 256^3 in memory, 1 thread and all threads
     python bench/scale.py big [--size N] # 512^3 from a .npy on disk through dask, to a .npy
     python bench/scale.py dask           # the dask path against the in-memory call
+    python bench/scale.py breakdown      # where a call's peak memory goes, by the package's estimate
 """
 
 from __future__ import annotations
@@ -161,6 +162,28 @@ def compare_dask(args):
           f"{np.max(np.abs(chunked - whole)):.2e} (data range 1)")
 
 
+def breakdown(args):
+    """The package's own estimate of each stage's peak (it counts whole
+    allocations), in multiples of the volume's float32 bytes: the volumes the
+    call holds (working copy, pilot, result), the block collections and the
+    rest of the native working memory (weights, noise tables, group buffers)."""
+    from korvo import _native
+
+    volume_bytes = 4 * args.size ** 3
+    print("| threads | stage | bands (x, y, z) | held | collections | other | total |\n"
+          "|---|---|---|---|---|---|---|")
+    for threads in sorted({1, korvo.profile._cpu_count()}):
+        records = korvo.KORVOProfile(num_threads=threads).resolve((args.size,) * 3)
+        for stage, key in enumerate(("ht", "wiener")):
+            record = records[key]
+            held = 2 + stage  # the working copy and the stage's output; the Wiener stage also the pilot
+            parts = [held, _native.collection_bytes(record, stage) / volume_bytes,
+                     _native.working_bytes(record, stage) / volume_bytes]
+            bands = "".join("T" if s else "F" for s in record.split_block_extraction)
+            print(f"| {threads} | {key} | {bands} | " + " | ".join(f"{p:.2f}" for p in parts) +
+                  f" | {sum(parts):.2f} |")
+
+
 def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     sub = parser.add_subparsers(dest="what", required=True)
@@ -185,6 +208,9 @@ def main(argv=None):
     p = sub.add_parser("dask")
     p.add_argument("--size", type=int, default=160)
     p.set_defaults(run=compare_dask)
+    p = sub.add_parser("breakdown")
+    p.add_argument("--size", type=int, default=100)
+    p.set_defaults(run=breakdown)
     args = parser.parse_args(argv)
     args.run(args)
 
