@@ -989,13 +989,17 @@ class _FloorShift:
     """Denoised stabilised data less the lift the denoiser gave the
     background. Groups near tissue carry a little of its brightness into
     background blocks several voxels away (+0.005 on average in the
-    stabilised units of a 64^3 head at SNR 3, away from all tissue, where
-    pure noise keeps its mean to 0.001); the inverse, steepest at the noise
-    floor, made that a dark bias of about 1 % of the range, which this
-    halves. Data of another shape, or without a background, pass unchanged."""
+    stabilised units of a 64^3 head at SNR 3, away from all tissue); the
+    inverse, steepest at the noise floor, turns such offsets into a dark
+    bias of the order of 1 % of the range. The lift itself scatters by about
+    0.005 from one noise draw to the next (the denoised background's mean
+    is not the noise's), so it steadies the dark bias more than it lowers
+    it: over six draws at SNR 3, +1.81 +- 0.55 % against +1.83 +- 0.72 %
+    without it (one coil), +2.33 +- 0.36 % against +2.74 +- 1.88 % (four
+    coils). Data of another shape, or without a background, pass unchanged."""
 
-    # Strided samples of the background: the lift's sampling error stays near
-    # 1e-4, and each channel's inverse keeps under a MiB.
+    # Strided samples of the background: subsampling adds an error near 1e-4
+    # to the lift, and each channel's inverse keeps under a MiB.
     _SAMPLES = 100_000
     _LARGEST = 0.1  # more is no lift by blur: the background was misjudged
 
