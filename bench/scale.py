@@ -41,7 +41,7 @@ def volume(size):
     """A real volume of size^3 voxels: the centre crop, mirrored where too small."""
     full, _ = datasets.load(VOLUME, crop=None)
     while min(full.shape) < size:
-        full = np.pad(full, [(0, min(n, size - n)) for n in full.shape], mode="symmetric")
+        full = np.pad(full, [(0, max(0, min(n, size - n))) for n in full.shape], mode="symmetric")
     return np.ascontiguousarray(datasets.center_crop(full, size))
 
 
