@@ -696,7 +696,14 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
     // with a match storage: its rows are the caller's to record or replay.
     const int owner = plan.busy - 2;
     MatchHandoff handoff;
-    const bool helping = owner >= 0 && storage == nullptr &&
+    // The helper extracts its bands afresh where the owner's slid into place. The
+    // two transform blocks alike only through plain matrices: a recognised
+    // transform's fast kernel rounds otherwise, and a group must not depend on
+    // which worker matched its row.
+    const auto plain = TransformsMetas::Arbitrary;
+    const bool alike = meta.forwardKinds.x == plain && meta.forwardKinds.y == plain &&
+                       meta.forwardKinds.z == plain;
+    const bool helping = owner >= 0 && storage == nullptr && alike &&
                          handoff.allocate(owner * plan.perWorker, plan.perWorker, grid.rowsPerSlice(),
                                           grid.counts.x, params.maxGroupSize);
 
