@@ -18,9 +18,13 @@ SPLIT_ADVICE = ("set profile.split_block_extraction = [False, False, True], or i
                 "fails [False, True, True]")
 
 # Peak working memory of a call on the defaults, in multiples of the volume's
-# float32 bytes: the data's working copy, the pilot, the result and the stage's
-# weights take four; the block collections get what is left.
+# float32 bytes: the data's working copy, the pilot and the result take three;
+# the block collections and the rest of the stages' working memory get what is left.
 MEMORY_TARGET = 6
+
+# What the interpreter and the worker threads add during a call besides what
+# the estimate counts: measured at up to 160 KiB over it (80x88x96, two threads).
+CALL_OVERHEAD = 256 * 1024
 
 
 def available_memory():
@@ -64,11 +68,11 @@ def held_bytes(voxels, copy, channels=None):
     ``channels`` (a count: the call has a channel axis), and float32 volumes
     of its own: the hard-thresholding stage its output (the pilot to be), the
     Wiener stage the pilot and its result, the matching pass on a prewhitened
-    copy ("match") that copy and its scratch output."""
+    copy ("match") that copy and its scratch output; and CALL_OVERHEAD."""
     volume = 4 * voxels
     held = 0 if channels is None else volume * channels
     volumes = {0: 1, 1: 2, "match": 2}
-    return {key: held + volume * (int(copy) + n) for key, n in volumes.items()}
+    return {key: held + volume * (int(copy) + n) + CALL_OVERHEAD for key, n in volumes.items()}
 
 
 def stage_budgets(voxels, copy, channels=None, limit=None):
