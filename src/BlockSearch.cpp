@@ -118,7 +118,9 @@ struct Lanes {
         _MM_TRANSPOSE4_PS(column[0], column[1], column[2], column[3]);
     }
     static V add(V a, V b) { return _mm_add_ps(a, b); }
-    static bool atLeast(V v, float bound) { return _mm_movemask_ps(_mm_cmpge_ps(v, _mm_set1_ps(bound))) == 0xF; }
+    static bool atLeast(V v, float bound) {
+        return _mm_movemask_ps(_mm_cmpge_ps(v, _mm_set1_ps(bound))) == 0xF;
+    }
 };
 #define KORVO_SEARCH_LANES 1
 #endif
@@ -181,7 +183,8 @@ void addDistancesLanes(std::index_sequence<g...>, float* d, const float* const* 
 // Sums of a padded batch of n candidates (n a multiple of kLanes): each the
 // full sum, or (vector lanes only) a partial one at least `bound`.
 template <typename T>
-inline void addDistancesBatch(float* d, const T* const* cand, const T* ref, int volume, int n, float /*bound*/) {
+inline void addDistancesBatch(float* d, const T* const* cand, const T* ref, int volume, int n,
+                              float /*bound*/) {
     for (int i = 0; i < n; i += kLanes) addDistancesChains(d + i, cand + i, ref, volume);
 }
 
@@ -198,7 +201,9 @@ inline void addDistancesBatch<float>(float* d, const float* const* cand, const f
     for (; i + Lanes::kInFlight * w <= n; i += Lanes::kInFlight * w) {
         addDistancesLanes(std::make_index_sequence<Lanes::kInFlight>(), d + i, cand + i, ref, volume, bound);
     }
-    for (; i < n; i += w) addDistancesLanes(std::make_index_sequence<1>(), d + i, cand + i, ref, volume, bound);
+    for (; i < n; i += w) {
+        addDistancesLanes(std::make_index_sequence<1>(), d + i, cand + i, ref, volume, bound);
+    }
 }
 #endif
 

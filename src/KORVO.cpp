@@ -218,11 +218,14 @@ WeightPlan planWeights(const Parameters& params, const ReferenceGrid& grid, cons
     weights.held.assign(static_cast<size_t>(extent), -1);
     for (size_t t = 0; t < plan.slabCount.size(); ++t) {
         for (int q = plan.slabFirst[t]; q < plan.slabFirst[t] + plan.slabCount[t]; ++q) {
-            if (weights.held[static_cast<size_t>(q)] < 0) weights.held[static_cast<size_t>(q)] = weights.heldCount++;
+            int& index = weights.held[static_cast<size_t>(q)];
+            if (index < 0) index = weights.heldCount++;
         }
     }
     int ring = 1;
-    for (int t = 0; t < plan.busy; ++t) ring = std::max(ring, WorkerReach(params, grid, plan, t, extent).width());
+    for (int t = 0; t < plan.busy; ++t) {
+        ring = std::max(ring, WorkerReach(params, grid, plan, t, extent).width());
+    }
     // Worth it only where the rings and held planes are fewer than the image's.
     if (static_cast<long long>(ring) * plan.busy + weights.heldCount >= extent) return WeightPlan{};
     weights.ringPlanes = ring;
@@ -419,16 +422,20 @@ public:
                std::vector<char>& divided) {
         const size_t i = static_cast<size_t>(k - reach_.firstSlice);
         const int lowest = reach_.lowest[i];
-        for (; next_ < lowest && next_ <= reach_.hull.last; ++next_) leave(next_, slab, output, held, heldIndex, divided);
+        for (; next_ < lowest && next_ <= reach_.hull.last; ++next_) {
+            leave(next_, slab, output, held, heldIndex, divided);
+        }
         slab.ringOrigin = lowest / slab.ringPlanes * slab.ringPlanes;
     }
 
 private:
-    void leave(int q, const AggregationSlab<T>& slab, T* output, float* held, const std::vector<int>& heldIndex,
-               std::vector<char>& divided) {
+    void leave(int q, const AggregationSlab<T>& slab, T* output, float* held,
+               const std::vector<int>& heldIndex, std::vector<char>& divided) {
         if (q >= slab.first && q < slab.first + slab.count) return;  // the slab's, merged later
         bool reached = false;
-        for (const korvo_detail::PlaneRange& r : reach_.slice) reached = reached || (!r.empty() && q >= r.first && q <= r.last);
+        for (const korvo_detail::PlaneRange& r : reach_.slice) {
+            reached = reached || (!r.empty() && q >= r.first && q <= r.last);
+        }
         if (!reached) return;  // another worker's
         float* w = ring_ + (q % slab.ringPlanes) * slab.stride;
         const int h = heldIndex[static_cast<size_t>(q)];
@@ -836,7 +843,9 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
     T* out = output.data();
     float* w = weights.data();
     if (!ringed) {
-        for (const SlabBuffers<T>& slab : slabs) slab.mergeInto(out, [&](int q) { return w + q * planeElements; });
+        for (const SlabBuffers<T>& slab : slabs) {
+            slab.mergeInto(out, [&](int q) { return w + q * planeElements; });
+        }
         const long voxels = static_cast<long>(imageSize.x) * imageSize.y * imageSize.z;
         for (long v = 0; v < voxels; ++v) out[v] = out[v] / w[v];
         return true;
@@ -852,7 +861,9 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
         if (h < 0 && divided[static_cast<size_t>(q)]) continue;
         T* plane = out + q * planeElements;
         const float* planeWeights = h >= 0 ? w + h * planeElements : nullptr;
-        for (long v = 0; v < planeElements; ++v) plane[v] = plane[v] / (planeWeights ? planeWeights[v] : none);
+        for (long v = 0; v < planeElements; ++v) {
+            plane[v] = plane[v] / (planeWeights != nullptr ? planeWeights[v] : none);
+        }
     }
     return true;
 }

@@ -392,9 +392,9 @@ long long korvoWorkingBytes(const Parameters* params, int stage) {
         korvo_detail::planSlices(p, korvo_detail::poolThreadCount(p.numThreads));
     const korvo_detail::WeightPlan weights = korvo_detail::planWeights(p, grid, plan);
     const long long extent = grid.sliceAxis == 2 ? p.imageSize.z : p.imageSize.y;
+    const long long ringPlanes = static_cast<long long>(weights.ringPlanes) * plan.busy;
     const long long weightPlanes =
-        weights.ringPlanes == 0 ? extent
-                                : static_cast<long long>(weights.ringPlanes) * plan.busy + std::max(weights.heldCount, 1);
+        weights.ringPlanes == 0 ? extent : ringPlanes + std::max(weights.heldCount, 1);
     const CovarianceTable covariance{p.psdWorkSize, p.psdWorkSize, static_cast<int>(block)};
     long long bytes = product(p.imageSize) / extent * weightPlanes * f + covariance.rows() * block * f +
                       window * f + block * f;
