@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
 #include <system_error>
 #include <thread>
 
@@ -729,15 +730,16 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
         } leave{owning ? &handoff : nullptr};
         const FlushSubnormals flush;
         AggregationSlab<T> slab;
-        WeightRing<T> ring(params, grid, plan, t, extent);
+        std::optional<WeightRing<T>> ring;
+        if (ringed) ring.emplace(params, grid, plan, t, extent);
         if (!slabs[static_cast<size_t>(t)].allocate(params, grid, plan, t, slab) ||
-            (ringed && !ring.allocate(weightPlan.ringPlanes, slab))) {
+            (ring && !ring->allocate(weightPlan.ringPlanes, slab))) {
             report("Failed to allocate memory for buffer.");
             failed.store(true);
             return;
         }
         const auto enter = [&](int k) {
-            if (ringed) ring.enter(k, slab, output.data(), weights.data(), weightPlan.held, divided);
+            if (ring) ring->enter(k, slab, output.data(), weights.data(), weightPlan.held, divided);
         };
         ThreadMemory<T> tm(params, kept);
         if (!tm.memory.allocated || !tm.tempMemory.allocated) {
