@@ -156,22 +156,23 @@ void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int 
     const bool alongZ = slab == nullptr || slab->sliceAxis == 2;
     const int slabFirst = slabbed ? slab->first : 0;
     const int slabEnd = slabbed ? slab->first + slab->count : 0;
-    // Start of row (y, z) of the block at p: in the slab on the planes it holds.
-    auto row = [&](auto* shared, auto* own, const Vec3<int>& p, int y, int z) {
-        const long offset = p.x + (p.y + y) * rowStride + (p.z + z) * planeStride;
-        const int plane = alongZ ? p.z + z : p.y + y;
-        if (plane >= slabFirst && plane < slabEnd) return own + (offset - slabFirst * slab->stride);
-        return shared + offset;
+    // Starts of row (y, z) of the block at p in the numerator and the weights: in
+    // the slab on the planes it holds; else the weights in the worker's ring, if any.
+    struct Rows {
+        T* numerator;
+        float* weights;
     };
-    // The same for the weights, whose other planes may be in the worker's ring.
-    auto weightRow = [&](const Vec3<int>& p, int y, int z) {
-        if (!ringed) return row(wts, slabbed ? slab->weights : wts, p, y, z);
+    auto rows = [&](const Vec3<int>& p, int y, int z) {
         const long offset = p.x + (p.y + y) * rowStride + (p.z + z) * planeStride;
         const int plane = alongZ ? p.z + z : p.y + y;
-        if (plane >= slabFirst && plane < slabEnd) return slab->weights + (offset - slabFirst * slab->stride);
+        if (plane >= slabFirst && plane < slabEnd) {
+            const long at = offset - slabFirst * slab->stride;
+            return Rows{slab->numerator + at, slab->weights + at};
+        }
+        if (!ringed) return Rows{num + offset, wts + offset};
         long at = plane - slab->ringOrigin;
         if (at >= slab->ringPlanes) at -= slab->ringPlanes;
-        return slab->ring + (offset + (at - plane) * slab->stride);
+        return Rows{num + offset, slab->ring + (offset + (at - plane) * slab->stride)};
     };
     // Up to this many samples a block's contributions are formed first, whole
     // (eight lanes at a time), and then only added row by row.
@@ -190,14 +191,14 @@ void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int 
                 for (int y = 0; y < by; ++y) {
                     const T* g = block + bx * (y + by * z);
                     const float* w = window + bx * (y + by * z);
-                    T* KORVO_RESTRICT numRow = row(num, slabbed ? slab->numerator : num, p, y, z);
+                    T* KORVO_RESTRICT numRow = rows(p, y, z).numerator;
                     for (int x = 0; x < bx; ++x) numRow[x] += g[x] * w[x] / vN;
                 }
             }
             for (int z = 0; z < bz; ++z) {
                 for (int y = 0; y < by; ++y) {
                     const float* w = window + bx * (y + by * z);
-                    float* KORVO_RESTRICT wRow = weightRow(p, y, z);
+                    float* KORVO_RESTRICT wRow = rows(p, y, z).weights;
                     for (int x = 0; x < bx; ++x) wRow[x] += w[x] / vW;
                 }
             }
@@ -210,8 +211,9 @@ void aggregate(const BlockDistance<T>* matches, const Vec3<int>& blockSize, int 
         for (int z = 0; z < bz; ++z) {
             for (int y = 0; y < by; ++y) {
                 const long at = bx * (y + by * z);
-                T* KORVO_RESTRICT numRow = row(num, slabbed ? slab->numerator : num, p, y, z);
-                float* KORVO_RESTRICT wRow = weightRow(p, y, z);
+                const Rows r = rows(p, y, z);
+                T* KORVO_RESTRICT numRow = r.numerator;
+                float* KORVO_RESTRICT wRow = r.weights;
                 for (int x = 0; x < bx; ++x) numRow[x] += formedNum[at + x];
                 for (int x = 0; x < bx; ++x) wRow[x] += formedWts[at + x];
             }
