@@ -14,17 +14,20 @@ std::vector<BlockDistance<T>>& spareQueueStorage() {
     return spare;
 }
 
-// Each thread's candidate-heap storage, grown only when the group limit grows.
+// Each thread's candidate storage, grown only when the group limit or the
+// window grows.
 template <typename T>
-SearchScratch<T> searchScratch(int maxGroupSize) {
+SearchScratch<T> searchScratch(int maxGroupSize, long positions) {
     static thread_local std::vector<std::uint64_t> keys;
+    static thread_local std::vector<float> distances;
     static thread_local std::vector<BlockDistance<T>> records;
     const size_t n = static_cast<size_t>(std::max(maxGroupSize, 1));
     if (keys.size() < n) {
         keys.resize(n);
-        records.resize(n);
+        distances.resize(n);
     }
-    return {keys.data(), records.data()};
+    if (records.size() < static_cast<size_t>(positions)) records.resize(static_cast<size_t>(positions));
+    return {keys.data(), distances.data(), records.data()};
 }
 
 inline bool isPowerOfTwo(long n) { return n > 0 && (n & (n - 1)) == 0; }
@@ -59,7 +62,10 @@ BlockQueue<T> blockMatching(const BlockCollection<T>& coll, const float* distanc
         coll.getBlock(windowEnd);
     }
     const CollectionView<T> view{coll.blockAtSlot(0), coll.blockElements(), coll.bufferRange()};
-    const SearchScratch<T> scratch = searchScratch<T>(maxGroupSize);
+    const auto extent = [](int lo, int hi) { return static_cast<long>(std::max(hi - lo + 1, 0)); };
+    const SearchScratch<T> scratch = searchScratch<T>(
+        maxGroupSize,
+        extent(windowStart.x, windowEnd.x) * extent(windowStart.y, windowEnd.y) * extent(windowStart.z, windowEnd.z));
     const int kept = searchKernel(coll)(view, distanceCorrection, refPos, blockSize, searchWindow, windowStart,
                                         windowEnd, maxGroupSize, scratch);
     queue.adoptHeap(scratch.records, scratch.keys, kept);

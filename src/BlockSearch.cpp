@@ -207,7 +207,21 @@ inline void addDistancesBatch<float>(float* d, const float* const* cand, const f
 }
 #endif
 
-}  // namespace
+// How a search keeps its candidates. Sorted: by descending distance, the worst
+// first, which is also a heap; every accepted candidate is logged. Heap: the
+// standard heap, exactly as the queue builds it.
+enum class Keep { Sorted, Heap };
+
+// A push, or a pop then a push, exactly as the queue makes them.
+inline void heapAdd(std::uint64_t* keys, long& size, long capacity, std::uint64_t key) {
+    if (size < capacity) {
+        keys[size++] = key;
+    } else {
+        std::pop_heap(keys, keys + size, ByDistance());  // the worst goes last; its slot is free
+        keys[size - 1] = key;
+    }
+    std::push_heap(keys, keys + size, ByDistance());
+}
 
 // Candidates are gathered in batches whose full sums run side by side; the
 // decisions still run one candidate after another in visiting order (the first
@@ -217,13 +231,11 @@ inline void addDistancesBatch<float>(float* d, const float* const* cand, const f
 // as a one-at-a-time search with early rejection leaves it.
 // Candidates are read by ring slot along each row; the caller has checked that
 // the window lies inside the collection's band.
-template <typename T>
-int search(const CollectionView<T>& coll, const float* distanceCorrection, const Vec3<int>& refPos,
-           const Vec3<int>& blockSize, const Vec3<int>& searchWindow, const Vec3<int>& windowStart,
-           const Vec3<int>& windowEnd, int maxGroupSize, const SearchScratch<T>& scratch) {
-    if (maxGroupSize == 1) {
-        return 0;
-    }
+// Returns the number kept, or -1 where a Sorted search met a NaN distance.
+template <Keep keep, typename T>
+int searchKept(const CollectionView<T>& coll, const float* distanceCorrection, const Vec3<int>& refPos,
+               const Vec3<int>& blockSize, const Vec3<int>& searchWindow, const Vec3<int>& windowStart,
+               const Vec3<int>& windowEnd, int maxGroupSize, const SearchScratch<T>& scratch) {
     const Vec3<int>& ring = coll.range;
     const auto blockAt = [&coll](long slot) { return coll.buffer + slot * coll.blockElements; };
     const T* ref = blockAt(refPos.x % ring.x + static_cast<long>(refPos.y % ring.y) * ring.x +
@@ -233,7 +245,7 @@ int search(const CollectionView<T>& coll, const float* distanceCorrection, const
     const int spanY = 2 * searchWindow.y + 1;
     const long capacity = static_cast<long>(maxGroupSize) - 1;
     long size = 0;
-    float worst = 0.0f;  // distance of the queue's top once it is full
+    float worst = 0.0f;  // distance of the worst kept candidate once the queue is full
 
     // Two batches: one is summed while the decisions of the one before run, so
     // the branchy decisions overlap the tail of the sums instead of waiting on it.
@@ -258,31 +270,54 @@ int search(const CollectionView<T>& coll, const float* distanceCorrection, const
         addDistancesBatch(b.distance, b.block, ref, volume, padded, bound);
     };
     std::uint64_t* const keys = scratch.keys;
-    const auto take = [&](const Batch& b, int i, int slot) {
-        scratch.records[slot] = BlockDistance<T>{b.block[i], b.distance[i], b.position[i], b.position[i]};
-        return heapKey(b.distance[i], slot);
+    float* const kept = scratch.distances;  // Sorted: the kept distances, descending
+    long logged = 0;                        // Sorted: records[0, logged) in order of acceptance
+    bool tied = false, notANumber = false;
+    // Sorted: where the kept distances are distinct the queue keeps the same
+    // candidates (its decisions read only the worst distance, and it always
+    // drops the one candidate there) and any heap of them pops in the same order.
+    // A distance met twice marks the search for a replay of the log on the heap.
+    const auto add = [&](const Batch& b, int i) {
+        const float d = b.distance[i];
+        if constexpr (keep == Keep::Heap) {
+            const int slot = size < capacity ? static_cast<int>(size) : keySlot(keys[0]);
+            scratch.records[slot] = BlockDistance<T>{b.block[i], d, b.position[i], b.position[i]};
+            heapAdd(keys, size, capacity, heapKey(d, slot));
+        } else {
+            scratch.records[logged] = BlockDistance<T>{b.block[i], d, b.position[i], b.position[i]};
+            const std::uint64_t key = heapKey(d, static_cast<int>(logged++));
+            notANumber |= d != d;
+            long m = size;
+            if (size < capacity) {
+                for (; m > 0 && kept[m - 1] < d; --m) {
+                    kept[m] = kept[m - 1];
+                    keys[m] = keys[m - 1];
+                }
+                tied |= m > 0 && kept[m - 1] == d;
+                ++size;
+            } else {  // the worst, kept[0], leaves
+                for (m = 1; m < size && kept[m] > d; ++m) {
+                    kept[m - 1] = kept[m];
+                    keys[m - 1] = keys[m];
+                }
+                tied |= m < size && kept[m] == d;
+                --m;
+            }
+            kept[m] = d;
+            keys[m] = key;
+        }
+        worst = keyDistance(keys[0]);
     };
-    // A push, and a pop then a push, exactly as the queue makes them.
     const auto decide = [&](const Batch& b) {
         int i = 0;
-        for (; i < b.count && size < capacity; ++i) {
-            keys[size] = take(b, i, static_cast<int>(size));
-            ++size;
-            std::push_heap(keys, keys + size, ByDistance());
-            worst = keyDistance(keys[0]);
-        }
+        for (; i < b.count && size < capacity; ++i) add(b, i);
         // The worst only drops as candidates are taken, so a candidate not below
         // it now never gets in: only the others are looked at, in order.
         std::uint32_t below = 0;
         for (int k = i; k < b.count; ++k) below |= static_cast<std::uint32_t>(b.distance[k] < worst) << k;
         for (; below != 0; below &= below - 1) {
             const int k = lowestBit(below);
-            if (b.distance[k] < worst) {
-                std::pop_heap(keys, keys + size, ByDistance());  // the worst goes last; its slot is free
-                keys[size - 1] = take(b, k, keySlot(keys[size - 1]));
-                std::push_heap(keys, keys + size, ByDistance());
-                worst = keyDistance(keys[0]);
-            }
+            if (b.distance[k] < worst) add(b, k);
         }
     };
     Batch* filling = &batches[0];
@@ -330,8 +365,33 @@ int search(const CollectionView<T>& coll, const float* distanceCorrection, const
     if (filling->count > 0) sum(*filling);
     if (pending) decide(*pending);
     decide(*filling);
+    if constexpr (keep == Keep::Sorted) {
+        if (notANumber) return -1;  // the heap's order with a NaN is its own
+        if (tied) {
+            size = 0;
+            for (long j = 0; j < logged; ++j) {
+                heapAdd(keys, size, capacity, heapKey(scratch.records[j].distance, static_cast<int>(j)));
+            }
+        }
+    }
     for (long k = 0; k < size; ++k) keys[k] = static_cast<std::uint64_t>(keySlot(keys[k]));
     return static_cast<int>(size);
+}
+
+}  // namespace
+
+template <typename T>
+int search(const CollectionView<T>& coll, const float* distanceCorrection, const Vec3<int>& refPos,
+           const Vec3<int>& blockSize, const Vec3<int>& searchWindow, const Vec3<int>& windowStart,
+           const Vec3<int>& windowEnd, int maxGroupSize, const SearchScratch<T>& scratch) {
+    if (maxGroupSize == 1) {
+        return 0;
+    }
+    const int kept = searchKept<Keep::Sorted>(coll, distanceCorrection, refPos, blockSize, searchWindow,
+                                              windowStart, windowEnd, maxGroupSize, scratch);
+    if (kept >= 0) return kept;
+    return searchKept<Keep::Heap>(coll, distanceCorrection, refPos, blockSize, searchWindow, windowStart,
+                                  windowEnd, maxGroupSize, scratch);
 }
 
 template int search<float>(const CollectionView<float>&, const float*, const Vec3<int>&,

@@ -20,12 +20,14 @@ struct CollectionView {
     Vec3<int> range;
 };
 
-// Per-thread storage of a search's candidate heap, owned by the caller (compiled
+// Per-thread storage of a search's candidates, owned by the caller (compiled
 // once, for the baseline), so the kernels instantiate no standard-library code
-// over shared types. Each holds at least maxGroupSize - 1 entries.
+// over shared types. keys and distances hold at least maxGroupSize - 1 entries,
+// records one per position of the window.
 template <typename T>
 struct SearchScratch {
-    std::uint64_t* keys;        // heap of (distance, slot) keys; on return the slots in heap order
+    std::uint64_t* keys;        // (distance, slot) keys; on return the slots in heap order
+    float* distances;           // the kept distances
     BlockDistance<T>* records;  // candidates by slot
 };
 

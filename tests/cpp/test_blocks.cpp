@@ -419,6 +419,7 @@ TEST(BlockMatching, WindowGroupSizeRulesTiesAndNotANumber) {
         {{0, 1, 2, nan, 3}, 0, 4, 3, 0, kInf, {1, 2}},  // a NaN met by a full queue never enters it
         {{0, nan, 5, 6}, 0, 3, 2, 1, kInf, {}},  // a NaN in the queue blocks later ones ...
         {{0, nan, 5, 6}, 0, 3, 2, 0, kInf, {1}},  // ... and is always reduced away
+        {{0, 2, nan, 3, 2.5f}, 0, 4, 4, 0, kInf, {1, 4, 2}},  // a NaN below the worst: the heap's order
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << "case " << &c - cases);
