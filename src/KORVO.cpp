@@ -796,12 +796,16 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
         // Helper: rows ahead of the owner, while ring slots are free.
         const int ownerFirst = handoff.firstSlice;
         long lastRow = -2;  // the helper's bands only slide from row to next row
-        for (long row = handoff.ownerNext.load(std::memory_order_acquire) + 1; row < handoff.rows;) {
+        // The row after the owner's is left to the owner: where matching takes
+        // longer than the owner's replay, the owner would otherwise wait on every
+        // row the helper is still matching, instead of matching some itself.
+        constexpr long kGap = 2;
+        for (long row = handoff.ownerNext.load(std::memory_order_acquire) + kGap; row < handoff.rows;) {
             if (handoff.ownerDone.load(std::memory_order_acquire)) break;
             if (monitor != nullptr && monitor->cancel.load(std::memory_order_relaxed)) break;
             const long next = handoff.ownerNext.load(std::memory_order_acquire);
-            if (row <= next) {  // overtaken: go on ahead of the owner
-                row = next + 1;
+            if (row < next + kGap) {  // overtaken: go on ahead of the owner
+                row = next + kGap;
                 continue;
             }
             if (row >= next + MatchHandoff::kRing) {  // the slot's previous row is not replayed yet
