@@ -18,16 +18,17 @@ std::vector<BlockDistance<T>>& spareQueueStorage() {
 // window grows.
 template <typename T>
 SearchScratch<T> searchScratch(int maxGroupSize, long positions) {
-    static thread_local std::vector<std::uint64_t> keys;
+    static thread_local std::vector<std::uint64_t> keys, log;
     static thread_local std::vector<float> distances;
     static thread_local std::vector<BlockDistance<T>> records;
     const size_t n = static_cast<size_t>(std::max(maxGroupSize, 1));
     if (keys.size() < n) {
         keys.resize(n);
         distances.resize(n);
+        records.resize(n);
     }
-    if (records.size() < static_cast<size_t>(positions)) records.resize(static_cast<size_t>(positions));
-    return {keys.data(), distances.data(), records.data()};
+    if (log.size() < static_cast<size_t>(positions)) log.resize(static_cast<size_t>(positions));
+    return {keys.data(), distances.data(), records.data(), log.data()};
 }
 
 inline bool isPowerOfTwo(long n) { return n > 0 && (n & (n - 1)) == 0; }

@@ -271,8 +271,20 @@ int searchKept(const CollectionView<T>& coll, const float* distanceCorrection, c
     };
     std::uint64_t* const keys = scratch.keys;
     float* const kept = scratch.distances;  // Sorted: the kept distances, descending
-    long logged = 0;                        // Sorted: records[0, logged) in order of acceptance
+    // Sorted: every accepted candidate as (distance, index in the window), in order.
+    std::uint64_t* const log = scratch.log;
+    long logged = 0;
+    const int windowX = windowEnd.x - windowStart.x + 1, windowY = windowEnd.y - windowStart.y + 1;
+    const auto windowIndex = [&](const Vec3<int>& p) {
+        return (p.z - windowStart.z) * windowY * windowX + (p.y - windowStart.y) * windowX + (p.x - windowStart.x);
+    };
     bool tied = false, notANumber = false;
+    // The slot of a new record: the next free one, or the leaving worst's.
+    const auto take = [&](const T* block, float d, const Vec3<int>& p) {
+        const int slot = size < capacity ? static_cast<int>(size) : keySlot(keys[0]);
+        scratch.records[slot] = BlockDistance<T>{block, d, p, p};
+        return heapKey(d, slot);
+    };
     // Sorted: where the kept distances are distinct the queue keeps the same
     // candidates (its decisions read only the worst distance, and it always
     // drops the one candidate there) and any heap of them pops in the same order.
@@ -280,12 +292,10 @@ int searchKept(const CollectionView<T>& coll, const float* distanceCorrection, c
     const auto add = [&](const Batch& b, int i) {
         const float d = b.distance[i];
         if constexpr (keep == Keep::Heap) {
-            const int slot = size < capacity ? static_cast<int>(size) : keySlot(keys[0]);
-            scratch.records[slot] = BlockDistance<T>{b.block[i], d, b.position[i], b.position[i]};
-            heapAdd(keys, size, capacity, heapKey(d, slot));
+            heapAdd(keys, size, capacity, take(b.block[i], d, b.position[i]));
         } else {
-            scratch.records[logged] = BlockDistance<T>{b.block[i], d, b.position[i], b.position[i]};
-            const std::uint64_t key = heapKey(d, static_cast<int>(logged++));
+            log[logged++] = heapKey(d, windowIndex(b.position[i]));
+            const std::uint64_t key = take(b.block[i], d, b.position[i]);
             notANumber |= d != d;
             long m = size;
             if (size < capacity) {
@@ -370,7 +380,12 @@ int searchKept(const CollectionView<T>& coll, const float* distanceCorrection, c
         if (tied) {
             size = 0;
             for (long j = 0; j < logged; ++j) {
-                heapAdd(keys, size, capacity, heapKey(scratch.records[j].distance, static_cast<int>(j)));
+                const int w = keySlot(log[j]);
+                const Vec3<int> p{windowStart.x + w % windowX, windowStart.y + w / windowX % windowY,
+                                  windowStart.z + w / (windowX * windowY)};
+                const T* block = blockAt(p.x % ring.x + static_cast<long>(p.y % ring.y) * ring.x +
+                                         static_cast<long>(p.z % ring.z) * ring.x * ring.y);
+                heapAdd(keys, size, capacity, take(block, keyDistance(log[j]), p));
             }
         }
     }
