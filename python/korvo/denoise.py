@@ -82,6 +82,11 @@ def _budget(profile, z, normalize, channels=None):
 def _run_stage(stage, noisy, psd, record, pilot, output, storage, reporter, label):
     """Run one native stage on a helper thread while this thread watches progress
     and Ctrl-C. Returns the number of match rows written."""
+    # What the allocator holds from earlier work goes back first: with glibc's
+    # moving mmap threshold, buffers freed before the call stay resident, and a
+    # stage that cannot reuse them would add its own on top (64^3 measured 5.1x
+    # to 7.3x the volume's bytes from run to run; with this, 4.9x to 5.3x).
+    release_freed()
     monitor = _native.Monitor()
     outcome = {}
     # Completion is signalled by an event, not by Thread.join: a join that Ctrl-C
