@@ -124,8 +124,10 @@ public:
         this->c.clear();
         return std::move(this->c);
     }
-    // The records at `slots`, in the order of a heap that std::push_heap and
-    // std::pop_heap built with this queue's comparison.
+    // The records at `slots`, in heap order for this queue's comparison: as
+    // std::push_heap and std::pop_heap built it where distances tie, else by
+    // descending distance (a heap too, and with distinct distances any heap of
+    // the same records pops in the same order).
     void adoptHeap(const BlockDistance<T>* records, const std::uint64_t* slots, int count) {
         this->c.clear();
         for (int k = 0; k < count; ++k) this->c.push_back(records[slots[k]]);

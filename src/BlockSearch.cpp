@@ -30,7 +30,8 @@ inline float contribution(const Complex& a, const Complex& b) {
 // The candidate heap holds (distance, slot) keys in one word each and orders
 // them by distance alone, so std::push_heap and std::pop_heap put every key
 // exactly where they would put its 40-byte record in the queue's own heap,
-// moving a fifth of the bytes per step.
+// moving a fifth of the bytes per step. The search's log holds the same kind
+// of word with the candidate's index in the window in place of the slot.
 inline std::uint64_t heapKey(float distance, int slot) {
     std::uint32_t bits;
     std::memcpy(&bits, &distance, sizeof bits);
@@ -231,7 +232,7 @@ inline void heapAdd(std::uint64_t* keys, long& size, long capacity, std::uint64_
 // as a one-at-a-time search with early rejection leaves it.
 // Candidates are read by ring slot along each row; the caller has checked that
 // the window lies inside the collection's band.
-// Returns the number kept, or -1 where a Sorted search met a NaN distance.
+// Returns the number kept, or -1 where a Sorted search accepted a NaN distance.
 template <Keep keep, typename T>
 int searchKept(const CollectionView<T>& coll, const float* distanceCorrection, const Vec3<int>& refPos,
                const Vec3<int>& blockSize, const Vec3<int>& searchWindow, const Vec3<int>& windowStart,
@@ -399,7 +400,7 @@ template <typename T>
 int search(const CollectionView<T>& coll, const float* distanceCorrection, const Vec3<int>& refPos,
            const Vec3<int>& blockSize, const Vec3<int>& searchWindow, const Vec3<int>& windowStart,
            const Vec3<int>& windowEnd, int maxGroupSize, const SearchScratch<T>& scratch) {
-    if (maxGroupSize == 1) {
+    if (maxGroupSize <= 1) {  // no room beside the reference (and none for a heap below zero)
         return 0;
     }
     const int kept = searchKept<Keep::Sorted>(coll, distanceCorrection, refPos, blockSize, searchWindow,

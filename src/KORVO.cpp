@@ -800,6 +800,7 @@ bool korvoLoop(ImageData<T>& noisy, const float* psd, const Parameters& params,
         // longer than the owner's replay, the owner would otherwise wait on every
         // row the helper is still matching, instead of matching some itself.
         constexpr long kGap = 2;
+        static_assert(kGap < MatchHandoff::kRing, "the helper needs ring slots past the gap");
         for (long row = handoff.ownerNext.load(std::memory_order_acquire) + kGap; row < handoff.rows;) {
             if (handoff.ownerDone.load(std::memory_order_acquire)) break;
             if (monitor != nullptr && monitor->cancel.load(std::memory_order_relaxed)) break;

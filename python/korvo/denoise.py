@@ -85,7 +85,7 @@ def _run_stage(stage, noisy, psd, record, pilot, output, storage, reporter, labe
     # What the allocator holds from earlier work goes back first: with glibc's
     # moving mmap threshold, buffers freed before the call stay resident, and a
     # stage that cannot reuse them would add its own on top (64^3 measured 5.1x
-    # to 7.3x the volume's bytes from run to run; with this, 4.9x to 5.3x).
+    # to 7.3x the volume's bytes from run to run; with this, 4.9x to 5.4x).
     release_freed()
     monitor = _native.Monitor()
     outcome = {}

@@ -153,9 +153,11 @@ _TRIM = _libc_trim() if sys.platform.startswith("linux") else None
 
 
 def release_freed():
-    """Hands memory the allocator keeps after frees back to the system (glibc):
-    a stage's worker threads free their blocks in arenas of their own, which
-    would otherwise stay resident while the next stage allocates afresh."""
+    """Hands memory the allocator keeps after frees back to the system (glibc),
+    before and after each stage: a stage's worker threads free their blocks in
+    arenas of their own, which would otherwise stay resident while the next
+    stage allocates afresh; and buffers freed before the call, which the
+    stage's threads cannot reuse, would stay resident under its own."""
     if _TRIM is not None:
         _TRIM(0)
 
