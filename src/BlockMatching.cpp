@@ -19,16 +19,14 @@ std::vector<BlockDistance<T>>& spareQueueStorage() {
 template <typename T>
 SearchScratch<T> searchScratch(int maxGroupSize, long positions) {
     static thread_local std::vector<std::uint64_t> keys, log;
-    static thread_local std::vector<float> distances;
     static thread_local std::vector<BlockDistance<T>> records;
     const size_t n = static_cast<size_t>(std::max(maxGroupSize, 1));
     if (keys.size() < n) {
         keys.resize(n);
-        distances.resize(n);
         records.resize(n);
     }
     if (log.size() < static_cast<size_t>(positions)) log.resize(static_cast<size_t>(positions));
-    return {keys.data(), distances.data(), records.data(), log.data()};
+    return {keys.data(), records.data(), log.data()};
 }
 
 inline bool isPowerOfTwo(long n) { return n > 0 && (n & (n - 1)) == 0; }
@@ -63,10 +61,9 @@ BlockQueue<T> blockMatching(const BlockCollection<T>& coll, const float* distanc
         coll.getBlock(windowEnd);
     }
     const CollectionView<T> view{coll.blockAtSlot(0), coll.blockElements(), coll.bufferRange()};
-    const auto extent = [](int lo, int hi) { return static_cast<long>(std::max(hi - lo + 1, 0)); };
-    const SearchScratch<T> scratch = searchScratch<T>(
-        maxGroupSize,
-        extent(windowStart.x, windowEnd.x) * extent(windowStart.y, windowEnd.y) * extent(windowStart.z, windowEnd.z));
+    const Vec3<int> span = windowEnd - windowStart + Vec3<int>{1, 1, 1};
+    const long positions = static_cast<long>(std::max(span.x, 0)) * std::max(span.y, 0) * std::max(span.z, 0);
+    const SearchScratch<T> scratch = searchScratch<T>(maxGroupSize, positions);
     const int kept = searchKernel(coll)(view, distanceCorrection, refPos, blockSize, searchWindow, windowStart,
                                         windowEnd, maxGroupSize, scratch);
     queue.adoptHeap(scratch.records, scratch.keys, kept);

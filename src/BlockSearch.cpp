@@ -270,14 +270,13 @@ int searchKept(const CollectionView<T>& coll, const float* distanceCorrection, c
         const float bound = size == capacity ? worst : std::numeric_limits<float>::infinity();
         addDistancesBatch(b.distance, b.block, ref, volume, padded, bound);
     };
-    std::uint64_t* const keys = scratch.keys;
-    float* const kept = scratch.distances;  // Sorted: the kept distances, descending
+    std::uint64_t* const keys = scratch.keys;  // Sorted: by descending distance
     // Sorted: every accepted candidate as (distance, index in the window), in order.
     std::uint64_t* const log = scratch.log;
     long logged = 0;
     const int windowX = windowEnd.x - windowStart.x + 1, windowY = windowEnd.y - windowStart.y + 1;
     const auto windowIndex = [&](const Vec3<int>& p) {
-        return (p.z - windowStart.z) * windowY * windowX + (p.y - windowStart.y) * windowX + (p.x - windowStart.x);
+        return ((p.z - windowStart.z) * windowY + (p.y - windowStart.y)) * windowX + (p.x - windowStart.x);
     };
     bool tied = false, notANumber = false;
     // The slot of a new record: the next free one, or the leaving worst's.
@@ -298,23 +297,17 @@ int searchKept(const CollectionView<T>& coll, const float* distanceCorrection, c
             log[logged++] = heapKey(d, windowIndex(b.position[i]));
             const std::uint64_t key = take(b.block[i], d, b.position[i]);
             notANumber |= d != d;
+            const auto at = [keys](long k) { return keyDistance(keys[k]); };
             long m = size;
             if (size < capacity) {
-                for (; m > 0 && kept[m - 1] < d; --m) {
-                    kept[m] = kept[m - 1];
-                    keys[m] = keys[m - 1];
-                }
-                tied |= m > 0 && kept[m - 1] == d;
+                for (; m > 0 && at(m - 1) < d; --m) keys[m] = keys[m - 1];
+                tied |= m > 0 && at(m - 1) == d;
                 ++size;
-            } else {  // the worst, kept[0], leaves
-                for (m = 1; m < size && kept[m] > d; ++m) {
-                    kept[m - 1] = kept[m];
-                    keys[m - 1] = keys[m];
-                }
-                tied |= m < size && kept[m] == d;
+            } else {  // the worst, keys[0], leaves
+                for (m = 1; m < size && at(m) > d; ++m) keys[m - 1] = keys[m];
+                tied |= m < size && at(m) == d;
                 --m;
             }
-            kept[m] = d;
             keys[m] = key;
         }
         worst = keyDistance(keys[0]);

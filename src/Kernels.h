@@ -22,12 +22,11 @@ struct CollectionView {
 
 // Per-thread storage of a search's candidates, owned by the caller (compiled
 // once, for the baseline), so the kernels instantiate no standard-library code
-// over shared types. keys, distances and records hold at least maxGroupSize - 1
-// entries, log one per position of the window.
+// over shared types. keys and records hold at least maxGroupSize - 1 entries,
+// log one per position of the window.
 template <typename T>
 struct SearchScratch {
     std::uint64_t* keys;        // (distance, slot) keys; on return the slots in heap order
-    float* distances;           // the kept distances
     BlockDistance<T>* records;  // candidates by slot
     std::uint64_t* log;         // accepted candidates, (distance, index in the window) keys
 };
