@@ -168,16 +168,18 @@ def breakdown(args):
     call holds (working copy, pilot, result), the block collections and the
     rest of the native working memory (weights, noise tables, group buffers)."""
     from korvo import _native
+    from korvo.memory import CALL_OVERHEAD, held_bytes
 
     volume_bytes = 4 * args.size ** 3
+    held = held_bytes(args.size ** 3, True)  # the working copy, the stage's pilot and output
     print("| threads | stage | bands (x, y, z) | held | collections | other | total |\n"
           "|---|---|---|---|---|---|---|")
     for threads in sorted({1, korvo.profile._cpu_count()}):
         records = korvo.KORVOProfile(num_threads=threads).resolve((args.size,) * 3)
         for stage, key in enumerate(("ht", "wiener")):
             record = records[key]
-            held = 2 + stage  # the working copy and the stage's output; the Wiener stage also the pilot
-            parts = [held, _native.collection_bytes(record, stage) / volume_bytes,
+            parts = [(held[stage] - CALL_OVERHEAD) / volume_bytes,
+                     _native.collection_bytes(record, stage) / volume_bytes,
                      _native.working_bytes(record, stage) / volume_bytes]
             bands = "".join("T" if s else "F" for s in record.split_block_extraction)
             print(f"| {threads} | {key} | {bands} | " + " | ".join(f"{p:.2f}" for p in parts) +
