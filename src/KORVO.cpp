@@ -311,8 +311,6 @@ void report(const char* message) {
     std::fflush(stderr);
 }
 
-int component(const Vec3<int>& v, int axis) { return axis == 0 ? v.x : (axis == 1 ? v.y : v.z); }
-
 template <typename T>
 struct ThreadMemory {
     Memory<T> memory;

@@ -59,6 +59,9 @@ struct TempMemory {
     ~TempMemory();
 };
 
+// Component `axis` (0: x, 1: y, 2: z) of v.
+inline int component(const Vec3<int>& v, int axis) { return axis == 0 ? v.x : (axis == 1 ? v.y : v.z); }
+
 // Extent of the x axis of frequency-domain buffers: the half spectrum when the
 // real FFT applies to a cubic (or flat square) working grid.
 int halfSpectrumExtent(const Vec3<int>& psdWorkSize, bool useRealFft);

@@ -21,7 +21,6 @@ constexpr long long kIntMax = INT_MAX;
 
 const char* const kAxis[3] = {"x", "y", "z"};
 
-int component(const Vec3<int>& v, int a) { return a == 0 ? v.x : (a == 1 ? v.y : v.z); }
 long long product(const Vec3<int>& v) { return static_cast<long long>(v.x) * v.y * v.z; }
 bool isPowerOfTwo(long long n) { return n > 0 && (n & (n - 1)) == 0; }
 bool isFftLength(int n) { return n == 1 || n == 4 || n == 8 || n == 16 || n == 32 || n == 64; }
