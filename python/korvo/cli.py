@@ -894,9 +894,28 @@ def _on_terminate(owner):
     return handler
 
 
+# Options whose value is a number or a comma-separated list of them.
+_NUMBER_OPTIONS = ("--sigma", "--gain", "--offset")
+
+
+def _attach_negative_numbers(argv):
+    """argparse takes a value such as '-1e6' or '-1,-2' for an option of its own
+    (it knows only plain negative numbers); after a numeric option it is that
+    option's value."""
+    out = []
+    for token in argv:
+        if out and out[-1] in _NUMBER_OPTIONS and token.startswith("-"):
+            with contextlib.suppress(ValueError):
+                [float(part) for part in token.split(",")]
+                out[-1] += "=" + token
+                continue
+        out.append(token)
+    return out
+
+
 def main(argv=None):
     parser = _parser()
-    args = parser.parse_args(argv)
+    args = parser.parse_args(_attach_negative_numbers(sys.argv[1:] if argv is None else argv))
     previous = None
     with contextlib.suppress(ValueError):  # not the main thread: leave SIGTERM alone
         previous = signal.signal(signal.SIGTERM, _on_terminate(os.getpid()))

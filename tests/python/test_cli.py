@@ -46,6 +46,9 @@ def test_noise_options_give_the_call_they_stand_for(tmp_path, capsys):
             ("in.npy", ["--sigma-map", "auto"], dict(sigma=korvo.estimate_sigma_map(noisy))),
             ("counts.npy", ["--noise", "poisson-gaussian", "--gain", "2", "--offset", "100"],
              photons),
+            # an exponent or a list after a numeric option is its value, not an option
+            ("counts.npy", ["--noise", "poisson-gaussian", "--gain", "2", "--offset", "-1e1"],
+             dict(photons, offset=-10.0)),
             *[("stack.tif", ["--sigma", "0.1", "--shared-groups", option],
                dict(sigma=0.1, channel_axis=0, shared_groups=shared))
               for option, shared in (("first", 0), ("mean", "mean"), ("1", 1))],
