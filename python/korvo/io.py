@@ -392,9 +392,8 @@ def write_volume(path, data, context=None, *, shape=None, dtype=None):
     elif kind == "tiff":
         tifffile = _require("tifffile", "tiff")
     target = os.path.realpath(path)  # a link to OUT stays a link: write where it points
-    folder, name = os.path.split(target)
-    descriptor, temporary = tempfile.mkstemp(prefix=f".{name}.", suffix=_suffix(path), dir=folder)
-    os.close(descriptor)
+    name = os.path.basename(target)
+    temporary = _temporary_beside(path, target, _suffix(path))
     try:
         if kind == "npy":
             _write_npy(temporary, data, shape, dtype, path)
@@ -410,6 +409,24 @@ def write_volume(path, data, context=None, *, shape=None, dtype=None):
         except OSError:
             pass
         raise
+
+
+def _temporary_beside(path, target, suffix, folder=False):
+    """A new private file (or folder) beside ``target``, where OUT (``path``) is
+    written before it takes OUT's name; a folder that refuses it is reported
+    as OUT's, not by the temporary name the user never gave."""
+    where, name = os.path.split(target)
+    try:
+        if folder:
+            return tempfile.mkdtemp(prefix=f".{name}.", suffix=suffix, dir=where)
+        descriptor, temporary = tempfile.mkstemp(prefix=f".{name}.", suffix=suffix, dir=where)
+    except OSError as exc:
+        error = OSError(f"{path}: cannot create a file in {where or '.'}: "
+                        f"{exc.strerror or exc}")
+        error.errno = exc.errno
+        raise error from None
+    os.close(descriptor)
+    return temporary
 
 
 def _set_mode(temporary, path):
@@ -987,12 +1004,7 @@ class ChunkedOutput:
 
     def _temporary_name(self, suffix):
         """A new file (a folder for .zarr) beside OUT."""
-        where, name = os.path.split(self.written)
-        if suffix == ".zarr":
-            return tempfile.mkdtemp(prefix=f".{name}.", suffix=suffix, dir=where)
-        descriptor, temporary = tempfile.mkstemp(prefix=f".{name}.", suffix=suffix, dir=where)
-        os.close(descriptor)
-        return temporary
+        return _temporary_beside(self.path, self.written, suffix, folder=suffix == ".zarr")
 
     def _zarr(self, shape, dtype, chunks, context):
         zarr = _require("zarr", "zarr")

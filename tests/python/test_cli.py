@@ -195,6 +195,13 @@ def test_output_is_checked_first_and_written_whole(tmp_path, noisy_volume, monke
             refused(capsys, [source, tmp_path / "o.npy", "--sigma", "1"] + extra,
                     "o.npy: cannot reserve")
             assert _names(tmp_path) == before
+        # A folder that refuses new files was reported by the temporary's name.
+        def refuse(*args, **kwargs):
+            raise PermissionError(errno.EACCES, os.strerror(errno.EACCES))
+        patch.setattr(korvo.io.tempfile, "mkstemp", refuse)
+        for extra in ([], ["--chunks", "8"]):
+            refused(capsys, [source, tmp_path / "o.npy", "--sigma", "1"] + extra,
+                    f"o.npy: cannot create a file in {tmp_path}: Permission denied")
     os.symlink(existing, tmp_path / "pointer.npy")  # written through, the link kept
     for extra in ([], ["--chunks", "8"]):
         np.save(existing, np.zeros(3))
