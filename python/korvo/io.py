@@ -515,6 +515,9 @@ def _write_nifti(nib, path, data, shape, dtype, context):
     """Header first, then the blocks as they come: the package's axis order is
     NIfTI's reversed, so C-ordered blocks are NIfTI's Fortran-ordered data."""
     source = context.get("image")
+    dims = tuple(shape[::-1])
+    if _images_series(context.get("axes") or _default_labels(len(shape))):
+        dims = dims[:2] + (1,) + dims[2:]
     if dtype == np.float16:  # not a NIfTI type; float32 holds every value
         dtype = np.dtype(np.float32)
     # NIfTI-1 extents are 16-bit: longer ones, or a NIfTI-2 input, write NIfTI-2.
@@ -524,15 +527,15 @@ def _write_nifti(nib, path, data, shape, dtype, context):
         header = source.header.copy()  # as it was, its transform codes included
     else:
         # A one-voxel image settles the header's affine fields as nibabel writes them.
-        image = kind(np.zeros((1,) * len(shape), dtype),
+        image = kind(np.zeros((1,) * len(dims), dtype),
                      np.eye(4) if source is None else source.affine)
         image.update_header()
         header = image.header
     pixdim = header["pixdim"].copy()
-    header.set_data_shape(shape[::-1])
+    header.set_data_shape(dims)
     # nibabel resets the spacing past the image's rank: an image's slice
     # thickness is the qform's third scale.
-    header["pixdim"][len(shape) + 1:] = pixdim[len(shape) + 1:]
+    header["pixdim"][len(dims) + 1:] = pixdim[len(dims) + 1:]
     header.set_data_dtype(dtype)
     scaling = stored_scaling(context)
     # Integers under the source's scaling are its stored values: the scaling stays.
@@ -638,9 +641,15 @@ def _nifti_problem(axes):
     if "C" in axes or "S" in axes:
         return f"has no channel axis: those of {axes} would land on space or time axes"
     space = "".join(a for a in axes if a in "ZYX")
-    if not axes.endswith(space) or (space == "YX" and len(axes) > 2) or len(axes) > 7:
+    if not axes.endswith(space) or len(axes) + _images_series(axes) > 7:
         return f"would put a series axis of {axes} on a space axis"
     return None
+
+
+def _images_series(axes):
+    """A series of images: NIfTI holds it with a third, space axis of one
+    voxel, so that the series lands on its time axis."""
+    return len(axes) > 2 and axes.endswith("YX") and "Z" not in axes
 
 
 def _tiff_flavour(path, context):
