@@ -53,7 +53,11 @@ _HDF5 = re.compile(r"^(.*\.(?:h5|hdf5))(?::(.*))?$", re.IGNORECASE | re.DOTALL)
 # Labels tifffile gives axes it knows nothing about.
 _UNKNOWN = "QI"
 _OME_SIZES = ("PhysicalSizeX", "PhysicalSizeY", "PhysicalSizeZ", "TimeIncrement")
-_IMAGEJ_KEYS = ("spacing", "unit", "finterval", "xorigin", "yorigin", "zorigin", "mode")
+_IMAGEJ_KEYS = ("spacing", "unit", "finterval", "xorigin", "yorigin", "zorigin", "mode",
+                "Labels", "LUTs", "Ranges", "Info")
+# TIFF compressions that lose nothing: an input stored with one is written
+# with it (where tifffile can encode it); anything else is written with zlib.
+_LOSSLESS_TIFF = ("ADOBE_DEFLATE", "DEFLATE", "LZW", "LZMA", "ZSTD", "PACKBITS", "LERC")
 
 
 def _split_hdf5(path):
@@ -184,13 +188,15 @@ def _read_tiff(tifffile, path):
             data = series.asarray()
         page = series.pages[0] if series.pages else tif.pages[0]
         tags = page.tags
+        if page.compression != tifffile.COMPRESSION.NONE:
+            context["compression"] = tifffile.COMPRESSION(page.compression).name
         if "XResolution" in tags and "YResolution" in tags:
             context["resolution"] = tuple(_rational(tags[n].value)
                                           for n in ("XResolution", "YResolution"))
             if "ResolutionUnit" in tags:
                 context["resolutionunit"] = int(tags["ResolutionUnit"].value)
         if tif.is_ome:
-            context["ome"] = _ome_sizes(tif.ome_metadata)
+            context["ome"] = _ome_metadata(tif.ome_metadata)
         elif tif.is_imagej:
             meta = tif.imagej_metadata or {}
             context["imagej"] = {k: meta[k] for k in _IMAGEJ_KEYS if k in meta}
@@ -242,8 +248,9 @@ def _rational(value):
     return float(value)
 
 
-def _ome_sizes(xml):
-    """Physical pixel sizes (and their units) of the first image of an OME-XML text."""
+def _ome_metadata(xml):
+    """Physical pixel sizes (and their units) and channel names of the first
+    image of an OME-XML text, as tifffile's OME writer takes them."""
     try:
         root = ElementTree.fromstring(xml)
     except ElementTree.ParseError:
@@ -256,6 +263,10 @@ def _ome_sizes(xml):
                 if name in element.attrib:
                     value = element.attrib[name]
                     out[name] = value if name.endswith("Unit") else float(value)
+            names = [c.attrib.get("Name") for c in element
+                     if c.tag.endswith("}Channel") or c.tag == "Channel"]
+            if names and all(names):
+                out["Channel"] = {"Name": names}
             return out
     return {}
 
@@ -582,12 +593,31 @@ def _write_tiff(tifffile, path, data, shape, dtype, context):
     else:
         options["metadata"] = {"axes": axes}
 
+    options["compression"] = _tiff_compression(tifffile, context, context.get("name", ""))
+
     def pages():
         for _, block in _blocks(data, shape, dtype):
             yield from np.ascontiguousarray(block).reshape((-1,) + page)
 
     with tifffile.TiffWriter(path, bigtiff=_big(shape, dtype), **flavour) as writer:
         writer.write(pages(), shape=shape, dtype=dtype, **options)
+
+
+def _tiff_compression(tifffile, context, name):
+    """The input's compression where it is lossless and tifffile can encode
+    it; zlib for any other compressed input (a lossy one would alter the
+    result); none for an uncompressed one."""
+    compression = context.get("compression")
+    if compression is None:
+        return None
+    if compression in _LOSSLESS_TIFF:
+        try:
+            tifffile.TIFF.COMPRESSORS[tifffile.COMPRESSION[compression]]
+            return compression
+        except (KeyError, ImportError):
+            warnings.warn(f"{name}: written with zlib compression; the input's {compression} "
+                          f"needs the imagecodecs package to write", stacklevel=4)
+    return "ADOBE_DEFLATE"
 
 
 def _big(shape, dtype):

@@ -105,21 +105,29 @@ def test_nifti_keeps_orientation_and_header_and_loops_over_time(tmp_path, noisy_
         np.testing.assert_allclose(result, _per_channel(data, "TZYX"[-data.ndim:]), atol=1e-4)
 
 
+# ImageJ slice labels and colour tables, OME channel names and the compression
+# were dropped on write.
+LABELS = [f"slice {i}" for i in range(24)]
+LUTS = [np.stack([np.arange(256)] * 2 + [np.zeros(256)]).astype(np.uint8)] * 2
 TIFF_CASES = [  # name, axes, shape, writer options, metadata expected back
     ("plain", "ZYX", (12, 24, 28), dict(resolution=(4.0, 5.0), resolutionunit="CENTIMETER"),
      dict(resolution=(4.0, 5.0))),
     ("imagej-channels", "ZCYX", (12, 2, 24, 28),
-     dict(imagej=True, resolution=(2.0, 2.0), metadata={"axes": "ZCYX", "spacing": 1.5,
-                                                        "unit": "um"}),
-     dict(resolution=(2.0, 2.0), spacing=1.5, unit="um")),
+     dict(imagej=True, resolution=(2.0, 2.0), compression="zlib",
+          metadata={"axes": "ZCYX", "spacing": 1.5, "unit": "um", "Labels": LABELS,
+                    "LUTs": LUTS}),
+     dict(resolution=(2.0, 2.0), spacing=1.5, unit="um", Labels=LABELS, LUTs=LUTS,
+          compression="ADOBE_DEFLATE")),
     ("imagej-time", "TZCYX", (2, 12, 2, 24, 28),
      dict(imagej=True, metadata={"axes": "TZCYX", "spacing": 3.0, "unit": "um",
                                  "finterval": 2.0}),
      dict(spacing=3.0, finterval=2.0)),
     ("ome", "CZYX", (2, 12, 24, 28),
-     dict(ome=True, metadata={"axes": "CZYX", "PhysicalSizeX": 0.25, "PhysicalSizeY": 0.25,
-                              "PhysicalSizeZ": 1.25}),
-     dict(PhysicalSizeX=0.25, PhysicalSizeZ=1.25)),
+     dict(ome=True, compression="lzma",
+          metadata={"axes": "CZYX", "PhysicalSizeX": 0.25, "PhysicalSizeY": 0.25,
+                    "PhysicalSizeZ": 1.25, "Channel": {"Name": ["DAPI", "GFP"]}}),
+     dict(PhysicalSizeX=0.25, PhysicalSizeZ=1.25, Channel={"Name": ["DAPI", "GFP"]},
+          compression="LZMA")),
     ("rgb", "YXS", (40, 44, 3), dict(photometric="rgb"), {}),
     ("series-inside", "ZTYX", (12, 2, 24, 28), dict(metadata={"axes": "ZTYX"}), {}),
 ]
@@ -139,12 +147,16 @@ def test_tiff_axes_and_calibration_are_kept(tmp_path, name, axes, shape, options
         result = tif.series[0].asarray()
         found = dict(tif.imagej_metadata or {})
         if tif.is_ome:
-            found.update(korvo.io._ome_sizes(tif.ome_metadata))
+            found.update(korvo.io._ome_metadata(tif.ome_metadata))
+        found["compression"] = tif.pages[0].compression.name
         tags = tif.pages[0].tags
         found["resolution"] = tuple(korvo.io._rational(tags[n].value)
                                     for n in ("XResolution", "YResolution"))
     for key, value in expected.items():
-        assert found[key] == pytest.approx(value), key
+        if isinstance(value, float) or isinstance(value, tuple):
+            assert found[key] == pytest.approx(value), key
+        else:
+            np.testing.assert_equal(found[key], value, err_msg=key)
     np.testing.assert_allclose(result, _per_channel(noisy, axes), atol=1e-4)
 
 

@@ -1,6 +1,8 @@
 """File formats on the command line: what a TIFF holds beside its first image,
 colour that is no intensity, and axes an output format cannot hold."""
 
+import contextlib
+
 import numpy as np
 import pytest
 
@@ -150,3 +152,16 @@ def test_second_audit_cases(tmp_path, capsys):
         io.ChunkedOutput(tmp_path / "bad.ome.zarr", (3, 3, 8, 8), np.float32, (1, 1, 8, 8),
                          {"axes": "TTYX"})
     assert sorted(p.name for p in tmp_path.iterdir() if p.name.startswith(".")) == []
+
+
+def test_a_compression_tifffile_cannot_write_or_a_lossy_one_becomes_zlib():
+    try:
+        tifffile.TIFF.COMPRESSORS[tifffile.COMPRESSION.LZW]
+        expected = "LZW"
+    except KeyError:
+        expected = "ADOBE_DEFLATE"
+    with pytest.warns(UserWarning, match="LZW needs the imagecodecs") if expected != "LZW" \
+            else contextlib.nullcontext():
+        assert io._tiff_compression(tifffile, {"compression": "LZW"}, "o.tif") == expected
+    assert io._tiff_compression(tifffile, {"compression": "JPEG"}, "o.tif") == "ADOBE_DEFLATE"
+    assert io._tiff_compression(tifffile, {}, "o.tif") is None
