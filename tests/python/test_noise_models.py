@@ -236,7 +236,14 @@ def test_noise_models_through_korvo(fast_profile):
     rng = np.random.default_rng(3)
     clean = 40.0 * korvo.phantom((16, 32, 32)).astype(np.float64)
     z = (2 * rng.poisson(clean / 2) + 100).astype(np.uint16)  # integer data, offset 100
-    y, inverse = nm.stabilise(z, "poisson-gaussian", gain=2.0, offset=100.0)
+    with warnings.catch_warnings():
+        warnings.simplefilter("error", korvo.NoiseLevelWarning)  # the right gain is quiet
+        y, inverse = nm.stabilise(z, "poisson-gaussian", gain=2.0, offset=100.0)
+    # A gain in other units (ten times off either way) left the noise in, or
+    # smoothed beyond it, without a word.
+    for gain in (20.0, 0.2):
+        with pytest.warns(korvo.NoiseLevelWarning, match="gain .or sigma. is likely off"):
+            nm.stabilise(z, "poisson-gaussian", gain=gain, offset=100.0)
     out = inverse(korvo.korvo(y, sigma=1.0, profile=fast_profile))
     assert out.dtype == np.float32 and out.shape == z.shape
     assert np.mean((out - 100 - clean) ** 2) < 0.6 * np.mean((z - 100.0 - clean) ** 2)
