@@ -49,6 +49,8 @@ _LEVEL_CHECKED = contextvars.ContextVar("korvo_level_checked", default=False)
 _LEVEL_ADVICE = ("Check sigma's units (korvo.estimate_sigma(z) estimates it, as the command line "
                  "does without --sigma); if the noise is correlated (smooth), pass its spectrum "
                  "instead: psd=korvo.estimate_psd(z) (--psd auto)")
+_MAP_ADVICE = ("Check the map's units: it holds the noise std of every voxel, in the data's "
+               "units (korvo.estimate_sigma_map(z) estimates one, as --sigma-map auto does)")
 _PSD_ADVICE = ("Check the PSD's convention, E|fftn(noise)|^2 over its own shape (white noise "
                "of std s on N elements: s*s*N everywhere), and its units; "
                "korvo.estimate_psd(z) estimates it (--psd auto)")
@@ -429,9 +431,14 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
         check_limit(profile.memory_limit, plans[0], channels[0].z.size,
                     needs_copy(channels[0].z, normalize),
                     None if split.axis is None else split.count, _native)
-    if noise_map is None and not _LEVEL_CHECKED.get():
+    if not _LEVEL_CHECKED.get():
         for i, channel in enumerate(channels):
             where = "" if split.axis is None else f" (channel {i})"
+            if noise_map is not None:
+                check_noise_level(channel.z, 1.0, f"The sigma map{where}, which should leave "
+                                  f"noise of std 1 in the data divided by it,", _MAP_ADVICE,
+                                  scale=channel.scale)
+                continue
             if channel.pilot is not None:
                 check_pilot(channel.z, channel.pilot, sigmas[i] if psd is None else psd_sigma(psd),
                             f"The pilot{where}")

@@ -87,23 +87,30 @@ class NoiseLevelWarning(UserWarning):
     (``warnings.simplefilter("ignore", korvo.NoiseLevelWarning)`` silences it)."""
 
 
-def check_noise_level(z, level, given, advice):
+def check_noise_level(z, level, given, advice, scale=None):
     """Warns (NoiseLevelWarning) when the noise of ``z`` at the finest scale
     (:func:`korvo.estimate_sigma` on evenly spaced pairs of slices, or rows of
     an image, at most LEVEL_SAMPLES samples) is over LEVEL_MISMATCH times
     ``level`` or under a third of it: a level in other units, or coloured
     noise passed as white, gives a result smoothed far beyond the noise or one
-    that keeps most of it, without any error. ``given`` names the level in the
-    message, ``advice`` ends it. Returns the level the data show (0: none)."""
+    that keeps most of it, without any error. ``scale``: a noise map
+    (broadcastable to z) that z is divided by first. ``given`` names the level
+    in the message, ``advice`` ends it. Returns the level the data show (0: none)."""
     a = np.asarray(z)
-    a = a.reshape([n for n in a.shape if n > 1])  # a single slice is an image
+    flat = [n for n in a.shape if n > 1]  # a single slice is an image
+    if scale is not None:
+        scale = np.broadcast_to(scale, a.shape).reshape(flat)
+    a = a.reshape(flat)
     # Integer data: the finest-scale estimate only takes steps of about half a
     # unit, so it cannot read noise of less than one.
-    if a.ndim < 2 or (a.dtype.kind in "biu" and level < 1):
+    if a.ndim < 2 or (a.dtype.kind in "biu" and level < 1 and scale is None):
         return 0.0
     pairs = a.shape[0] // 2
     chosen, rows = spread_rows(pairs, a.size, LEVEL_SAMPLES, 2)
-    seen = estimate_sigma(np.take(a, rows, axis=0) if len(chosen) < pairs else a)
+    if len(chosen) < pairs:
+        a = np.take(a, rows, axis=0)
+        scale = None if scale is None else np.take(scale, rows, axis=0)
+    seen = estimate_sigma(a if scale is None else a / scale)
     if seen > 0 and not 1 / LEVEL_MISMATCH <= level / seen <= LEVEL_MISMATCH:
         ratio = level / seen
         effect = (f"{ratio:.3g} times" if ratio > 1 else f"1/{1 / ratio:.3g} of") + \

@@ -259,7 +259,7 @@ def test_noise_level_far_from_the_datas_warns(monkeypatch, capsys, tmp_path):
             korvo.korvo(z, sigma)
         korvo.korvo(z, psd=korvo.white_psd(0.1, (4, 4, 4)))
         korvo.korvo(smooth, psd=korvo.psd_from_kernel(kernel, (16, 16, 16), 0.1))
-        korvo.korvo(z, sigma=np.full(z.shape, 0.5))  # maps are not checked
+        korvo.korvo(z, sigma=np.linspace(0.05, 0.2, z.shape[-1]))  # a map within a factor 3
         korvo.korvo(magnitude, noise="rician", sigma=0.1)
         korvo.korvo(magnitude, noise="rician")
         # Pure photon counts on a dark background: their stabilised noise is
@@ -276,6 +276,8 @@ def test_noise_level_far_from_the_datas_warns(monkeypatch, capsys, tmp_path):
     for data, sigma, text in ((z, 1.0, r"sigma=1 is 9.\d+ times the noise .* beyond"),
                               (z, 0.01, r"sigma=0.01 is 1/10.\d+ of the noise .* most of"),
                               (smooth, 0.1, "correlated"),
+                              # a map in other units (it was not checked)
+                              (z, np.full(z.shape, 1.0), r"sigma map, .* 9.\d+ times"),
                               # a PSD per element instead of over its shape (E|fftn|^2)
                               (z, {"psd": np.full((16, 16, 16), 0.01)}, "PSD's convention")):
         with pytest.warns(korvo.NoiseLevelWarning, match=text) as caught:
