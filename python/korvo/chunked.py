@@ -21,14 +21,13 @@ import pickle
 import subprocess
 import sys
 import threading
-import warnings
 
 import numpy as np
 
 from .noise import _FLAT_BLOCK, NonFiniteError, flat_block_counts, prewhiten, whitening_reach
 from .profile import STAGE_KEYS, KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
 from .progress import make_reporter
-from .validation import NoiseLevelWarning, check_noise, check_psd_rank
+from .validation import check_noise, check_psd_rank
 
 __all__ = ["is_dask", "chunk_margin", "denoise_dask", "stabilised_dask", "central_block"]
 
@@ -236,10 +235,8 @@ def stabilised_dask(z, model, sigma, params, options):
                          f"parameters to use them everywhere)") from None
     fixed = dict(inverse.params)
 
-    def forward(block):
-        with warnings.catch_warnings():  # the central block's checks spoke for every block
-            warnings.simplefilter("ignore", NoiseLevelWarning)
-            return stabilise(block, model, **fixed)[0]
+    def forward(block):  # the central block's checks spoke for every block
+        return stabilise(block, model, check=False, **fixed)[0]
 
     def backward(denoised, block):
         return _block_inverse(block, inverse)(denoised)

@@ -54,7 +54,7 @@ _HDF5 = re.compile(r"^(.*\.(?:h5|hdf5))(?::(.*))?$", re.IGNORECASE | re.DOTALL)
 _UNKNOWN = "QI"
 _OME_SIZES = ("PhysicalSizeX", "PhysicalSizeY", "PhysicalSizeZ", "TimeIncrement")
 _IMAGEJ_KEYS = ("spacing", "unit", "finterval", "xorigin", "yorigin", "zorigin", "mode",
-                "Labels", "LUTs", "Ranges", "Info")
+                "min", "max", "Labels", "LUTs", "Ranges", "Info")
 # TIFF compressions that lose nothing: an input stored with one is written
 # with it (where tifffile can encode it); anything else is written with zlib.
 _LOSSLESS_TIFF = ("ADOBE_DEFLATE", "DEFLATE", "LZW", "LZMA", "ZSTD", "PACKBITS", "LERC")
@@ -432,8 +432,8 @@ def _temporary_beside(path, target, suffix, folder=False):
             return tempfile.mkdtemp(prefix=f".{name}.", suffix=suffix, dir=where)
         descriptor, temporary = tempfile.mkstemp(prefix=f".{name}.", suffix=suffix, dir=where)
     except OSError as exc:
-        error = OSError(f"{path}: cannot create a file in {where or '.'}: "
-                        f"{exc.strerror or exc}")
+        error = type(exc)(f"{path}: cannot create a file in {where or '.'}: "
+                          f"{exc.strerror or exc}")
         error.errno = exc.errno
         raise error from None
     os.close(descriptor)
@@ -587,6 +587,9 @@ def _write_tiff(tifffile, path, data, shape, dtype, context):
     if "ome" in context or context.get("name", "").lower().endswith((".ome.tif", ".ome.tiff")):
         flavour["ome"] = True
         options["metadata"] = {"axes": axes, **context.get("ome", {})}
+        names = options["metadata"].get("Channel", {}).get("Name", ())
+        if len(names) != (shape[axes.index("C")] if "C" in axes else 1):
+            options["metadata"].pop("Channel", None)  # names for other channels
     elif "imagej" in context and dtype in (np.uint8, np.uint16, np.float32):
         flavour["imagej"] = True
         options["metadata"] = {"axes": axes, **context["imagej"]}
@@ -611,10 +614,10 @@ def _tiff_compression(tifffile, context, name):
     if compression is None:
         return None
     if compression in _LOSSLESS_TIFF:
-        try:
-            tifffile.TIFF.COMPRESSORS[tifffile.COMPRESSION[compression]]
+        try:  # a codec can be listed and still lack its module: encode a little
+            tifffile.TIFF.COMPRESSORS[tifffile.COMPRESSION[compression]](np.zeros(16, np.uint8))
             return compression
-        except (KeyError, ImportError):
+        except (KeyError, ImportError, TypeError, ValueError):
             warnings.warn(f"{name}: written with zlib compression; the input's {compression} "
                           f"needs the imagecodecs package to write", stacklevel=4)
     return "ADOBE_DEFLATE"

@@ -49,6 +49,16 @@ def estimate_sigma(z):
     return _robust_sigma(detail[~flat])
 
 
+def scaled_sigma(z, scale):
+    """:func:`estimate_sigma` of ``z / scale`` (``scale``: a noise map of z's
+    shape): each detail divided by its cell's mean of the map, the constant
+    cells found in z itself (divided by a varying map they would no longer
+    look constant, and pull the estimate down)."""
+    detail, flat = _haar_detail(z, "estimate_sigma", flat=True)
+    _, mean = _haar_detail(scale, "estimate_sigma", means=True)
+    return _robust_sigma((detail / mean)[~flat])
+
+
 def _robust_sigma(detail):
     return float(np.median(np.abs(detail)) / MAD_TO_SIGMA) if detail.size else 0.0
 

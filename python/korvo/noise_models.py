@@ -219,13 +219,8 @@ def estimate_poisson_gaussian(z):
     # Cells at a frequent lowest or highest value (zero-filled, masked or
     # saturated parts, or counts of zero) join the fit only where they agree
     # with the line of the others: a clipped cell's variance is too low.
-    floor, ceiling = _frequent_extremes(z)
-    regular, aside = _binned_noise(z, "estimate_poisson_gaussian",
-                                   apart=tuple(v for v in (floor, ceiling) if v is not None))
+    regular, aside, ceiling = _unclipped_noise(z, "estimate_poisson_gaussian")
     if ceiling is not None:
-        # Cells near a ceiling keep only their samples below it: too little variance.
-        near = regular[0] + 3 * np.sqrt(regular[1]) > float(ceiling)
-        regular = tuple(r[~near] for r in regular)
         if len(regular[0]) < 3 or not np.ptp(regular[0]) > 4 * np.sqrt(np.median(regular[1])):
             raise ValueError("estimate_poisson_gaussian: below the data's ceiling (saturation) "
                              "too little signal range is left to tell photon noise from read "
@@ -305,6 +300,20 @@ def _binned_noise(z, who, apart=None):
     apart = touched[0].ravel() if touched else np.zeros(d2.size, dtype=bool)
     return tuple(_bins(np.flatnonzero(side)[np.argsort(level[side], kind="stable")], d2, rough,
                        own, means.ndim) for side in (~apart, apart))
+
+
+def _unclipped_noise(z, who):
+    """(regular, aside, ceiling): :func:`_binned_noise` of the cells away from a
+    frequent lowest or highest value, less the bins near such a ceiling (their
+    cells keep only the samples below it: too little variance), and of the
+    cells holding one; the ceiling (None: none)."""
+    floor, ceiling = _frequent_extremes(z)
+    regular, aside = _binned_noise(z, who, apart=tuple(v for v in (floor, ceiling)
+                                                        if v is not None))
+    if ceiling is not None:
+        near = regular[0] + 3 * np.sqrt(regular[1]) > float(ceiling)
+        regular = tuple(r[~near] for r in regular)
+    return regular, aside, ceiling
 
 
 def _frequent_extremes(z):
@@ -904,10 +913,14 @@ def _check_gain(z, gain, sigma, offset):
     other units (10 times too large) gave a result left with the noise, or
     smoothed beyond it, without a word."""
     a = np.asarray(z)
-    side = max(8, int(_GAIN_SAMPLES ** (1 / a.ndim)))
-    a = a[tuple(slice(max(0, (n - side) // 2), max(0, (n - side) // 2) + side) for n in a.shape)]
+    a = a.reshape([n for n in a.shape if n > 1])  # a single slice is an image
+    extent = list(a.shape)
+    while math.prod(extent) > _GAIN_SAMPLES:  # the middle block, longest axes cut first
+        longest = int(np.argmax(extent))
+        extent[longest] = max(8, extent[longest] * 3 // 4)
+    a = a[tuple(slice((n - e) // 2, (n - e) // 2 + e) for n, e in zip(a.shape, extent))]
     try:
-        levels, variances, counts = _binned_noise(a, "the gain check")
+        levels, variances, counts = _unclipped_noise(a, "the gain check")[0]
     except ValueError:  # too small to tell
         return
     # The brighter half of the bins: there the gain matters most, and dark,
@@ -920,9 +933,10 @@ def _check_gain(z, gain, sigma, offset):
                   np.sum(counts[bright] * predicted))
     if not _GAIN_RATIO[0] <= ratio <= _GAIN_RATIO[1]:
         warn_caller(f"the data's noise variance is {ratio:.2g} times what photon noise of gain "
-                    f"{gain:.4g} and sigma {sigma:.4g} predicts: the gain (or sigma) is likely "
-                    f"off by about that factor; korvo.estimate_poisson_gaussian(z) estimates "
-                    f"them, as leaving gain out does", NoiseLevelWarning)
+                    f"{gain:.4g}, sigma {sigma:.4g} and offset (dark level) {offset:.4g} "
+                    f"predicts: one of them is likely off (a gain by about that factor); "
+                    f"korvo.estimate_poisson_gaussian(z) estimates all three, as leaving gain "
+                    f"out does", NoiseLevelWarning)
 
 
 _ALLOWED = {"gaussian": {"sigma"},
@@ -930,7 +944,7 @@ _ALLOWED = {"gaussian": {"sigma"},
             "rician": {"sigma", "coils", "mask"}}
 
 
-def stabilise(z, model="gaussian", **params):
+def stabilise(z, model="gaussian", *, check=True, **params):
     """Make noise unit-variance Gaussian: returns (y, inverse), y float32.
 
     Denoise y as white noise of std 1 and call ``inverse`` on the result for
@@ -946,6 +960,10 @@ def stabilise(z, model="gaussian", **params):
       the inverse estimates the true magnitude. Where a background is known
       (the mask, or found in the data), the inverse first takes off the
       mean lift denoising gave it, so that it comes back at zero.
+
+    ``check``: warn (NoiseLevelWarning) where the parameters given do not
+    fit the data (False where they were checked on other data already, such
+    as a dask array's central block).
 
     Raises ValueError for an unknown model, a parameter the model does not
     take, gain or sigma <= 0 (sigma may be 0 for photon counts), coils < 1,
@@ -976,10 +994,11 @@ def stabilise(z, model="gaussian", **params):
             gain, sigma, offset = _pg_params(params["gain"], params.get("sigma") or 0.0,
                                              params.get("offset") or 0.0)
         y = _slabwise(lambda part: anscombe(part, gain, sigma, offset), _real(z, "anscombe", False))
-        _check_floor(y, gain, sigma, offset)
-        _check_span(y, gain, sigma)
-        if params.get("gain") is not None:  # estimated parameters agree with the data
-            _check_gain(z, gain, sigma, offset)
+        if check:
+            _check_floor(y, gain, sigma, offset)
+            _check_span(y, gain, sigma)
+            if params.get("gain") is not None:  # estimated parameters agree with the data
+                _check_gain(z, gain, sigma, offset)
         return y, Inverse(
             model, {"gain": gain, "sigma": sigma, "offset": offset},
             lambda d, clip: inverse_anscombe(d, gain, sigma, offset, clip))
@@ -996,7 +1015,8 @@ def stabilise(z, model="gaussian", **params):
     y = _slabwise(lambda part: rician_vst(part, sigma, coils), a)
     if params.get("sigma") is not None:
         background = _given_background(a, sigma, coils)
-        _check_coils(a, coils, background, search=False)
+        if check:
+            _check_coils(a, coils, background, search=False)
     return y, _magnitude_inverse(sigma, coils, background)
 
 

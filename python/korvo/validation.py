@@ -13,7 +13,7 @@ import warnings
 
 import numpy as np
 
-from .noise import NonFiniteError, estimate_sigma, psd_sigma, spread_rows
+from .noise import NonFiniteError, estimate_sigma, psd_sigma, scaled_sigma, spread_rows
 
 __all__ = ["check_data", "check_noise", "check_channels", "check_shared_groups", "check_range",
            "check_noise_level", "ChannelSplit", "NoiseLevelWarning"]
@@ -101,16 +101,18 @@ def check_noise_level(z, level, given, advice, scale=None):
     if scale is not None:
         scale = np.broadcast_to(scale, a.shape).reshape(flat)
     a = a.reshape(flat)
-    # Integer data: the finest-scale estimate only takes steps of about half a
-    # unit, so it cannot read noise of less than one.
-    if a.ndim < 2 or (a.dtype.kind in "biu" and level < 1 and scale is None):
+    if a.ndim < 2:
         return 0.0
     pairs = a.shape[0] // 2
     chosen, rows = spread_rows(pairs, a.size, LEVEL_SAMPLES, 2)
     if len(chosen) < pairs:
         a = np.take(a, rows, axis=0)
         scale = None if scale is None else np.take(scale, rows, axis=0)
-    seen = estimate_sigma(a if scale is None else a / scale)
+    # Integer data: the finest-scale estimate only takes steps of about half a
+    # unit, so it cannot read noise of less than one.
+    if a.dtype.kind in "biu" and (level if scale is None else float(np.median(scale))) < 1:
+        return 0.0
+    seen = estimate_sigma(a) if scale is None else scaled_sigma(a, scale)
     if seen > 0 and not 1 / LEVEL_MISMATCH <= level / seen <= LEVEL_MISMATCH:
         ratio = level / seen
         effect = (f"{ratio:.3g} times" if ratio > 1 else f"1/{1 / ratio:.3g} of") + \

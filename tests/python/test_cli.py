@@ -47,7 +47,7 @@ def test_noise_options_give_the_call_they_stand_for(tmp_path, capsys):
             ("counts.npy", ["--noise", "poisson-gaussian", "--gain", "2", "--offset", "100"],
              photons),
             # an exponent or a list after a numeric option is its value, not an option
-            ("counts.npy", ["--noise", "poisson-gaussian", "--gain", "2", "--offset", "-1e1"],
+            ("counts.npy", ["--noise", "poisson-gaussian", "--gain", "2", "--off", "-1e1"],
              dict(photons, offset=-10.0)),
             *[("stack.tif", ["--sigma", "0.1", "--shared-groups", option],
                dict(sigma=0.1, channel_axis=0, shared_groups=shared))

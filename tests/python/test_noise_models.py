@@ -239,11 +239,19 @@ def test_noise_models_through_korvo(fast_profile):
     with warnings.catch_warnings():
         warnings.simplefilter("error", korvo.NoiseLevelWarning)  # the right gain is quiet
         y, inverse = nm.stabilise(z, "poisson-gaussian", gain=2.0, offset=100.0)
-    # A gain in other units (ten times off either way) left the noise in, or
-    # smoothed beyond it, without a word.
-    for gain in (20.0, 0.2):
-        with pytest.warns(korvo.NoiseLevelWarning, match="gain .or sigma. is likely off"):
-            nm.stabilise(z, "poisson-gaussian", gain=gain, offset=100.0)
+    # A gain in other units (ten times off either way), or the dark level left
+    # out, left the noise in or smoothed beyond it without a word.
+    phantom = korvo.phantom((32, 128, 128))
+    counts = 4.0 * rng.poisson(20 * phantom) + 100 + rng.normal(0, 3, phantom.shape)
+    for gain, offset in ((40.0, 100.0), (0.4, 100.0), (4.0, 0.0)):
+        with pytest.warns(korvo.NoiseLevelWarning, match=f"offset .dark level. {offset:g} "):
+            nm.stabilise(counts, "poisson-gaussian", gain=gain, sigma=3.0, offset=offset)
+    with warnings.catch_warnings():
+        warnings.simplefilter("error", korvo.NoiseLevelWarning)
+        # Saturated cells have no variance to speak of: a fifth of them read as a wrong gain.
+        clipped = np.minimum(counts, np.quantile(counts, 0.8))
+        nm.stabilise(clipped, "poisson-gaussian", gain=4.0, sigma=3.0, offset=100.0)
+        nm.stabilise(counts, "poisson-gaussian", gain=40.0, offset=100.0, check=False)
     out = inverse(korvo.korvo(y, sigma=1.0, profile=fast_profile))
     assert out.dtype == np.float32 and out.shape == z.shape
     assert np.mean((out - 100 - clean) ** 2) < 0.6 * np.mean((z - 100.0 - clean) ** 2)

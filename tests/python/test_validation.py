@@ -253,13 +253,24 @@ def test_noise_level_far_from_the_datas_warns(monkeypatch, capsys, tmp_path):
     smooth = clean + korvo.coloured_noise(kernel, clean.shape, 0.1, rng)
     magnitude = np.hypot(clean + rng.normal(0, 0.1, clean.shape), rng.normal(0, 0.1, clean.shape))
     monkeypatch.setattr(_native, "run_stage", lambda *a: (_native.StageStatus.COMPLETED, 0))
+    plane = korvo.KORVOProfile()  # one slice is checked as an image
+    plane.ht.block_size = plane.wiener.block_size = (8, 8, 1)
     with warnings.catch_warnings():
         warnings.simplefilter("error", korvo.NoiseLevelWarning)
+        korvo.korvo(z[:1], 0.1, profile=plane)
         for sigma in (0.1, 0.05, 0.25):  # within a factor of three: silent
             korvo.korvo(z, sigma)
         korvo.korvo(z, psd=korvo.white_psd(0.1, (4, 4, 4)))
         korvo.korvo(smooth, psd=korvo.psd_from_kernel(kernel, (16, 16, 16), 0.1))
         korvo.korvo(z, sigma=np.linspace(0.05, 0.2, z.shape[-1]))  # a map within a factor 3
+        # The true map beside a constant fill (read as noise 0 once divided by
+        # a varying map), and on integer data with noise below one unit.
+        ramp = 1 + np.linspace(0, 1, 48)[:, None] * np.linspace(0, 1, 48)
+        filled = 500 + rng.standard_normal((48, 48)) * ramp
+        filled[:, :29] = 100.0
+        korvo.korvo(filled, sigma=ramp, profile=plane)
+        korvo.korvo(np.rint(1000 + rng.normal(0, 0.15, z.shape)).astype(np.uint16),
+                    sigma=np.full(z.shape, 0.15))
         korvo.korvo(magnitude, noise="rician", sigma=0.1)
         korvo.korvo(magnitude, noise="rician")
         # Pure photon counts on a dark background: their stabilised noise is
@@ -270,9 +281,6 @@ def test_noise_level_far_from_the_datas_warns(monkeypatch, capsys, tmp_path):
                     sigma=1e-4, offset=0.0)
         # Integer data with noise below one unit: the estimate reads steps of half a unit.
         korvo.korvo(np.rint(100 * clean + rng.normal(0, 0.1, clean.shape)).astype(np.uint8), 0.1)
-        plane = korvo.KORVOProfile()  # one slice is checked as an image
-        plane.ht.block_size = plane.wiener.block_size = (8, 8, 1)
-        korvo.korvo(z[:1], 0.1, profile=plane)
     for data, sigma, text in ((z, 1.0, r"sigma=1 is 9.\d+ times the noise .* beyond"),
                               (z, 0.01, r"sigma=0.01 is 1/10.\d+ of the noise .* most of"),
                               (smooth, 0.1, "correlated"),
