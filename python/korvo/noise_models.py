@@ -898,20 +898,21 @@ def _check_span(y, gain, sigma):
 
 
 # The data's noise variance over the model's in the brighter half of the
-# data: 0.98-1.0 with the right parameters on a confocal stack (binned 2x2,
+# data: 0.94-1.0 with the right parameters on a confocal stack (binned 2x2,
 # peaks of 2 to 20 photons; 1.3 at 100, where its own noise adds) and the
 # phantom; 0.5-0.74 for a gain twice too large, 0.1-0.24 ten times too large,
-# 1.5-10 ten times too small (the low end where read noise dominates).
+# 0.11 for an offset of 100 left out, 1.5-10 for a gain ten times too small
+# (the low end where read noise dominates).
 _GAIN_RATIO = (0.4, 3.0)
 # Samples the check reads (a central block of a larger array).
 _GAIN_SAMPLES = 2 ** 21
 
 
 def _check_gain(z, gain, sigma, offset):
-    """Warns (NoiseLevelWarning) when the data's noise, where the photon part of
-    the model dominates, is far from what the given gain predicts: a gain in
-    other units (10 times too large) gave a result left with the noise, or
-    smoothed beyond it, without a word."""
+    """Warns (NoiseLevelWarning) when the data's noise in their brighter half
+    (saturated cells left out) is far from what the parameters given predict:
+    a gain in other units, or the dark level left out, gave a result left with
+    the noise, or smoothed beyond it, without a word."""
     a = np.asarray(z)
     a = a.reshape([n for n in a.shape if n > 1])  # a single slice is an image
     extent = list(a.shape)
