@@ -903,13 +903,12 @@ def _attach_negative_numbers(argv):
     """argparse takes a value such as '-1e6' or '-1,-2' for an option of its own
     (it knows only plain negative numbers); after a numeric option it is that
     option's value."""
-    out = list(argv[:1])
-    for token in argv[1:]:
-        previous = out[-1]
-        if "--" in out:  # positionals from here on
-            pass
-        elif len(previous) > 2 and any(o.startswith(previous) for o in _NUMBER_OPTIONS) \
-                and token.startswith("-"):  # argparse takes unique prefixes too
+    out = []
+    for token in argv:
+        previous = out[-1] if out else ""
+        # argparse takes unique prefixes of an option too; after "--" all is positional.
+        if "--" not in out and len(previous) > 2 and token.startswith("-") \
+                and any(o.startswith(previous) for o in _NUMBER_OPTIONS):
             with contextlib.suppress(ValueError):
                 [float(part) for part in token.split(",")]
                 out[-1] += "=" + token
