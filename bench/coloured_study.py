@@ -15,6 +15,7 @@ zero-filled k-space gives).
     python bench/coloured_study.py grid --jobs 16 --out grid.jsonl   # every sweep and grid,
     python bench/coloured_study.py tables --out grid.jsonl           # in parallel; its tables
     python bench/coloured_study.py final --jobs 2   # the README table: before/after vs peers
+    python bench/coloured_study.py large            # 4x4x4 against 6x6x6 blocks
 
 Every command prints markdown tables. Peers get the true noise standard
 deviation and have their main parameter tuned by oracle on the clean volume;
@@ -49,9 +50,11 @@ THREADS = 2
 
 # ---------------------------------------------------------------- noise spectra
 
-def _smooth_kernel():
+def _smooth_kernel(axes=3):
     k = np.array([0.5, 1.0, 0.5])
-    kernel = k[:, None, None] * k[None, :, None] * k[None, None, :]
+    kernel = k[None, :, None] * k[None, None, :]
+    if axes == 3:
+        kernel = k[:, None, None] * kernel
     return kernel / np.sqrt((kernel ** 2).sum())
 
 
@@ -61,6 +64,8 @@ KERNELS = {
     "smooth3": _smooth_kernel(),
 }
 SPECTRA = ("white", "x121", "smooth3", "lowpass_y")
+# [0.5, 1, 0.5] along y and x only (c = 3.78): where the block choice was placed.
+KERNELS["smooth_xy"] = _smooth_kernel(axes=2)
 
 
 def _band_y(n):
@@ -123,7 +128,7 @@ def score(estimate, clean):
 def noisy_case(name, spectrum, sigma, clean, seed=0):
     """The noisy volume of one case; the same for every command."""
     rng = np.random.default_rng([seed, round(sigma * 1000), ALL_VOLUMES.index(name),
-                                 SPECTRA.index(spectrum)])
+                                 (*SPECTRA, "smooth_xy").index(spectrum)])
     return clean + noise(spectrum, clean.shape, sigma, rng)
 
 
@@ -250,6 +255,41 @@ def reproduce(args):
     print(f"PSNR dB / SSIM, std 0.1, 64^3 crops; korvo with the true PSD ({THREADS} threads)\n")
     print(table(["volume", "noise", "noisy", "korvo HT only", "korvo", "korvo, PSD x2",
                  *peer_settings(0.1)], rows))
+
+
+def large(args):
+    """The block choice for concentrated noise: 4x4x4 blocks (with their
+    adaptation) against 6x6x6 blocks (Wiener noise scaled by 1 + ln(c)/4),
+    on every volume at c = 7.35 (smooth3, where the defaults take the large
+    blocks) and c = 3.78 (smooth_xy, where they keep the small ones)."""
+    import time
+    spectra = args.spectra.split(",") if args.spectra else ("smooth3", "smooth_xy")
+    rows, summary = [], {}
+    vols = volumes(names=ALL_VOLUMES)
+    for spectrum in spectra:
+        for name, clean in vols.items():
+            for sigma in SIGMAS:
+                noisy, p = noisy_case(name, spectrum, sigma, clean), psd(spectrum, sigma)
+                small = profile({"ht.block_size": (4, 4, 4), "wiener.block_size": (4, 4, 4)}, "")
+                start = time.perf_counter()
+                a = score(korvo.korvo(noisy, psd=p, profile=small), clean)
+                middle = time.perf_counter()
+                scale = 1 + np.log(concentration(p)) / 4
+                b = score(Runner(noisy, p)({"ht.block_size": (6, 6, 6),
+                                            "wiener.block_size": (6, 6, 6),
+                                            "wiener_scale": scale}), clean)
+                ratio = (time.perf_counter() - middle) / (middle - start)
+                rows.append([name, spectrum, f"{sigma:g}", f"{a[0]:.2f} / {a[1]:.3f}",
+                             f"{b[0]:.2f} / {b[1]:.3f}", f"{b[0] - a[0]:+.2f}", f"{ratio:.1f}"])
+                if name != "phantom":
+                    summary.setdefault(spectrum, []).append((b[0] - a[0], b[1] >= a[1]))
+    print("PSNR dB / SSIM, 64^3 crops, korvo given the true PSD\n")
+    print(table(["volume", "noise", "std", "4x4x4", "6x6x6", "change", "time ratio"], rows))
+    for spectrum, d in summary.items():
+        gains = [g for g, _ in d]
+        print(f"\n{spectrum}, real volumes: {np.mean(gains):+.2f} dB on average "
+              f"({min(gains):+.2f} to {max(gains):+.2f}), SSIM not lower in "
+              f"{sum(up for _, up in d)} of {len(d)}")
 
 
 def _dct_blocks(field, positions, block=4):
@@ -596,7 +636,7 @@ def tables(args):
 def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("command", choices=["reproduce", "selection", "sweep", "grid",
-                                            "tables", "validate", "final"])
+                                            "tables", "validate", "final", "large"])
     parser.add_argument("--volumes", help="final: comma-separated volume names")
     parser.add_argument("--only", help="sweep: comma-separated setting names")
     parser.add_argument("--spectra", help="comma-separated spectra")

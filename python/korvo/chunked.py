@@ -47,13 +47,14 @@ def _array_axes(xyz, ndim):
     return tuple(xyz[:ndim][::-1])
 
 
-def chunk_margin(shape, profile=None, stages="both"):
+def chunk_margin(shape, profile=None, stages="both", psd=None):
     """Margin and alignment per array axis for chunked denoising.
 
     Returns ``(margin, align)``: a chunk is denoised over a region that
     reaches at least ``margin`` voxels beyond it on each side (clipped at the
     array's ends) and starts at a multiple of ``align`` (the steps of the
-    stages that run). Chunks well above the margin waste less work.
+    stages that run). Chunks well above the margin waste less work. ``psd``:
+    the call's noise PSD, which can choose a larger block.
     """
     profile = KORVOProfile() if profile is None else profile
     shape = tuple(int(n) for n in shape)
@@ -64,8 +65,10 @@ def chunk_margin(shape, profile=None, stages="both"):
     # windows narrowed to the extents, so a capped shape serves arrays beyond
     # the library's voxel limit.
     capped = tuple(min(n, _GEOMETRY_EXTENT) for n in shape)
+    # Only the block is read from the adaptation, which the data's flatness leaves alone.
+    adaptation = PSDAdaptation.of(profile, capped, psd, flat_fraction=0.0)
     for stage in _STAGES[stages]:
-        record = stage_parameters(profile, stage, capped)
+        record = stage_parameters(profile, stage, capped, adaptation=adaptation)
         reach = [b - 1 + 2 * w for b, w in zip(record.block_size, record.search_window)]
         for axis, (r, s) in enumerate(zip(_array_axes(reach, len(shape)),
                                           _array_axes(record.step, len(shape)))):
@@ -114,7 +117,8 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
         if pilot.shape != z.shape:
             raise ValueError(f"pilot shape {pilot.shape} differs from the data shape {z.shape}")
         pilot = pilot.rechunk(z.chunks)
-    margin, align = chunk_margin(z.shape, profile, stages)  # refuses settings the shape cannot run
+    # Refuses settings the shape cannot run.
+    margin, align = chunk_margin(z.shape, profile, stages, psd)
     _check_overlap(z.shape, z.chunks, margin, align)
     if profile.split_block_extraction is None:  # the largest region a chunk's call reads
         _check_region_limit(profile, psd, stages, normalize or z.dtype != np.float32,

@@ -73,6 +73,17 @@ PREWHITEN_FLAT_FRACTION = 0.5
 # textured throughout they only blur (micro-CT of concrete and a cryo-electron
 # tomogram at std 0.05 and 0.1: 0.09 to 0.60 dB gained without them).
 SCALE_FLAT_FRACTION = 0.1
+# From this concentration on, volumes left on the default block are filtered in
+# 6x6x6 blocks (DCT, Kaiser window) with their own scales, matched on the data
+# themselves: a 4x4x4 block cannot tell most of such noise from structure. On
+# six real volumes under a 3x3x3 smoothing kernel (c = 7.35) they gained 0.32
+# dB on average (-0.43 to +1.73; small blocks stay ahead at std 0.05 on
+# textured data), and at about 7 to 9 times the time; at c = 3.78 the gain was
+# about half that, and the piecewise-constant phantom lost 0.4 to 2.4 dB
+# (bench/coloured_study.py large).
+LARGE_BLOCK_FROM = 5.0
+LARGE_BLOCK = (6, 6, 6)
+LARGE_BLOCK_SLOPES = (0.0, 0.25)
 
 
 def _axis_tuple(name, value, minimum, allow_none=True):
@@ -171,7 +182,8 @@ class StageProfile(_Validated):
         Block extents (x, y, z): (4, 4, 4) and (8, 8, 1) with the library's
         built-in transforms (volumes and planes; plane blocks also run on
         volumes), or (6, 6, 6), (8, 8, 4), (8, 8, 8) with DCT transforms and a
-        Kaiser window. None: (4, 4, 4) for a 3-D array, (8, 8, 1) for a 2-D
+        Kaiser window. None: (4, 4, 4) for a 3-D array ((6, 6, 6) under
+        strongly coloured noise, see ``adapt_to_psd``), (8, 8, 1) for a 2-D
         one.
     step
         Distance between reference blocks (x, y, z), at most the block extent
@@ -279,7 +291,12 @@ class KORVOProfile(_Validated):
         larger of the two stages' ``max_group_size``, the Wiener stage's
         ``match_threshold``) and replayed by both stages, which then need
         the same block size, step and search window (otherwise each stage
-        matches as usual). White noise is unaffected, and so are blocks
+        matches as usual). From c = 5 on, a volume whose stages are left on
+        the default block (``block_size`` None, extents of 6 or more) is
+        filtered in (6, 6, 6) blocks instead, matched on the data, the hard
+        threshold as written and the Wiener factor multiplied by
+        1 + ln(c)/4 (ln(c) scaled down as above); this takes 7 to 9 times
+        as long. White noise is unaffected, and so are blocks asked for
         other than (4, 4, 4) and (8, 8, 1), for which the adaptation was not
         measured to help. False: the settings as written.
     num_threads
@@ -416,15 +433,18 @@ class PSDAdaptation:
     prewhitened copy (with the noise std, relative to the data's, that the
     prewhitened copy has)."""
 
-    def __init__(self, concentration=1.0, prewhiten=False, match_std=1.0, flat_fraction=None):
+    def __init__(self, concentration=1.0, prewhiten=False, match_std=1.0, flat_fraction=None,
+                 block=None):
         self.concentration = concentration
         self.flat_fraction = flat_fraction
         growth = math.log(max(concentration, 1.0))
         if flat_fraction is not None:
             growth *= min(1.0, flat_fraction / SCALE_FLAT_FRACTION)
-        self.scales = tuple(1.0 + slope * growth for slope in PSD_SCALE_SLOPES)
+        slopes = PSD_SCALE_SLOPES if block is None else LARGE_BLOCK_SLOPES
+        self.scales = tuple(1.0 + slope * growth for slope in slopes)
         self.prewhiten = prewhiten
         self.match_std = match_std
+        self.block = block  # the block of stages left on the default one (None: the default)
 
     @classmethod
     def of(cls, profile, shape, psd, z=None, flat_fraction=None):
@@ -437,6 +457,8 @@ class PSDAdaptation:
         concentration = psd_concentration(psd)
         if flat_fraction is None and z is not None and concentration > 1.0:
             flat_fraction = noise_dominated_fraction(z, psd)
+        if concentration >= LARGE_BLOCK_FROM and _takes_large_block(profile, shape):
+            return cls(concentration, flat_fraction=flat_fraction, block=LARGE_BLOCK)
         same = all(getattr(profile.ht, n) == getattr(profile.wiener, n)
                    for n in ("block_size", "step", "search_window"))
         if not (same and concentration >= PREWHITEN_FROM) or (
@@ -446,8 +468,23 @@ class PSDAdaptation:
 
     def __repr__(self):
         flat = "" if self.flat_fraction is None else f", flat_fraction={self.flat_fraction:.3g}"
+        block = "" if self.block is None else f", block={self.block}"
         return (f"PSDAdaptation(concentration={self.concentration:.4g}{flat}, "
-                f"scales={self.scales}, prewhiten={self.prewhiten})")
+                f"scales={self.scales}, prewhiten={self.prewhiten}{block})")
+
+
+def _takes_large_block(profile, shape):
+    """Whether both stages of a call on ``shape`` are left on the default
+    volume block and can run the large one (extents and noise grid)."""
+    if profile.ht.block_size is not None or profile.wiener.block_size is not None:
+        return False
+    extents = shape_xyz(shape)
+    if any(_native.default_parameters(stage, extents, 1.0).block_size != (4, 4, 4)
+           for stage in (0, 1)):
+        return False
+    grid = profile.psd_work_size
+    return all(n >= b for n, b in zip(extents, LARGE_BLOCK)) and (
+        grid is None or all(g >= b for g, b in zip(grid, LARGE_BLOCK)))
 
 
 def shape_xyz(shape):
@@ -489,7 +526,7 @@ def stage_parameters(profile, stage, shape, *, noise_std=1.0, psd_shape=None, bu
     settings = getattr(profile, STAGE_KEYS[stage])
     extents = shape_xyz(shape)
     record = _native.default_parameters(stage, extents, noise_std)
-    block = settings.block_size or record.block_size
+    block = settings.block_size or adaptation.block or record.block_size
     if block != record.block_size:
         # Defaults that follow the block come from the data kind it is made for.
         kind = extents if block[2] > 1 else extents[:2] + (1,)

@@ -13,6 +13,7 @@ da = pytest.importorskip("dask.array")
 W3, W2 = (2, 2, 2), (4, 4, 0)
 KERNEL = np.array([[[1, 2, 1]], [[2, 4, 2]], [[1, 2, 1]]]) / np.sqrt(36.0)
 PSD = korvo.psd_from_kernel(KERNEL, (16, 16, 16), 0.1)
+BOX = korvo.psd_from_kernel(np.ones((3, 3, 3)) / np.sqrt(27.0), (16, 16, 16), 0.1)
 
 # shape, chunks, stages, noise, profile settings, texture. Shapes are no
 # multiples of the chunks; a chunk of 4 or 5 is thinner than the margin.
@@ -29,6 +30,8 @@ CASES = [
     # Flat data are matched on a prewhitened copy, which each region takes
     # from the data around it as the whole array's copy has it.
     ((30, 37, 41), (11, 16, 20), "both", dict(psd=PSD), {}, 0),
+    # Noise this concentrated takes larger blocks, and so wider margins.
+    ((30, 37, 41), (11, 16, 20), "both", dict(psd=BOX), {}, 0),
     ((90, 101), (32, 40), "both", dict(psd=korvo.psd_from_kernel(KERNEL[1], (32, 32), 0.1)), {}, 0),
     ((90, 101), (32, 40), "both", dict(sigma=0.1), {}, 0),
     ((90, 101), (90, 17), "ht", dict(sigma=0.1), {}, 0),
@@ -43,7 +46,7 @@ def test_chunks_give_the_in_memory_estimate(shape, chunks, stages, noise, settin
     if texture:
         assert korvo.noise.noise_dominated_fraction(z, noise["psd"]) < 0.5
     profile = fast(W3 if len(shape) == 3 else W2, **settings)
-    margin, _ = korvo.chunked.chunk_margin(shape, profile, stages)
+    margin, _ = korvo.chunked.chunk_margin(shape, profile, stages, noise.get("psd"))
     assert max(margin) < max(shape)  # no chunk reads the whole array
     pilot = korvo.korvo(z, profile=profile, stages="ht", **noise) if stages == "wiener" else None
     whole = korvo.korvo(z, profile=profile, stages=stages, pilot=pilot, **noise)

@@ -113,6 +113,17 @@ def test_psd_concentration_prewhitening_and_adaptation(rng):
         assert repr(flat[key]) == repr(plain[key])
     psd = korvo.psd_from_kernel(SMOOTH, (16, 16, 16))
     c = psd_concentration(psd)
+    # Noise this concentrated takes 6x6x6 blocks, matched on the data, Wiener factor scaled...
+    large = profile.resolve(shape, psd=psd)
+    assert set(large) == {"ht", "wiener"}
+    assert {(r.block_size, r.step) for r in large.values()} == {((6, 6, 6), (3, 3, 3))}
+    assert large["ht"].threshold_factor == pytest.approx(2.7 ** 2, rel=1e-6)
+    assert large["wiener"].wiener_factor == pytest.approx(0.75 * (1 + np.log(c) / 4), rel=1e-6)
+    # ...unless a block is asked for, the data are too thin, or the noise is milder.
+    assert profile.resolve((5, 40, 48), psd=psd)["ht"].block_size == (4, 4, 4)
+    assert profile.resolve(shape, psd=korvo.psd_from_kernel(X121, (16, 16, 16))
+                           )["ht"].block_size == (4, 4, 4)
+    profile.ht.block_size = profile.wiener.block_size = (4, 4, 4)
     adapted = profile.resolve(shape, psd=psd)
     assert adapted["ht"].threshold_factor == pytest.approx(2.7 ** 2 * (1 + np.log(c) / 8), rel=1e-6)
     assert adapted["wiener"].wiener_factor == pytest.approx(0.75 * (1 + np.log(c) / 2), rel=1e-6)
@@ -140,11 +151,13 @@ def test_psd_concentration_prewhitening_and_adaptation(rng):
     volume[4:12, 8:24, 8:24] = 1.0
     noisy = volume + korvo.coloured_noise(SMOOTH, volume.shape, 0.1, rng)
     psd, store = korvo.psd_from_kernel(SMOOTH, (16, 16, 16), 0.1), korvo.MatchStorage()
-    first = korvo.korvo(noisy, psd=psd, profile=SERIAL, matches=store)
+    serial = SERIAL.copy()
+    serial.ht.block_size = serial.wiener.block_size = (4, 4, 4)
+    first = korvo.korvo(noisy, psd=psd, profile=serial, matches=store)
     assert store.ht is store.wiener and store.ht.filled
     for matches in (store, None):
         np.testing.assert_array_equal(
-            korvo.korvo(noisy, psd=psd, profile=SERIAL, matches=matches), first)
+            korvo.korvo(noisy, psd=psd, profile=serial, matches=matches), first)
 
 
 def test_noise_level_estimates_and_sigma_map(volume, image, rng):
