@@ -140,7 +140,8 @@ void sparseProductOverRows(Rows row, const SparseRows& s, float* KORVO_RESTRICT 
     }
 }
 
-// productOverRows with the common sizes fixed at compile time.
+// productOverRows with the common sizes (6: the larger blocks for coloured noise)
+// fixed at compile time.
 template <class Rows>
 void productOverRowsAnySize(Rows row, const float* m, int n, float* out, std::ptrdiff_t outStride,
                             std::ptrdiff_t count) {
@@ -150,6 +151,9 @@ void productOverRowsAnySize(Rows row, const float* m, int n, float* out, std::pt
             return;
         case 4:
             productOverRows<4>(row, m, n, out, outStride, count);
+            return;
+        case 6:
+            productOverRows<6>(row, m, n, out, outStride, count);
             return;
         case 8:
             productOverRows<8>(row, m, n, out, outStride, count);

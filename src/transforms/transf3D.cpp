@@ -69,6 +69,9 @@ void productX(const float* in, float* out, const float* m, int n, std::ptrdiff_t
         case 4:
             productAlongLinesTransposed<4>(in, out, m, n, lines);
             return;
+        case 6:
+            productAlongLinesTransposed<6>(in, out, m, n, lines);
+            return;
         case 8:
             productAlongLinesTransposed<8>(in, out, m, n, lines);
             return;
@@ -432,6 +435,9 @@ void boxPassX(const BoxTile& t, const float* m, float* X) {
     switch (t.b.x) {
         case 4:
             boxRowsX<4>(t, m, X);
+            return;
+        case 6:
+            boxRowsX<6>(t, m, X);
             return;
         case 8:
             boxRowsX<8>(t, m, X);

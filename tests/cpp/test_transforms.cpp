@@ -241,7 +241,7 @@ TEST(Transf3D, GeneralProductIsExactOnEverySet) {
     const Case cases[] = {{{4, 4, 4}, ARB_TRANSFORMS}, {{4, 4, 4}, {Dct4, Dct4, Dct4}}, {{8, 8, 8}, ARB_TRANSFORMS},
                           {{8, 8, 8}, {Haar8, InverseArbitrary, Dct8}}, {{3, 5, 2}, ARB_TRANSFORMS},
                           {{4, 4, 1}, ARB_TRANSFORMS}, {{8, 8, 4}, ARB_TRANSFORMS}, {{1, 4, 3}, ARB_TRANSFORMS},
-                          {{40, 2, 3}, ARB_TRANSFORMS}, {{7, 1, 1}, ARB_TRANSFORMS}};
+                          {{40, 2, 3}, ARB_TRANSFORMS}, {{7, 1, 1}, ARB_TRANSFORMS}, {{6, 6, 6}, ARB_TRANSFORMS}};
     for (const bool baseline : {false, true}) {
         korvo_detail::forceBaselineKernels(baseline || baselineOnly);
         unsigned seed = 100;
