@@ -16,6 +16,7 @@ import numpy as np
 from . import KORVOProfile, __version__, estimate_psd, estimate_sigma, estimate_sigma_map, korvo
 from .noise import NonFiniteError, psd_concentration, psd_sigma
 from .noise_models import MODEL_PARAMETERS, MODELS
+from .profile import PSDAdaptation
 
 __all__ = ["main"]
 
@@ -237,8 +238,14 @@ class _Run:
         psds = [estimate_psd(part, mask=None if m is None else m != 0)
                 for part, m in zip(_channels(block, channel), masks)]
         self.say(f"estimated noise PSD{where}: " + "; ".join(
-            f"std {psd_sigma(p):.6g}, c {psd_concentration(p):.3g}" for p in psds))
+            f"std {psd_sigma(p):.6g}, c {psd_concentration(p):.3g}{self._block_words(part, p)}"
+            for part, p in zip(_channels(block, channel), psds)))
         return psds
+
+    def _block_words(self, part, psd):
+        """Names the larger blocks that noise this concentrated takes."""
+        block = PSDAdaptation.of(self.profile, part.shape, psd, flat_fraction=0.0).block
+        return "" if block is None else f" (filtered in {'x'.join(map(str, block))} blocks)"
 
     def run(self, block, noise, channel, where):
         self.say(f"denoising {self.name}{where}")

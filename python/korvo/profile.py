@@ -78,7 +78,7 @@ SCALE_FLAT_FRACTION = 0.1
 # themselves: a 4x4x4 block cannot tell most of such noise from structure. On
 # six real volumes under a 3x3x3 smoothing kernel (c = 7.35) they gained 0.32
 # dB on average (-0.43 to +1.73; small blocks stay ahead at std 0.05 on
-# textured data), at 5 to 10 times the time; at c = 3.78 they gained 0.21 dB,
+# textured data), at 3 to 6 times the time; at c = 3.78 they gained 0.21 dB,
 # and the piecewise-constant phantom lost 0.4 to 2.3 dB (bench/coloured_study.py
 # large).
 LARGE_BLOCK_FROM = 5.0
@@ -295,7 +295,7 @@ class KORVOProfile(_Validated):
         the default block (``block_size`` None, extents of 6 or more) is
         filtered in (6, 6, 6) blocks instead, matched on the data, the hard
         threshold as written and the Wiener factor multiplied by
-        1 + ln(c)/4 (ln(c) scaled down as above); this takes 5 to 10 times
+        1 + ln(c)/4 (ln(c) scaled down as above); this takes 3 to 6 times
         as long. White noise is unaffected, and so are blocks asked for
         other than (4, 4, 4) and (8, 8, 1), for which the adaptation was not
         measured to help. False: the settings as written.
