@@ -192,6 +192,7 @@ def _check_region_limit(profile, psd, stages, copy, shape):
     chunk's call denoises (flat data assumed for the matching pass)."""
     from . import _native
     from .denoise import _STAGES
+    from .matches import shared_group_bytes
     from .memory import check_limit
 
     if profile.memory_limit is None:
@@ -200,7 +201,8 @@ def _check_region_limit(profile, psd, stages, copy, shape):
     records = {stage: resolved[STAGE_KEYS[stage]] for stage in _STAGES[stages]}
     if "match" in resolved:
         records["match"] = resolved["match"]
-    check_limit(profile.memory_limit, records, math.prod(shape), copy, None, _native)
+    check_limit(profile.memory_limit, records, math.prod(shape), copy, None, _native,
+                shared_group_bytes(records))
 
 
 def central_block(z, sizes=(64, 64, 64)):

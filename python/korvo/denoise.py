@@ -9,7 +9,7 @@ import threading
 import numpy as np
 
 from . import _native, chunked
-from .matches import MatchStorage, StageMatches
+from .matches import MatchStorage, StageMatches, shared_group_bytes
 from .memory import SPLIT_ADVICE, check_limit, needs_copy, release_freed, stage_budgets
 from .noise import _slabwise, haar_detail_std, prewhiten, psd_sigma
 from .profile import BUILT_IN_BLOCKS, KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
@@ -430,7 +430,8 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
     if budget is not None:  # the bands are ours to choose, not the profile's
         check_limit(profile.memory_limit, plans[0], channels[0].z.size,
                     needs_copy(channels[0].z, normalize),
-                    None if split.axis is None else split.count, _native)
+                    None if split.axis is None else split.count, _native,
+                    shared_group_bytes(plans[0]))
     if not _LEVEL_CHECKED.get():
         for i, channel in enumerate(channels):
             where = "" if split.axis is None else f" (channel {i})"

@@ -59,6 +59,18 @@ class StageMatches:
     def nbytes(self):
         return self.counts.nbytes + self.positions.nbytes + self.relative_positions.nbytes
 
+    @staticmethod
+    def storage_bytes(record):
+        """Bytes the lists of a stage run by ``record`` take (``nbytes`` once made)."""
+        rows = _native.match_storage_rows(record)
+        return 4 * rows * (1 + 2 * 3 * record.max_group_size)
+
+
+def shared_group_bytes(records):
+    """Bytes of the groups matched on a prewhitened copy, which a call with
+    these records (as ``KORVOProfile.resolve`` gives them) holds for both stages."""
+    return StageMatches.storage_bytes(records["match"]) if "match" in records else 0
+
 
 class MatchStorage:
     """Match lists handed from one call to another.

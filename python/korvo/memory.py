@@ -93,16 +93,17 @@ def stage_bytes(record, stage, native):
     return native.collection_bytes(record, stage) + native.working_bytes(record, stage)
 
 
-def check_limit(limit, records, voxels, copy, channels, native):
+def check_limit(limit, records, voxels, copy, channels, native, stored=0):
     """Warns (RuntimeWarning) when a ``memory_limit`` the caller set is below the
     peak the call is estimated to reach even with the bands and threads that
-    need least, as chosen for ``records`` (by key, as ``held_bytes``). The
-    estimate counts whole allocations, so it errs high."""
+    need least, as chosen for ``records`` (by key, as ``held_bytes``), with
+    ``stored`` bytes of match lists held throughout. The estimate counts whole
+    allocations, so it errs high."""
 
     if limit is None:
         return
     held = held_bytes(voxels, copy, channels)
-    need = max(held[key] + stage_bytes(record, 1 if key == 1 else 0, native)
+    need = max(held[key] + stored + stage_bytes(record, 1 if key == 1 else 0, native)
                for key, record in records.items())
     if need > limit:
         warn_caller(f"memory_limit={limit:.4g} bytes is below the least this call is "
