@@ -202,7 +202,7 @@ def _check_region_limit(profile, psd, stages, copy, shape):
     if "match" in resolved:
         records["match"] = resolved["match"]
     check_limit(profile.memory_limit, records, math.prod(shape), copy, None, _native,
-                shared_group_bytes(records))
+                shared_group_bytes(profile, shape, PSDAdaptation.of(profile, shape, psd)))
 
 
 def central_block(z, sizes=(64, 64, 64)):
@@ -317,7 +317,8 @@ def _denoise_region(data, pilot, offset, flat, inner, settings, noise_map=None, 
     if normalize:
         channel.offset = offset
     adaptation = PSDAdaptation.of(profile, region.shape, settings["psd"], flat_fraction=flat)
-    records = channel.records(profile, run, _budget(profile, channel.z, normalize), adaptation)
+    records = channel.records(profile, run, _budget(profile, channel.z, normalize,
+                                                    adaptation=adaptation), adaptation)
     whitened = None
     if "match" in records:  # as the whole array's copy has it over the region
         stage_units = _to_float32(data, channel.offset, channel.scale)

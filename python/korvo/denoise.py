@@ -72,13 +72,18 @@ def _to_float32(a, offset, scale, out=None):
 RAW_REACH = 1e4
 
 
-def _budget(profile, z, normalize, channels=None):
+def _budget(profile, z, normalize, channels=None, adaptation=None):
     """Bytes each stage's native working memory may take in a call on ``z``
-    (one channel of ``channels``, when the call has a channel axis), by
-    record key (None: the profile sets the bands)."""
+    (one channel of ``channels``, when the call has a channel axis) adapted
+    by ``adaptation``, by record key (None: the profile sets the bands)."""
     if profile.split_block_extraction is not None:
         return None
-    return stage_budgets(z.size, needs_copy(z, normalize), channels, profile.memory_limit)
+    return stage_budgets(z.size, needs_copy(z, normalize), channels, profile.memory_limit,
+                         _stored(profile, z.shape, adaptation))
+
+
+def _stored(profile, shape, adaptation):
+    return 0 if adaptation is None else shared_group_bytes(profile, shape, adaptation)
 
 
 def _run_stage(stage, noisy, psd, record, pilot, output, storage, reporter, label):
@@ -423,15 +428,16 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
                          None if noise_map is None else split.view(noise_map, i))
                 for i in range(split.count)]
     check_psd_rank(psd, channels[0].z.shape)
-    adaptation = PSDAdaptation.of(profile, channels[0].z.shape, psd, channels[0].z)
+    adaptation = PSDAdaptation.of(profile, channels[0].z.shape, psd, channels[0].z,
+                                  keep_block=matches is not None)
     budget = _budget(profile, channels[0].z, normalize,
-                     None if split.axis is None else split.count)
+                     None if split.axis is None else split.count, adaptation)
     plans = [channel.records(profile, run, budget, adaptation) for channel in channels]
     if budget is not None:  # the bands are ours to choose, not the profile's
         check_limit(profile.memory_limit, plans[0], channels[0].z.size,
                     needs_copy(channels[0].z, normalize),
                     None if split.axis is None else split.count, _native,
-                    shared_group_bytes(plans[0]))
+                    _stored(profile, channels[0].z.shape, adaptation))
     if not _LEVEL_CHECKED.get():
         for i, channel in enumerate(channels):
             where = "" if split.axis is None else f" (channel {i})"

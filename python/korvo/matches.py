@@ -5,7 +5,7 @@ from __future__ import annotations
 import numpy as np
 
 from . import _native
-from .profile import STAGE_KEYS
+from .profile import STAGE_KEYS, stage_parameters
 
 __all__ = ["MatchStorage", "StageMatches"]
 
@@ -66,10 +66,14 @@ class StageMatches:
         return 4 * rows * (1 + 2 * 3 * record.max_group_size)
 
 
-def shared_group_bytes(records):
-    """Bytes of the groups matched on a prewhitened copy, which a call with
-    these records (as ``KORVOProfile.resolve`` gives them) holds for both stages."""
-    return StageMatches.storage_bytes(records["match"]) if "match" in records else 0
+def shared_group_bytes(profile, shape, adaptation):
+    """Bytes of the groups matched on a prewhitened copy that a call on
+    ``shape`` adapted by ``adaptation`` holds for both stages (0: none)."""
+    if not adaptation.prewhiten:
+        return 0
+    # The count of reference positions does not depend on the bands.
+    return StageMatches.storage_bytes(stage_parameters(profile, 0, shape, adaptation=adaptation,
+                                                       matching=True))
 
 
 class MatchStorage:

@@ -75,16 +75,18 @@ def held_bytes(voxels, copy, channels=None):
     return {key: held + volume * (int(copy) + n) + CALL_OVERHEAD for key, n in volumes.items()}
 
 
-def stage_budgets(voxels, copy, channels=None, limit=None):
+def stage_budgets(voxels, copy, channels=None, limit=None, stored=0):
     """Bytes each stage's native working memory (block collections, weights,
     noise tables) may take in a call on ``voxels`` voxels, by record key:
     ``limit`` bytes for the whole call (None: MEMORY_TARGET times the
     volume's float32 bytes), never more than the machine has free, less what
-    the call holds meanwhile (``held_bytes``)."""
-    total = MEMORY_TARGET * 4 * voxels if limit is None else limit
+    the call holds meanwhile (``held_bytes``), and less ``stored`` bytes of
+    match lists held throughout when the caller set the limit (they alone
+    pass the default target, which fewer threads would not reach either)."""
+    total = MEMORY_TARGET * 4 * voxels if limit is None else limit - stored
     free = available_memory()
     if free is not None:
-        total = min(total, free)
+        total = min(total, free - stored)
     return {key: max(0, total - held) for key, held in held_bytes(voxels, copy, channels).items()}
 
 

@@ -76,8 +76,8 @@ SCALE_FLAT_FRACTION = 0.1
 # From this concentration on, volumes left on the default block are filtered in
 # 6x6x6 blocks (DCT, Kaiser window) with their own scales, matched on the data
 # themselves: a 4x4x4 block cannot tell most of such noise from structure. On
-# six real volumes under a 3x3x3 smoothing kernel (c = 7.35) they gained 0.32
-# dB on average (-0.43 to +1.73; small blocks stay ahead at std 0.05 on
+# six real volumes under a 3x3x3 smoothing kernel (c = 7.35) they gained 0.33
+# dB on average (-0.23 to +1.73; small blocks stay ahead at std 0.05 on
 # textured data), at 3 to 6 times the time; at c = 3.78 they gained 0.21 dB,
 # and the piecewise-constant phantom lost 0.4 to 2.3 dB (bench/coloured_study.py
 # large).
@@ -292,13 +292,17 @@ class KORVOProfile(_Validated):
         ``match_threshold``) and replayed by both stages, which then need
         the same block size, step and search window (otherwise each stage
         matches as usual). From c = 5 on, a volume whose stages are left on
-        the default block (``block_size`` None, extents of 6 or more) is
-        filtered in (6, 6, 6) blocks instead, matched on the data, the hard
-        threshold as written and the Wiener factor multiplied by
-        1 + ln(c)/4 (ln(c) scaled down as above); this takes 3 to 6 times
-        as long. White noise is unaffected, and so are blocks asked for
-        other than (4, 4, 4) and (8, 8, 1), for which the adaptation was not
-        measured to help. False: the settings as written.
+        the default block (``block_size`` None, extents of 6 or more,
+        ``psd_work_size`` None or at least 6 per axis) is filtered in
+        (6, 6, 6) blocks instead, unless the call records or replays groups
+        (``matches``): matched on the data, the hard threshold as written and
+        the Wiener factor multiplied by 1 + ln(c)/4 (ln(c) scaled down as
+        above), as (6, 6, 6) asked for on both stages is at any c. This takes
+        3 to 6 times as long on two threads, and more on many cores, where the
+        larger blocks' bands leave room for fewer threads. White noise is
+        unaffected, and so are other blocks asked for than (4, 4, 4) and
+        (8, 8, 1), for which the adaptation was not measured to help.
+        False: the settings as written.
     num_threads
         Worker threads; None: every core this process may use. More than
         the cores only slows the call down (the workers poll for work), and
@@ -383,7 +387,7 @@ class KORVOProfile(_Validated):
             return None if value is None else _number(name, value, 1)
         return value
 
-    def resolve(self, shape, psd=None, z=None, *, normalize=True, channels=None):
+    def resolve(self, shape, psd=None, z=None, *, normalize=True, channels=None, matches=None):
         """The native records a call on an array of this shape would use.
 
         Returns ``{"ht": record, "wiener": record}``: ``korvo._native.Parameters``
@@ -398,8 +402,9 @@ class KORVOProfile(_Validated):
         decide it (without, flat data are assumed). ``normalize`` and
         ``channels`` (the count along ``channel_axis``, if any) as in the call: they
         change the memory the stages may take, and so the bands and threads
-        (without ``z``, float32 data are assumed). Settings that cannot work
-        on this shape raise ValueError.
+        (without ``z``, float32 data are assumed); ``matches`` too (a call that
+        records or replays groups keeps the default block). Settings that
+        cannot work on this shape raise ValueError.
         """
         shape = integer_tuple(shape, "shape")
         if len(shape) not in (2, 3):
@@ -413,9 +418,12 @@ class KORVOProfile(_Validated):
         if channels is not None and (isinstance(channels, bool) or
                                      not isinstance(channels, numbers.Integral) or channels < 1):
             raise ValueError(f"channels must be None or a positive integer, got {channels!r}")
-        adaptation = PSDAdaptation.of(self, shape, psd, z)
+        from .matches import shared_group_bytes  # (it builds on this module)
+
+        adaptation = PSDAdaptation.of(self, shape, psd, z, keep_block=matches is not None)
         copy = normalize if z is None else needs_copy(np.asarray(z), normalize)
-        budgets = stage_budgets(math.prod(shape), copy, channels, limit=self.memory_limit)
+        budgets = stage_budgets(math.prod(shape), copy, channels, limit=self.memory_limit,
+                                stored=shared_group_bytes(self, shape, adaptation))
         psd_shape = None if psd is None else np.shape(psd)
         records = {key: stage_parameters(self, stage, shape, psd_shape=psd_shape,
                                          budget=budgets[stage], adaptation=adaptation)
@@ -447,17 +455,22 @@ class PSDAdaptation:
         self.block = block  # the block of stages left on the default one (None: the default)
 
     @classmethod
-    def of(cls, profile, shape, psd, z=None, flat_fraction=None):
+    def of(cls, profile, shape, psd, z=None, flat_fraction=None, keep_block=False):
         """The adaptation of a call on ``shape`` with this PSD (None: white),
         on the data ``z`` or with its noise-dominated block fraction given
-        (neither: assumed flat enough to prewhiten)."""
-        blocks = {profile.ht.block_size, profile.wiener.block_size} - {None}
-        if psd is None or not profile.adapt_to_psd or not blocks <= set(BUILT_IN_BLOCKS):
+        (neither: assumed flat enough to prewhiten). ``keep_block``: the call
+        records or replays groups, which other calls (other noise) must be
+        able to replay, so the default block stays."""
+        asked = (profile.ht.block_size, profile.wiener.block_size)
+        asked_large = asked == (LARGE_BLOCK, LARGE_BLOCK)  # as the switch would have it
+        if psd is None or not profile.adapt_to_psd or not (
+                set(asked) - {None} <= set(BUILT_IN_BLOCKS) or asked_large):
             return cls()
         concentration = psd_concentration(psd)
         if flat_fraction is None and z is not None and concentration > 1.0:
             flat_fraction = noise_dominated_fraction(z, psd)
-        if concentration >= LARGE_BLOCK_FROM and _takes_large_block(profile, shape):
+        if asked_large or (concentration >= LARGE_BLOCK_FROM and not keep_block
+                           and _takes_large_block(profile, shape)):
             return cls(concentration, flat_fraction=flat_fraction, block=LARGE_BLOCK)
         same = all(getattr(profile.ht, n) == getattr(profile.wiener, n)
                    for n in ("block_size", "step", "search_window"))

@@ -119,7 +119,17 @@ def test_psd_concentration_prewhitening_and_adaptation(rng):
     assert {(r.block_size, r.step) for r in large.values()} == {((6, 6, 6), (3, 3, 3))}
     assert large["ht"].threshold_factor == pytest.approx(2.7 ** 2, rel=1e-6)
     assert large["wiener"].wiener_factor == pytest.approx(0.75 * (1 + np.log(c) / 4), rel=1e-6)
-    # ...unless a block is asked for, the data are too thin, or the noise is milder.
+    # Asked for on both stages, those blocks take the same factors.
+    six = korvo.KORVOProfile()
+    six.ht.block_size = six.wiener.block_size = (6, 6, 6)
+    assert {k: repr(r) for k, r in six.resolve(shape, psd=psd).items()} == \
+        {k: repr(r) for k, r in large.items()}
+    # The default block stays where the data are too thin, the noise milder, or
+    # groups are recorded or replayed (a replay under other noise was refused).
+    assert profile.resolve(shape, psd=psd, matches=korvo.MatchStorage())["ht"].block_size == (4, 4, 4)
+    small, store = np.random.default_rng(1).standard_normal((16, 20, 24)), korvo.MatchStorage()
+    for noise in (dict(psd=psd), dict(sigma=1.0)):
+        korvo.korvo(small, profile=fast(), matches=store, **noise)
     assert profile.resolve((5, 40, 48), psd=psd)["ht"].block_size == (4, 4, 4)
     assert profile.resolve(shape, psd=korvo.psd_from_kernel(X121, (16, 16, 16))
                            )["ht"].block_size == (4, 4, 4)

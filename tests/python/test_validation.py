@@ -340,6 +340,15 @@ def test_pilot_and_memory_limit_mismatches_warn(monkeypatch):
     assert "match" in korvo.KORVOProfile().resolve(z.shape, x121, z)
     with pytest.warns(RuntimeWarning, match="memory_limit="):
         korvo.korvo(z, psd=x121, profile=korvo.KORVOProfile(memory_limit=8 * z.nbytes))
+    # ...and come out of the stages' budget: finer bands met this limit, yet
+    # the bands chosen as if the groups took nothing passed it.
+    with warnings.catch_warnings(record=True) as seen:
+        warnings.simplefilter("always")
+        korvo.korvo(z, psd=x121, profile=korvo.KORVOProfile(memory_limit=16 * z.nbytes,
+                                                             num_threads=2))
+    assert not [w for w in seen if "memory_limit" in str(w.message)]
+    record = korvo.KORVOProfile().resolve(z.shape, x121, z)["match"]
+    assert korvo.StageMatches(z.shape, record).nbytes == korvo.StageMatches.storage_bytes(record)
     tight = korvo.KORVOProfile(memory_limit=10**6)
     for data in (z, pytest.importorskip("dask.array").from_array(z, chunks=24)):  # lazily too
         with pytest.warns(RuntimeWarning, match=r"memory_limit=1e\+06 bytes is below") as seen:
