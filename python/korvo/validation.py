@@ -115,7 +115,8 @@ def check_noise_level(z, level, given, advice, scale=None):
     seen = estimate_sigma(a) if scale is None else scaled_sigma(a, scale)
     if seen > 0 and not 1 / LEVEL_MISMATCH <= level / seen <= LEVEL_MISMATCH:
         ratio = level / seen
-        effect = (f"{ratio:.3g} times" if ratio > 1 else f"1/{1 / ratio:.3g} of") + \
+        effect = (f"{ratio:.3g} times" if ratio > 1 else
+                  f"1/{1 / ratio:.3g} of" if ratio > 0 else "none of") + \
             f" the noise the data show at the finest scale ({seen:.3g}, as korvo.estimate_sigma " \
             f"reads it): the result would be " + \
             ("smoothed far beyond the noise" if ratio > 1 else "left with most of the noise")

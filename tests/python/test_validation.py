@@ -287,7 +287,10 @@ def test_noise_level_far_from_the_datas_warns(monkeypatch, capsys, tmp_path):
                               # a map in other units (it was not checked)
                               (z, np.full(z.shape, 1.0), r"sigma map, .* 9.\d+ times"),
                               # a PSD per element instead of over its shape (E|fftn|^2)
-                              (z, {"psd": np.full((16, 16, 16), 0.01)}, "PSD's convention")):
+                              (z, {"psd": np.full((16, 16, 16), 0.01)}, "PSD's convention"),
+                              # none of it at the finest scale (a crash before)
+                              (z, {"psd": korvo.psd_from_kernel(np.ones((3, 3, 3)), (3, 16, 16),
+                                                                0.1)}, "0, is none of")):
         with pytest.warns(korvo.NoiseLevelWarning, match=text) as caught:
             korvo.korvo(data, **(sigma if isinstance(sigma, dict) else {"sigma": sigma}))
         assert caught[0].filename == __file__  # points at the caller's line
