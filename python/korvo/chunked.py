@@ -192,17 +192,18 @@ def _check_region_limit(profile, psd, stages, copy, shape):
     chunk's call denoises (flat data assumed for the matching pass)."""
     from . import _native
     from .denoise import _STAGES
-    from .matches import shared_group_bytes
+    from .matches import StageMatches
     from .memory import check_limit
 
     if profile.memory_limit is None:
         return
     resolved = profile.resolve(shape, psd, normalize=copy)
     records = {stage: resolved[STAGE_KEYS[stage]] for stage in _STAGES[stages]}
+    stored = 0
     if "match" in resolved:
         records["match"] = resolved["match"]
-    check_limit(profile.memory_limit, records, math.prod(shape), copy, None, _native,
-                shared_group_bytes(profile, shape, PSDAdaptation.of(profile, shape, psd)))
+        stored = StageMatches.storage_bytes(resolved["match"])
+    check_limit(profile.memory_limit, records, math.prod(shape), copy, None, _native, stored)
 
 
 def central_block(z, sizes=(64, 64, 64)):
@@ -303,6 +304,7 @@ def _denoise_region(data, pilot, offset, flat, inner, settings, noise_map=None, 
     ``reach`` samples around the region on each side: what its prewhitened
     copy reads."""
     from .denoise import _STAGES, _Channel, _budget, _denoise, _to_float32
+    from .matches import shared_group_bytes
 
     reach = (0,) * data.ndim if reach is None else reach
     region = data[tuple(slice(k, n - k) for k, n in zip(reach, data.shape))]
@@ -317,8 +319,9 @@ def _denoise_region(data, pilot, offset, flat, inner, settings, noise_map=None, 
     if normalize:
         channel.offset = offset
     adaptation = PSDAdaptation.of(profile, region.shape, settings["psd"], flat_fraction=flat)
-    records = channel.records(profile, run, _budget(profile, channel.z, normalize,
-                                                    adaptation=adaptation), adaptation)
+    stored = shared_group_bytes(profile, region.shape, adaptation)
+    records = channel.records(profile, run, _budget(profile, channel.z, normalize, stored=stored),
+                              adaptation)
     whitened = None
     if "match" in records:  # as the whole array's copy has it over the region
         stage_units = _to_float32(data, channel.offset, channel.scale)

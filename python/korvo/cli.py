@@ -234,12 +234,13 @@ class _Run:
 
     def estimated_psds(self, block, mask, channel, where):
         """One PSD per channel, from the data (or where the mask is nonzero)."""
-        masks = [None] * len(_channels(block, channel)) if mask is None else _channels(mask, channel)
+        parts = _channels(block, channel)
+        masks = [None] * len(parts) if mask is None else _channels(mask, channel)
         psds = [estimate_psd(part, mask=None if m is None else m != 0)
-                for part, m in zip(_channels(block, channel), masks)]
+                for part, m in zip(parts, masks)]
         self.say(f"estimated noise PSD{where}: " + "; ".join(
             f"std {psd_sigma(p):.6g}, c {psd_concentration(p):.3g}{self._block_words(part, p)}"
-            for part, p in zip(_channels(block, channel), psds)))
+            for part, p in zip(parts, psds)))
         return psds
 
     def _block_words(self, part, psd):

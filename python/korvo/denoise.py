@@ -72,18 +72,15 @@ def _to_float32(a, offset, scale, out=None):
 RAW_REACH = 1e4
 
 
-def _budget(profile, z, normalize, channels=None, adaptation=None):
+def _budget(profile, z, normalize, channels=None, stored=0):
     """Bytes each stage's native working memory may take in a call on ``z``
-    (one channel of ``channels``, when the call has a channel axis) adapted
-    by ``adaptation``, by record key (None: the profile sets the bands)."""
+    (one channel of ``channels``, when the call has a channel axis) that holds
+    ``stored`` bytes of shared groups, by record key (None: the profile sets
+    the bands)."""
     if profile.split_block_extraction is not None:
         return None
     return stage_budgets(z.size, needs_copy(z, normalize), channels, profile.memory_limit,
-                         _stored(profile, z.shape, adaptation))
-
-
-def _stored(profile, shape, adaptation):
-    return 0 if adaptation is None else shared_group_bytes(profile, shape, adaptation)
+                         stored)
 
 
 def _run_stage(stage, noisy, psd, record, pilot, output, storage, reporter, label):
@@ -430,14 +427,14 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
     check_psd_rank(psd, channels[0].z.shape)
     adaptation = PSDAdaptation.of(profile, channels[0].z.shape, psd, channels[0].z,
                                   keep_block=matches is not None)
+    stored = shared_group_bytes(profile, channels[0].z.shape, adaptation)
     budget = _budget(profile, channels[0].z, normalize,
-                     None if split.axis is None else split.count, adaptation)
+                     None if split.axis is None else split.count, stored)
     plans = [channel.records(profile, run, budget, adaptation) for channel in channels]
     if budget is not None:  # the bands are ours to choose, not the profile's
         check_limit(profile.memory_limit, plans[0], channels[0].z.size,
                     needs_copy(channels[0].z, normalize),
-                    None if split.axis is None else split.count, _native,
-                    _stored(profile, channels[0].z.shape, adaptation))
+                    None if split.axis is None else split.count, _native, stored)
     if not _LEVEL_CHECKED.get():
         for i, channel in enumerate(channels):
             where = "" if split.axis is None else f" (channel {i})"
