@@ -117,6 +117,15 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
         if pilot.shape != z.shape:
             raise ValueError(f"pilot shape {pilot.shape} differs from the data shape {z.shape}")
         pilot = pilot.rechunk(z.chunks)
+    # The chunks' own calls check no noise level: the central block speaks for them.
+    # (A non-finite sample is the chunks' to report, when computed.)
+    from .denoise import check_levels
+    sizes = (LEVEL_BLOCK,) * 3 if z.ndim == 3 else (8 * LEVEL_BLOCK,) * 2
+    central = central_block(z, sizes)
+    if np.isfinite(central).all():
+        check_levels(central, sigmas[0], psd,
+                     None if noise_map is None else central_block(noise_map, sizes),
+                     None if pilot is None else central_block(pilot, sizes))
     # Refuses settings the shape cannot run.
     margin, align = chunk_margin(z.shape, profile, stages, psd)
     _check_overlap(z.shape, z.chunks, margin, align)
@@ -206,14 +215,21 @@ def _check_region_limit(profile, psd, stages, copy, shape):
     check_limit(profile.memory_limit, records, math.prod(shape), copy, None, _native, stored)
 
 
-def central_block(z, sizes=(64, 64, 64)):
+# Samples per axis of the central block that noise parameters are estimated
+# on and noise levels checked on (a volume's; an image's is 512).
+LEVEL_BLOCK = 64
+
+
+def central_block(z, sizes=(LEVEL_BLOCK,) * 3):
     """The block of at least ``sizes`` (64) samples per axis in the middle of a
-    dask array, as a numpy array: where noise parameters are estimated."""
+    dask (or numpy) array, as a numpy array: where noise parameters are
+    estimated."""
     key = []
     for n, s in zip(z.shape, sizes):
-        s = min(n, max(s, 64))
+        s = min(n, max(int(s), LEVEL_BLOCK))
         key.append(slice((n - s) // 2, (n - s) // 2 + s))
-    return np.asarray(z[tuple(key)].compute(scheduler="sync"))
+    block = z[tuple(key)]
+    return np.asarray(block.compute(scheduler="sync") if is_dask(block) else block)
 
 
 def stabilised_dask(z, model, sigma, params, options):
@@ -249,7 +265,13 @@ def stabilised_dask(z, model, sigma, params, options):
         return _block_inverse(block, inverse)(denoised)
 
     y = z.map_blocks(forward, dtype=np.float32)
-    out = denoise_dask(y, 1.0, profile=options.get("profile"), stages=options.get("stages", "both"))
+    from .denoise import _LEVEL_CHECKED
+    token = _LEVEL_CHECKED.set(True)  # the central block's checks spoke for every block
+    try:
+        out = denoise_dask(y, 1.0, profile=options.get("profile"),
+                           stages=options.get("stages", "both"))
+    finally:
+        _LEVEL_CHECKED.reset(token)
     return da.map_blocks(backward, out, z, dtype=np.float32)
 
 

@@ -231,6 +231,27 @@ def _prewhitened_groups(channel, noisy, record, reporter, label_suffix, whitened
     return groups
 
 
+def check_levels(z, sigma, psd, scale=None, pilot=None, where=""):
+    """Warns (NoiseLevelWarning) where the noise the call is told of is not
+    the noise ``z`` shows: ``sigma`` (or the PSD's, or that of a sigma map
+    ``scale`` that z is divided by) against the finest scale, and a pilot
+    against z. Skipped under stabilisers, which checked their own level."""
+    if _LEVEL_CHECKED.get():
+        return
+    if scale is not None:
+        check_noise_level(z, 1.0, f"The sigma map{where}, which should leave noise of std 1 "
+                          f"in the data divided by it,", _MAP_ADVICE, scale=scale)
+        return
+    if pilot is not None:
+        check_pilot(z, pilot, sigma if psd is None else psd_sigma(psd), f"The pilot{where}")
+    if psd is None:
+        check_noise_level(z, sigma, f"sigma={sigma:.3g}{where}", _LEVEL_ADVICE)
+        return
+    level = haar_detail_std(psd, sum(n > 1 for n in z.shape))
+    check_noise_level(z, level, f"The PSD's noise at the finest scale, {level:.3g}{where},",
+                      _PSD_ADVICE)
+
+
 def _denoise(channel, records, run, matches, reporter, normalize, label_suffix="", whitened=None):
     z = channel.z
     if needs_copy(z, normalize):
@@ -435,24 +456,9 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
         check_limit(profile.memory_limit, plans[0], channels[0].z.size,
                     needs_copy(channels[0].z, normalize),
                     None if split.axis is None else split.count, _native, stored)
-    if not _LEVEL_CHECKED.get():
-        for i, channel in enumerate(channels):
-            where = "" if split.axis is None else f" (channel {i})"
-            if noise_map is not None:
-                check_noise_level(channel.z, 1.0, f"The sigma map{where}, which should leave "
-                                  f"noise of std 1 in the data divided by it,", _MAP_ADVICE,
-                                  scale=channel.scale)
-                continue
-            if channel.pilot is not None:
-                check_pilot(channel.z, channel.pilot, sigmas[i] if psd is None else psd_sigma(psd),
-                            f"The pilot{where}")
-            if psd is None:
-                check_noise_level(channel.z, sigmas[i], f"sigma={sigmas[i]:.3g}{where}",
-                                  _LEVEL_ADVICE)
-                continue
-            level = haar_detail_std(psd, sum(n > 1 for n in channel.z.shape))
-            check_noise_level(channel.z, level, f"The PSD's noise at the finest scale, "
-                              f"{level:.3g}{where},", _PSD_ADVICE)
+    for i, channel in enumerate(channels):
+        check_levels(channel.z, sigmas[i], psd, channel.scale if noise_map is not None else None,
+                     channel.pilot, "" if split.axis is None else f" (channel {i})")
 
     if split.axis is None:
         return _denoise(channels[0], plans[0], run, matches, reporter, normalize)

@@ -168,7 +168,8 @@ def test_memory_and_reads_are_bounded_by_chunks_not_the_volume(tmp_path, monkeyp
     assert out.dtype == np.uint8 and np.array_equal(out[n // 2, :, 7], ramp[:, 7])
 
     # The whole array's mean goes to every chunk as one value: computed once,
-    # not once per chunk, so each voxel is read about once.
+    # not once per chunk, so each voxel is read about once (and once more in
+    # the central block, all of this small array, for the noise check).
     class Counted:
         shape, dtype, ndim, read = noisy.shape, noisy.dtype, noisy.ndim, 0
 
@@ -182,4 +183,4 @@ def test_memory_and_reads_are_bounded_by_chunks_not_the_volume(tmp_path, monkeyp
     out = np.empty(noisy.shape, np.float32)
     z = da.from_array(Counted(), chunks=(5, 9, 8))
     da.store(korvo.korvo(z, sigma=0.1, profile=profile, stages="ht"), out, scheduler="sync")
-    assert Counted.read < 12 * noisy.size, Counted.read / noisy.size
+    assert Counted.read < 13 * noisy.size, Counted.read / noisy.size

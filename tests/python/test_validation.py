@@ -3,6 +3,7 @@ reaches a native assertion; results are never non-finite."""
 
 import warnings
 
+import dask.array as da
 import numpy as np
 import pytest
 
@@ -273,6 +274,8 @@ def test_noise_level_far_from_the_datas_warns(monkeypatch, capsys, tmp_path):
                     sigma=np.full(z.shape, 0.15))
         korvo.korvo(magnitude, noise="rician", sigma=0.1)
         korvo.korvo(magnitude, noise="rician")
+        korvo.korvo(da.from_array(z, chunks=24), 0.1)  # dask: checked on the central block
+        korvo.korvo(da.from_array(magnitude, chunks=24), noise="rician", sigma=0.1)
         # Pure photon counts on a dark background: their stabilised noise is
         # far below 1 wherever the counts are near zero, which is no error.
         counts = 2.0 * rng.poisson(clean * 10) + rng.normal(0, 2, clean.shape)
@@ -282,6 +285,10 @@ def test_noise_level_far_from_the_datas_warns(monkeypatch, capsys, tmp_path):
         # Integer data with noise below one unit: the estimate reads steps of half a unit.
         korvo.korvo(np.rint(100 * clean + rng.normal(0, 0.1, clean.shape)).astype(np.uint8), 0.1)
     for data, sigma, text in ((z, 1.0, r"sigma=1 is 9.\d+ times the noise .* beyond"),
+                              # a dask array's chunks were never checked
+                              (da.from_array(z, chunks=24), 0.01, r"sigma=0.01 is 1/10.\d+"),
+                              (da.from_array(z, chunks=24), {"sigma": da.full(z.shape, 1.0)},
+                               r"sigma map, .* 9.\d+ times"),
                               (z, 0.01, r"sigma=0.01 is 1/10.\d+ of the noise .* most of"),
                               (smooth, 0.1, "correlated"),
                               # a map in other units (it was not checked)
