@@ -65,8 +65,7 @@ def chunk_margin(shape, profile=None, stages="both", psd=None):
     # windows narrowed to the extents, so a capped shape serves arrays beyond
     # the library's voxel limit.
     capped = tuple(min(n, _GEOMETRY_EXTENT) for n in shape)
-    # Only the block is read from the adaptation, which the data's flatness leaves alone.
-    adaptation = PSDAdaptation.of(profile, capped, psd, flat_fraction=0.0)
+    adaptation = PSDAdaptation.geometry(profile, capped, psd)
     for stage in _STAGES[stages]:
         record = stage_parameters(profile, stage, capped, adaptation=adaptation)
         reach = [b - 1 + 2 * w for b, w in zip(record.block_size, record.search_window)]

@@ -245,7 +245,7 @@ class _Run:
 
     def _block_words(self, part, psd):
         """Names the larger blocks that noise this concentrated takes."""
-        block = PSDAdaptation.of(self.profile, part.shape, psd, flat_fraction=0.0).block
+        block = PSDAdaptation.geometry(self.profile, part.shape, psd).block
         return "" if block is None else f" (filtered in {'x'.join(map(str, block))} blocks)"
 
     def run(self, block, noise, channel, where):

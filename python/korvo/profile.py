@@ -479,6 +479,12 @@ class PSDAdaptation:
             return cls(concentration, flat_fraction=flat_fraction)
         return cls(concentration, True, whitening_kernel(psd, len(shape))[1], flat_fraction)
 
+    @classmethod
+    def geometry(cls, profile, shape, psd):
+        """The adaptation as far as the block goes, which the data's flatness
+        leaves alone: what chunk margins and messages read, without the data."""
+        return cls.of(profile, shape, psd, flat_fraction=0.0)
+
     def __repr__(self):
         flat = "" if self.flat_fraction is None else f", flat_fraction={self.flat_fraction:.3g}"
         block = "" if self.block is None else f", block={self.block}"
