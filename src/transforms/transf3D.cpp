@@ -244,7 +244,7 @@ bool hasButterfly(StandardTransform kind) {
 
 #if KORVO_CUBE_VECTORS
 
-// Cubes of 4 and 8 points per axis with the general product on every axis, all
+// Cubes of 4, 6 and 8 points per axis with the general product on every axis, all
 // three passes in 8-wide registers. Each output is input[0]*M[k*n] followed by
 // fused multiply-adds for j = 1..n-1 ascending, as in the generic code, so the
 // bits are the same; the passes leave bufferA and bufferB as the generic code does.
@@ -347,6 +347,55 @@ void cube8(const float* in, const Vec3<const float*>& m, float* a, float* b, flo
     for (int y = 0; y < 8; ++y) rowsProduct<8>(b + 8 * y, out + 8 * y, m.z, 64);
 }
 
+// Blocks of six points per axis: rows of six values fill six of the eight lanes
+// (lanes 6 and 7 are neither read nor written).
+inline __m256i sixLanes() { return _mm256_setr_epi32(-1, -1, -1, -1, -1, -1, 0, 0); }
+
+// rowsProduct for six rows of six values, `stride` apart.
+inline void rows6(const float* in, float* out, const float* m, std::ptrdiff_t stride) {
+    const __m256i six = sixLanes();
+    __m256 r[6];
+    for (int j = 0; j < 6; ++j) r[j] = _mm256_maskload_ps(in + j * stride, six);
+    for (int k = 0; k < 6; ++k) {
+        __m256 acc = _mm256_mul_ps(r[0], _mm256_broadcast_ss(m + k * 6));
+        for (int j = 1; j < 6; ++j) acc = _mm256_fmadd_ps(r[j], _mm256_broadcast_ss(m + k * 6 + j), acc);
+        _mm256_maskstore_ps(out + k * stride, six, acc);
+    }
+}
+
+// z pass of a 6x6x6 block: six planes of 36 values, as four full vectors and a half.
+inline void planes6(const float* in, float* out, const float* m) {
+    for (int r = 0; r < 4; ++r) rowsProduct<6>(in + 8 * r, out + 8 * r, m, 36);
+    __m128 h[6];
+    for (int j = 0; j < 6; ++j) h[j] = _mm_loadu_ps(in + 32 + j * 36);
+    for (int k = 0; k < 6; ++k) {
+        __m128 acc = _mm_mul_ps(h[0], _mm_set1_ps(m[k * 6]));
+        for (int j = 1; j < 6; ++j) acc = _mm_fmadd_ps(h[j], _mm_set1_ps(m[k * 6 + j]), acc);
+        _mm_storeu_ps(out + 32 + k * 36, acc);
+    }
+}
+
+// x pass of lines of six values: sample j broadcast against column j of M.
+struct Lines6 {
+    __m256 col[6];
+    explicit Lines6(const float* m) {
+        for (int j = 0; j < 6; ++j)
+            col[j] = _mm256_setr_ps(m[j], m[6 + j], m[12 + j], m[18 + j], m[24 + j], m[30 + j], 0.0f, 0.0f);
+    }
+    inline void operator()(const float* line, float* out) const {
+        __m256 acc = _mm256_mul_ps(_mm256_broadcast_ss(line), col[0]);
+        for (int j = 1; j < 6; ++j) acc = _mm256_fmadd_ps(_mm256_broadcast_ss(line + j), col[j], acc);
+        _mm256_maskstore_ps(out, sixLanes(), acc);
+    }
+};
+
+void cube6(const float* in, const Vec3<const float*>& m, float* a, float* b, float* out) {
+    const Lines6 lines(m.x);
+    for (int l = 0; l < 36; ++l) lines(in + 6 * l, a + 6 * l);
+    for (int z = 0; z < 6; ++z) rows6(a + 36 * z, b + 36 * z, m.y, 6);
+    planes6(b, out, m.z);
+}
+
 // True when the cube code took the block.
 bool cubeProduct(const float* in, const Vec3<const float*>& m,
                  const Vec3<StandardTransform>& kinds, float* a, float* b, float* out, int sx, int sy,
@@ -354,6 +403,10 @@ bool cubeProduct(const float* in, const Vec3<const float*>& m,
     if (sx != sy || sy != sz || hasButterfly(kinds.x) || hasButterfly(kinds.y)) return false;
     if (sx == 4) {
         cube4(in, m, a, b, out);
+        return true;
+    }
+    if (sx == 6) {
+        cube6(in, m, a, b, out);
         return true;
     }
     if (sx == 8) {
@@ -437,6 +490,16 @@ void boxPassX(const BoxTile& t, const float* m, float* X) {
             boxRowsX<4>(t, m, X);
             return;
         case 6:
+#if KORVO_CUBE_VECTORS
+        {
+            const Lines6 lines(m);
+            for (int z = 0; z < t.planesZ(); ++z)
+                for (int y = 0; y < t.rowsY(); ++y)
+                    lines(t.image + z * t.planeStride + y * t.rowStride,
+                          X + (static_cast<std::ptrdiff_t>(z) * t.rowsY() + y) * 6);
+            return;
+        }
+#endif
             boxRowsX<6>(t, m, X);
             return;
         case 8:
@@ -486,6 +549,11 @@ void boxTile(const BoxTile& t, const Vec3<const float*>& m, float* scratch, cons
             planeZ(planes, out, 16);
             planeZ(planes + 8, out + 8, 16);
         });
+        return;
+    }
+    if (t.b.x == 6 && t.b.y == 6 && t.b.z == 6) {
+        forEachPlaneY(t, X, Y, [&](const float* rows, float* out) { rows6(rows, out, m.y, 6); });
+        forEachBlockZ(t, Y, ring, [&](const float* planes, float* out) { planes6(planes, out, m.z); });
         return;
     }
     if (t.b.x == 8 && t.b.y == 8 && t.b.z == 8) {
