@@ -40,9 +40,9 @@ import datasets  # noqa: E402
 
 GRID = (16, 16, 16)
 VOLUMES = ("phantom", "mri_t1_mni", "ct_head", "fm_nuclei")
-# A second MRI, CT and microscopy volume for the final table: volumes the
-# settings were not chosen on.
-CHECK_VOLUMES = ("mri_t1_colin", "ct_concrete", "em_tomogram")
+# Volumes the settings were not chosen on, for the final table: a second MRI,
+# CT and microscopy volume, and a third MRI (a macaque template).
+CHECK_VOLUMES = ("mri_t1_colin", "ct_concrete", "em_tomogram", "mri_t1_macaque")
 ALL_VOLUMES = VOLUMES + CHECK_VOLUMES
 CACHE = "/tmp/korvo_coloured_peers.json"
 THREADS = 2

@@ -14,6 +14,7 @@ installed with --no-deps (their own dependencies are not needed):
     name          kind        modality / source
     mri_t1_mni    MRI         T1 brain template, 1 mm (nilearn)
     mri_t1_colin  MRI         T1 single-subject brain, 1 mm (Debian mricron-data)
+    mri_t1_macaque MRI        T1 macaque brain template, 0.5 mm (Debian mricron-data)
     mri_epi       MRI         EPI, first volume of a 4-D series (nibabel)
     mri_t1_small  MRI         T1 head, 2 mm, tiny (nibabel)
     mri_dwi_b0    MRI         diffusion b=0 image, 10 slices (dipy)
@@ -134,6 +135,11 @@ _ENTRIES = {
                            "Debian mricron-data",
                            _apt_file("mricron-data", "/usr/share/mricron/templates/ch2.nii.gz"),
                            _read_nifti),
+    "mri_t1_macaque": _Entry("MRI", "T1-weighted rhesus macaque brain template (INIA19, "
+                             "0.5 mm), Debian mricron-data",
+                             _apt_file("mricron-data",
+                                       "/usr/share/mricron/templates/inia19-t1-brain.nii.gz"),
+                             _read_nifti),
     "mri_epi": _Entry("MRI", "EPI, first volume of a 4-D series (2 x 2 x 2.2 mm), "
                       "nibabel test data",
                       _pip_file(*_NIBABEL, "tests/data/example4d.nii.gz", _PIP_BASE),
@@ -230,9 +236,9 @@ def main(argv=None) -> int:
             volume, description = load(name, crop=None if args.full else 128)
         except (ImportError, OSError) as error:
             missing += 1
-            print(f"{name:13s} MISSING  {error}")
+            print(f"{name:14s} MISSING  {error}")
             continue
-        print(f"{name:13s} {'x'.join(map(str, volume.shape)):12s} "
+        print(f"{name:14s} {'x'.join(map(str, volume.shape)):12s} "
               f"{volume.size / 1e6:6.2f} Mvox  mean {volume.mean():.3f}  {description}")
     return 1 if missing else 0
 
