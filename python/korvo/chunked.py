@@ -116,12 +116,12 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
         if pilot.shape != z.shape:
             raise ValueError(f"pilot shape {pilot.shape} differs from the data shape {z.shape}")
         pilot = pilot.rechunk(z.chunks)
-    # The chunks' own calls check no noise level: the central block speaks for them.
-    # (A non-finite sample is the chunks' to report, when computed.)
-    from .denoise import check_levels
+    # The chunks' own calls check no noise level: the central block speaks for
+    # them, read now. (A non-finite sample is the chunks' to report, when computed.)
+    from .denoise import _LEVEL_CHECKED, check_levels
     sizes = (LEVEL_BLOCK,) * 3 if z.ndim == 3 else (8 * LEVEL_BLOCK,) * 2
-    central = central_block(z, sizes)
-    if np.isfinite(central).all():
+    central = None if _LEVEL_CHECKED.get() else central_block(z, sizes)
+    if central is not None and np.isfinite(central).all():
         check_levels(central, sigmas[0], psd,
                      None if noise_map is None else central_block(noise_map, sizes),
                      None if pilot is None else central_block(pilot, sizes))

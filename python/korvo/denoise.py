@@ -235,9 +235,8 @@ def check_levels(z, sigma, psd, scale=None, pilot=None, where=""):
     """Warns (NoiseLevelWarning) where the noise the call is told of is not
     the noise ``z`` shows: ``sigma`` (or the PSD's, or that of a sigma map
     ``scale`` that z is divided by) against the finest scale, and a pilot
-    against z. Skipped under stabilisers, which checked their own level."""
-    if _LEVEL_CHECKED.get():
-        return
+    against z. Callers skip it under stabilisers (``_LEVEL_CHECKED``), which
+    check their own level."""
     if scale is not None:
         check_noise_level(z, 1.0, f"The sigma map{where}, which should leave noise of std 1 "
                           f"in the data divided by it,", _MAP_ADVICE, scale=scale)
@@ -456,7 +455,7 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
         check_limit(profile.memory_limit, plans[0], channels[0].z.size,
                     needs_copy(channels[0].z, normalize),
                     None if split.axis is None else split.count, _native, stored)
-    for i, channel in enumerate(channels):
+    for i, channel in enumerate(channels if not _LEVEL_CHECKED.get() else ()):
         check_levels(channel.z, sigmas[i], psd, channel.scale if noise_map is not None else None,
                      channel.pilot, "" if split.axis is None else f" (channel {i})")
 
