@@ -24,7 +24,8 @@ import threading
 
 import numpy as np
 
-from .noise import _FLAT_BLOCK, NonFiniteError, flat_block_counts, prewhiten, whitening_reach
+from .noise import (_FLAT_BLOCK, Flatness, NonFiniteError, flat_block_counts, prewhiten,
+                    whitening_reach)
 from .profile import STAGE_KEYS, KORVOProfile, PSDAdaptation, _cpu_count, stage_parameters
 from .progress import make_reporter
 from .validation import check_noise, check_psd_rank
@@ -141,7 +142,7 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
     # flat the whole array is: counted chunk by chunk, decided once.
     flat, reach = None, (0,) * z.ndim
     if psd is not None and profile.adapt_to_psd:
-        flat = dask.delayed(_fraction)(_flat_counts(z, psd))
+        flat = dask.delayed(_flatness)(_flat_counts(z, psd))
         reach = whitening_reach(psd, z.ndim)  # what a region's prewhitened copy reads around it
     threads = profile.num_threads or 1
     settings = dict(sigma=sigmas[0], psd=psd, profile=profile, stages=stages,
@@ -307,8 +308,9 @@ def _surround(z, region, reach):
     return part
 
 
-def _fraction(counts):
-    return sum(f for f, _ in counts) / max(1, sum(n for _, n in counts))
+def _flatness(counts):
+    *blocks, total = (sum(column) for column in zip(*counts)) if counts else (0, 0, 0)
+    return Flatness(*(b / max(1, total) for b in blocks))
 
 
 def _chunk_task(data, pilot, offset, flat, inner, settings, noise_map=None, reach=None):
@@ -339,7 +341,7 @@ def _denoise_region(data, pilot, offset, flat, inner, settings, noise_map=None, 
     channel = _Channel(region, settings["sigma"], settings["psd"], pilot, normalize, noise_map)
     if normalize:
         channel.offset = offset
-    adaptation = PSDAdaptation.of(profile, region.shape, settings["psd"], flat_fraction=flat)
+    adaptation = PSDAdaptation.of(profile, region.shape, settings["psd"], flatness=flat)
     stored = shared_group_bytes(profile, region.shape, adaptation)
     records = channel.records(profile, run, _budget(profile, channel.z, normalize, stored=stored),
                               adaptation)

@@ -24,7 +24,7 @@ import numpy as np
 
 from . import _native
 from .memory import choose_split, needs_copy, stage_budgets
-from .noise import noise_dominated_fraction, psd_concentration, whitening_kernel
+from .noise import Flatness, block_flatness, psd_concentration, whitening_kernel
 from .validation import MAX_DYNAMIC_RANGE, _check_psd, check_psd_rank, integer_tuple
 
 __all__ = ["StageProfile", "KORVOProfile", "BLOCK_SIZES", "BUILT_IN_BLOCKS", "FFT_LENGTHS",
@@ -62,13 +62,16 @@ MAX_EXTENT = 2 ** 31 - 1
 # noise resembles the reference's); the scales make up for it.
 PSD_SCALE_SLOPES = (0.125, 0.5)
 # From this concentration on, groups are matched on a prewhitened copy, when
-# at least this fraction of the data's blocks is noise-dominated (flat). The
-# selection effect lives in flat regions; on data textured throughout (dense
-# micro-CT, say) matching on the prewhitened copy loses 0.5-1.7 dB, on data
-# with flat regions it gains up to 3 dB (bench/coloured_study.py).
+# at least this fraction of the data's blocks is flat. The selection effect
+# lives in flat regions; on data textured throughout (dense micro-CT, say)
+# matching on the prewhitened copy loses 0.5-1.7 dB, on data with flat regions
+# it gains up to 3 dB (bench/coloured_study.py). Counting noise-dominated
+# blocks instead let textured volumes in at high noise (three MRIs and the
+# micro-CT at std 0.2 read 0.54 to 0.84), where it lost 0.16 to 0.63 dB; they
+# read 0.36 at most flat, volumes with flat regions 0.52 at least.
 PREWHITEN_FROM = 1.25
-PREWHITEN_FLAT_FRACTION = 0.5
-# Below this noise-dominated fraction the scales fade out in proportion: with
+PREWHITEN_FLAT_FRACTION = 0.45
+# Below this fraction of noise-dominated blocks the scales fade out in proportion: with
 # no flat block there is no selection effect to make up for, and on data
 # textured throughout they only blur (micro-CT of concrete and a cryo-electron
 # tomogram at std 0.05 and 0.1: 0.09 to 0.60 dB gained without them).
@@ -441,13 +444,13 @@ class PSDAdaptation:
     prewhitened copy (with the noise std, relative to the data's, that the
     prewhitened copy has)."""
 
-    def __init__(self, concentration=1.0, prewhiten=False, match_std=1.0, flat_fraction=None,
+    def __init__(self, concentration=1.0, prewhiten=False, match_std=1.0, flatness=None,
                  block=None):
         self.concentration = concentration
-        self.flat_fraction = flat_fraction
+        self.flatness = flatness
         growth = math.log(max(concentration, 1.0))
-        if flat_fraction is not None:
-            growth *= min(1.0, flat_fraction / SCALE_FLAT_FRACTION)
+        if flatness is not None:
+            growth *= min(1.0, flatness.noise_dominated / SCALE_FLAT_FRACTION)
         slopes = PSD_SCALE_SLOPES if block is None else LARGE_BLOCK_SLOPES
         self.scales = tuple(1.0 + slope * growth for slope in slopes)
         self.prewhiten = prewhiten
@@ -455,9 +458,9 @@ class PSDAdaptation:
         self.block = block  # the block of stages left on the default one (None: the default)
 
     @classmethod
-    def of(cls, profile, shape, psd, z=None, flat_fraction=None, keep_block=False):
+    def of(cls, profile, shape, psd, z=None, flatness=None, keep_block=False):
         """The adaptation of a call on ``shape`` with this PSD (None: white),
-        on the data ``z`` or with its noise-dominated block fraction given
+        on the data ``z`` or with their :class:`~korvo.noise.Flatness` given
         (neither: assumed flat enough to prewhiten). ``keep_block``: the call
         records or replays groups, which other calls (other noise) must be
         able to replay, so the default block stays."""
@@ -467,26 +470,27 @@ class PSDAdaptation:
                 set(asked) - {None} <= set(BUILT_IN_BLOCKS) or asked_large):
             return cls()
         concentration = psd_concentration(psd)
-        if flat_fraction is None and z is not None and concentration > 1.0:
-            flat_fraction = noise_dominated_fraction(z, psd)
+        if flatness is None and z is not None and concentration > 1.0:
+            flatness = block_flatness(z, psd)
         if asked_large or (concentration >= LARGE_BLOCK_FROM and not keep_block
                            and _takes_large_block(profile, shape)):
-            return cls(concentration, flat_fraction=flat_fraction, block=LARGE_BLOCK)
+            return cls(concentration, flatness=flatness, block=LARGE_BLOCK)
         same = all(getattr(profile.ht, n) == getattr(profile.wiener, n)
                    for n in ("block_size", "step", "search_window"))
         if not (same and concentration >= PREWHITEN_FROM) or (
-                flat_fraction is not None and flat_fraction < PREWHITEN_FLAT_FRACTION):
-            return cls(concentration, flat_fraction=flat_fraction)
-        return cls(concentration, True, whitening_kernel(psd, len(shape))[1], flat_fraction)
+                flatness is not None and flatness.flat < PREWHITEN_FLAT_FRACTION):
+            return cls(concentration, flatness=flatness)
+        return cls(concentration, True, whitening_kernel(psd, len(shape))[1], flatness)
 
     @classmethod
     def geometry(cls, profile, shape, psd):
         """The adaptation as far as the block goes, which the data's flatness
         leaves alone: what chunk margins and messages read, without the data."""
-        return cls.of(profile, shape, psd, flat_fraction=0.0)
+        return cls.of(profile, shape, psd, flatness=Flatness(0.0, 0.0))
 
     def __repr__(self):
-        flat = "" if self.flat_fraction is None else f", flat_fraction={self.flat_fraction:.3g}"
+        flat = "" if self.flatness is None else \
+            f", noise_dominated={self.flatness.noise_dominated:.3g}, flat={self.flatness.flat:.3g}"
         block = "" if self.block is None else f", block={self.block}"
         return (f"PSDAdaptation(concentration={self.concentration:.4g}{flat}, "
                 f"scales={self.scales}, prewhiten={self.prewhiten}{block})")
