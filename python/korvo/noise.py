@@ -460,8 +460,9 @@ class Flatness(NamedTuple):
 def block_flatness(z, psd):
     """:class:`Flatness` of the data's 8-sample blocks (8x8x8, or 8x8 in an
     image) under noise of this PSD: the fractions whose variance about their
-    own mean is below 1.5 (noise-dominated) and 1.1 (flat) times what the
-    noise alone gives them, where block matching sees mostly noise."""
+    own mean is below 1.5 times what the noise alone gives them
+    (noise-dominated), and below what nine in ten blocks of noise alone show
+    (flat), where block matching sees mostly noise."""
     *counts, total = flat_block_counts(z, psd)
     return Flatness(*(c / total for c in counts))
 
