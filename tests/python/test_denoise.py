@@ -148,11 +148,14 @@ def test_psd_concentration_prewhitening_and_adaptation(rng):
     assert "match" in profile.resolve(shape, psd=psd, z=noise)
     textured = profile.resolve(shape, psd=psd, z=texture)
     assert "match" not in textured
-    # Faint texture, as at high noise: noise-dominated blocks but no flat ones
-    # (it was matched on the prewhitened copy, and lost).
-    faint = noise + 0.6 * rng.standard_normal(shape)
-    assert korvo.noise.block_flatness(faint, psd).noise_dominated > 0.5
-    assert "match" not in profile.resolve(shape, psd=psd, z=faint)
+    # Faint texture, as at high noise: noise-dominated blocks but no flat ones.
+    # It was matched on the prewhitened copy, with the threshold scales, and lost.
+    x121 = korvo.psd_from_kernel(X121, (16, 16, 16))
+    faint = korvo.coloured_noise(X121, shape, 1.0, rng) + 0.6 * rng.standard_normal(shape)
+    assert korvo.noise.block_flatness(faint, x121).noise_dominated > 0.5
+    adapted = profile.resolve(shape, psd=x121, z=faint)
+    unadapted = korvo.KORVOProfile(adapt_to_psd=False).resolve(shape, psd=x121)
+    assert {k: repr(r) for k, r in adapted.items()} == {k: repr(r) for k, r in unadapted.items()}
     # Without a flat block there is no selection effect: the thresholds stay as written.
     assert textured["ht"].threshold_factor == pytest.approx(2.7 ** 2, rel=1e-6)
     assert textured["wiener"].wiener_factor == pytest.approx(0.75, rel=1e-6)
