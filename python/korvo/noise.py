@@ -502,4 +502,6 @@ def _within_block_variance(psd, block):
     d -= d.mean(axis=0, keepdims=True)
     d -= d.mean(axis=1, keepdims=True)
     mean = float(np.trace(d)) / n
+    if mean <= 0.0:  # noise constant over a block (all its power at zero frequency)
+        return 0.0, 0.0
     return mean, math.sqrt(2.0 * float(np.vdot(d, d))) / n / mean

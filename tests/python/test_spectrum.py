@@ -247,3 +247,7 @@ def test_finest_detail_and_block_variance_of_a_psd_match_simulation():
     flat = korvo.white_psd(0.1, (16, 16))
     assert _within_block_variance(flat, (8, 8, 8)) == pytest.approx(
         (0.01 * (1 - 1 / 512), np.sqrt(2 / 511)))
+    # Noise constant over every block has no spread to scale (a division by zero).
+    offset = np.zeros((16, 16, 16))
+    offset[0, 0, 0] = 40.96
+    assert _within_block_variance(offset, (8, 8, 8)) == (0.0, 0.0)
