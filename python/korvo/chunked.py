@@ -117,15 +117,6 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
         if pilot.shape != z.shape:
             raise ValueError(f"pilot shape {pilot.shape} differs from the data shape {z.shape}")
         pilot = pilot.rechunk(z.chunks)
-    # The chunks' own calls check no noise level: the central block speaks for
-    # them, read now. (A non-finite sample is the chunks' to report, when computed.)
-    from .denoise import _LEVEL_CHECKED, check_levels
-    sizes = (LEVEL_BLOCK,) * 3 if z.ndim == 3 else (8 * LEVEL_BLOCK,) * 2
-    central = None if _LEVEL_CHECKED.get() else central_block(z, sizes)
-    if central is not None and np.isfinite(central).all():
-        check_levels(central, sigmas[0], psd,
-                     None if noise_map is None else central_block(noise_map, sizes),
-                     None if pilot is None else central_block(pilot, sizes))
     # Refuses settings the shape cannot run.
     margin, align = chunk_margin(z.shape, profile, stages, psd)
     _check_overlap(z.shape, z.chunks, margin, align)
@@ -133,6 +124,7 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
         _check_region_limit(profile, psd, stages, normalize or z.dtype != np.float32,
                             [_region_extent(n, max(c), m, a) for n, c, m, a
                              in zip(z.shape, z.chunks, margin, align)])
+    _check_central_levels(z, sigmas[0], psd, noise_map)
 
     # One offset for every chunk: the whole array's mean, as the in-memory call takes it.
     # As one delayed value it is computed once; a dask array handed to each
@@ -170,6 +162,20 @@ def denoise_dask(z, sigma=None, *, psd=None, profile=None, channel_axis=None,
         return [nest(prefix + (i,)) for i in range(len(z.chunks[axis]))]
 
     return da.block(nest(()))
+
+
+def _check_central_levels(z, sigma, psd, noise_map):
+    """The noise-level checks the chunks' own calls skip, on the chunks that
+    hold the central block, computed now (data and map in one pass). A pilot
+    that is a dask array is not checked: computing it here would run its
+    whole graph there twice. A non-finite sample is the chunks' to report."""
+    from .denoise import _LEVEL_CHECKED, check_levels
+    if _LEVEL_CHECKED.get():
+        return
+    sizes = (LEVEL_BLOCK,) * 3 if z.ndim == 3 else (8 * LEVEL_BLOCK,) * 2
+    central, scale = central_block([z, noise_map], sizes)
+    if np.isfinite(central).all():
+        check_levels(central, sigma, psd, scale)
 
 
 # Chunks whose regions, margins included, add up to more than this many times
@@ -223,13 +229,20 @@ LEVEL_BLOCK = 64
 def central_block(z, sizes=(LEVEL_BLOCK,) * 3):
     """The block of at least ``sizes`` (64) samples per axis in the middle of a
     dask (or numpy) array, as a numpy array: where noise parameters are
-    estimated."""
+    estimated. Given a list of arrays of one shape (None entries stay None),
+    their blocks, computed together on the current scheduler (a distributed
+    client's, where one is active)."""
+    import dask
+
+    arrays = z if isinstance(z, list) else [z]
+    shape = next(a.shape for a in arrays if a is not None)
     key = []
-    for n, s in zip(z.shape, sizes):
+    for n, s in zip(shape, sizes):
         s = min(n, max(int(s), LEVEL_BLOCK))
         key.append(slice((n - s) // 2, (n - s) // 2 + s))
-    block = z[tuple(key)]
-    return np.asarray(block.compute(scheduler="sync") if is_dask(block) else block)
+    blocks = [None if a is None else a[tuple(key)] for a in arrays]
+    blocks = [None if b is None else np.asarray(b) for b in dask.compute(*blocks)]
+    return blocks if isinstance(z, list) else blocks[0]
 
 
 def stabilised_dask(z, model, sigma, params, options):

@@ -8,6 +8,7 @@ mean(PSD) / N.
 
 from __future__ import annotations
 
+import functools
 import math
 from typing import NamedTuple
 
@@ -443,8 +444,8 @@ def _fast_length(n):
 # noise-dominated where its variance about its mean is below 1.5 times what
 # the noise alone gives it (a signal variance under half the noise's), and
 # flat where it is below what nine in ten noise-only blocks show (1.08 times
-# for white noise, more for correlated noise, whose block variances spread
-# wider): at high noise most textured blocks are noise-dominated, and only
+# for white noise in 8x8x8 blocks, 1.23 in 8x8, more for correlated noise,
+# whose block variances spread wider; 1.5 at most): at high noise most textured blocks are noise-dominated, and only
 # flat ones tell data with flat regions apart.
 _FLAT_BLOCK = 8
 _NOISE_DOMINATED_RATIO = 1.5
@@ -477,28 +478,38 @@ def flat_block_counts(z, psd):
     split = cut.reshape([x for c, e in zip(counts, b) for x in (c, e)])
     within = split.var(axis=tuple(range(1, 2 * a.ndim, 2)))
     noise, spread = _within_block_variance(psd, b)
-    ratios = (_NOISE_DOMINATED_RATIO, 1.0 + _FLAT_SPREADS * spread)
+    # Never looser than noise-dominated (8x8 blocks under wide kernels spread far).
+    ratios = (_NOISE_DOMINATED_RATIO, min(1.0 + _FLAT_SPREADS * spread, _NOISE_DOMINATED_RATIO))
     return (*(int(np.sum(within < ratio * noise)) for ratio in ratios), within.size)
 
 
 def _within_block_variance(psd, block):
     """(E, relative std) of the variance of noise alone about its block mean,
-    x'Ax / n with A = I - J/n: for Gaussian noise of covariance C (the PSD's
-    autocovariance, lags wrapped onto its grid; an axis the PSD does not
-    resolve, extent 1, is white: lag 0 alone) the mean is tr(D)/n and the
-    variance 2 tr(D^2)/n^2, D = ACA."""
-    autocov = _autocovariance(psd, len(block))
+    x'Ax / n with A = I - J/n: for Gaussian noise of covariance C the mean is
+    tr(D)/n and the variance 2 tr(D^2)/n^2, D = ACA. C holds the PSD's
+    autocovariance at lags within half its grid (the lag of half the grid at
+    half weight, as the stages resample it); farther lags, which a grid
+    smaller than the block would wrap onto near ones, are uncorrelated, and an
+    axis the PSD does not resolve (extent 1) is white. Cached per PSD: the
+    chunks of an array each ask."""
+    p = np.ascontiguousarray(psd)
+    return _block_variance_of(p.tobytes(), p.shape, p.dtype.str, tuple(block))
+
+
+@functools.lru_cache(maxsize=8)
+def _block_variance_of(data, shape, dtype, block):
+    autocov = _autocovariance(np.frombuffer(data, dtype).reshape(shape), len(block))
     where = np.indices(block).reshape(len(block), -1)
     n = where.shape[1]
     index = np.zeros((n, n), dtype=np.intp)
-    white = np.ones((n, n), dtype=bool)
+    weight = np.ones((n, n))
     for axis, g in enumerate(autocov.shape):
         lag = where[axis][:, None] - where[axis][None, :]
         index = index * g + lag % g
-        if g == 1:
-            white &= lag == 0
-    d = np.where(white, autocov.ravel()[index], 0.0)
-    del index, white
+        reach = np.abs(lag) * 2
+        weight *= np.where(reach < g, 1.0, np.where(reach == g, 0.5, 0.0)) if g > 1 else lag == 0
+    d = autocov.ravel()[index] * weight
+    del index, weight
     d -= d.mean(axis=0, keepdims=True)
     d -= d.mean(axis=1, keepdims=True)
     mean = float(np.trace(d)) / n

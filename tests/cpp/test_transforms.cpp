@@ -232,7 +232,7 @@ TEST(Transf3D, ButterfliesMatchTheProduct) {
     }
 }
 
-// Every product path (the whole-cube code for 4 and 8 points and the generic one, every
+// Every product path (the whole-cube code for 4, 6 and 8 points and the generic one, every
 // axis length from 1 to beyond the stack-transposed limit) gives the bits of the plain
 // sequence, on each kernel set, in place or not. A flat block's z matrix is never applied.
 TEST(Transf3D, GeneralProductIsExactOnEverySet) {
