@@ -455,9 +455,11 @@ def korvo(z, sigma=None, *, psd=None, noise="gaussian", gain=None, offset=None, 
         check_limit(profile.memory_limit, plans[0], channels[0].z.size,
                     needs_copy(channels[0].z, normalize),
                     None if split.axis is None else split.count, _native, stored)
-    for i, channel in enumerate(channels if not _LEVEL_CHECKED.get() else ()):
-        check_levels(channel.z, sigmas[i], psd, channel.scale if noise_map is not None else None,
-                     channel.pilot, "" if split.axis is None else f" (channel {i})")
+    if not _LEVEL_CHECKED.get():
+        for i, channel in enumerate(channels):
+            check_levels(channel.z, sigmas[i], psd,
+                         channel.scale if noise_map is not None else None, channel.pilot,
+                         "" if split.axis is None else f" (channel {i})")
 
     if split.axis is None:
         return _denoise(channels[0], plans[0], run, matches, reporter, normalize)

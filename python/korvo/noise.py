@@ -445,8 +445,9 @@ def _fast_length(n):
 # the noise alone gives it (a signal variance under half the noise's), and
 # flat where it is below what nine in ten noise-only blocks show (1.08 times
 # for white noise in 8x8x8 blocks, 1.23 in 8x8, more for correlated noise,
-# whose block variances spread wider; 1.5 at most): at high noise most textured blocks are noise-dominated, and only
-# flat ones tell data with flat regions apart.
+# whose block variances spread wider; 1.5 at most): at high noise most
+# textured blocks are noise-dominated, and only flat ones tell data with flat
+# regions apart.
 _FLAT_BLOCK = 8
 _NOISE_DOMINATED_RATIO = 1.5
 _FLAT_SPREADS = 1.28  # standard deviations of a noise-only block's variance: 9 in 10 below

@@ -468,6 +468,15 @@ struct BoxTile {
     std::ptrdiff_t plane() const { return static_cast<std::ptrdiff_t>(b.x) * b.y; }
 };
 
+// Calls line(row, out) for every image row of the tile: out is its place in X.
+template <class Line>
+void forEachRowX(const BoxTile& t, float* X, Line line) {
+    for (int z = 0; z < t.planesZ(); ++z)
+        for (int y = 0; y < t.rowsY(); ++y)
+            line(t.image + z * t.planeStride + y * t.rowStride,
+                 X + (static_cast<std::ptrdiff_t>(z) * t.rowsY() + y) * t.b.x);
+}
+
 template <int N>
 void boxRowsX(const BoxTile& t, const float* m, float* X) {
     const int n = N > 0 ? N : t.b.x;
@@ -478,10 +487,9 @@ void boxRowsX(const BoxTile& t, const float* m, float* X) {
             for (int j = 0; j < n; ++j) mt[j * n + k] = m[k * n + j];
     const float* mm = transposed ? mt : m;
     const std::ptrdiff_t js = transposed ? n : 1, ks = transposed ? 1 : n;
-    for (int z = 0; z < t.planesZ(); ++z)
-        for (int y = 0; y < t.rowsY(); ++y)
-            productAlongLines<N>(t.image + z * t.planeStride + y * t.rowStride,
-                                 X + (static_cast<std::ptrdiff_t>(z) * t.rowsY() + y) * n, mm, n, js, ks, 1);
+    forEachRowX(t, X, [&](const float* row, float* out) {
+        productAlongLines<N>(row, out, mm, n, js, ks, 1);
+    });
 }
 
 void boxPassX(const BoxTile& t, const float* m, float* X) {
@@ -493,10 +501,7 @@ void boxPassX(const BoxTile& t, const float* m, float* X) {
 #if KORVO_CUBE_VECTORS
         {
             const Lines6 lines(m);
-            for (int z = 0; z < t.planesZ(); ++z)
-                for (int y = 0; y < t.rowsY(); ++y)
-                    lines(t.image + z * t.planeStride + y * t.rowStride,
-                          X + (static_cast<std::ptrdiff_t>(z) * t.rowsY() + y) * 6);
+            forEachRowX(t, X, lines);
             return;
         }
 #endif
